@@ -1,0 +1,605 @@
+// The SQLite mirror: loading the saved history at construction, flushing what
+// changed, and the usage document. No statement ever runs under the lock: what
+// is written is copied under it, and loading takes it only to change memory.
+#include "tracker.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace health {
+namespace {
+
+PyObject* db_of(ModuleState* st, TrackerObject* self, Ref& holder) {
+    holder.reset(PyObject_GetAttr(self->repo, st->s_db));
+    return holder.get();
+}
+
+Ref row_item(PyObject* row, Py_ssize_t i) {
+    if (PyTuple_CheckExact(row) && i < PyTuple_GET_SIZE(row)) {
+        return Ref::borrow(PyTuple_GET_ITEM(row, i));
+    }
+    return Ref(PySequence_GetItem(row, i));
+}
+
+// When the pending error is an ordinary one (not an interrupt or an exit
+// request), logs `message` with it on the module's logger and clears it:
+// 1 when it was handled, 0 when it must propagate, -1 when logging failed.
+int warn_if_ordinary(ModuleState* st, PyObject* module, PyObject* message) {
+    if (!PyErr_ExceptionMatches(PyExc_Exception)) return 0;
+    PendingError error;
+    Ref logger = module_attr(module, st->s_logger);
+    if (!logger) {
+        error.discard();
+        return -1;
+    }
+    Ref done = call_method(logger.get(), st->s_warning, {message, error.value()});
+    error.discard();
+    return done ? 1 : -1;
+}
+
+// ---------------------------------------------------------------------------
+// Loading
+
+// The guarded part of _load: read every row, delete the rows of removed tools.
+int read_health_rows(ModuleState* st, TrackerObject* self, Ref& rows) {
+    Ref db_holder;
+    PyObject* db = db_of(st, self, db_holder);
+    if (db == nullptr) return -1;
+    rows = call_method(db, st->s_fetchall, {st->sql_select_health});
+    if (!rows) return -1;
+    Ref tools = module_attr(self->module, st->s_TOOLS);
+    if (!tools) return -1;
+    Ref removed(PyList_New(0));
+    if (!removed) return -1;
+    Ref iter(PyObject_GetIter(rows.get()));
+    if (!iter) return -1;
+    while (Ref row{PyIter_Next(iter.get())}) {
+        Ref name = row_item(row.get(), 0);
+        if (!name) return -1;
+        Ref spec = call_method(tools.get(), st->s_get, {name.get()});
+        if (!spec) return -1;
+        if (spec.get() == Py_None) {
+            Ref param(PyTuple_Pack(1, name.get()));
+            if (!param || PyList_Append(removed.get(), param.get()) < 0) return -1;
+        }
+    }
+    if (PyErr_Occurred()) return -1;
+    if (PyList_GET_SIZE(removed.get()) > 0) {
+        Ref done = call_method(db, st->s_executemany, {st->sql_delete_health, removed.get()});
+        if (!done) return -1;
+    }
+    return 0;
+}
+
+// A count column: 0 for NULL, otherwise int() of the value.
+int count_column(PyObject* value, int64_t* out) {
+    if (value == Py_None) {
+        *out = 0;
+        return 0;
+    }
+    return int_of(value, out);
+}
+
+int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
+    PyObject* module = self->module;
+    Ref iter(PyObject_GetIter(rows));
+    if (!iter) return -1;
+    while (Ref row{PyIter_Next(iter.get())}) {
+        Ref name = row_item(row.get(), 0);
+        if (!name) return -1;
+        Ref tools = module_attr(module, st->s_TOOLS);
+        if (!tools) return -1;
+        Ref spec = call_method(tools.get(), st->s_get, {name.get()});
+        if (!spec) return -1;
+        if (spec.get() == Py_None) continue;
+        Ref calls = row_item(row.get(), 1), errors = row_item(row.get(), 2),
+            last_error = row_item(row.get(), 3), disabled = row_item(row.get(), 4),
+            updated = row_item(row.get(), 5);
+        if (!calls || !errors || !last_error || !disabled || !updated) return -1;
+        int64_t call_count, error_count;
+        if (count_column(calls.get(), &call_count) < 0 ||
+            count_column(errors.get(), &error_count) < 0) {
+            return -1;
+        }
+        Ref disabled_at = late_epoch(st, module, disabled.get());
+        if (!disabled_at) return -1;
+        Ref updated_at = late_epoch(st, module, updated.get());
+        if (!updated_at) return -1;
+        if (updated_at.get() == Py_None) {
+            updated_at.reset(PyFloat_FromDouble(0.0));
+            if (!updated_at) return -1;
+        }
+        Ref record = seeded_tool_state(st, module, call_count, error_count, last_error.get(),
+                                       disabled_at.get(), updated_at.get());
+        if (!record || PyDict_SetItem(self->state, name.get(), record.get()) < 0) return -1;
+    }
+    return PyErr_Occurred() ? -1 : 0;
+}
+
+PyObject* load(TrackerObject* self) {
+    ModuleState* st = state_of(self->module);
+    Ref rows;
+    if (read_health_rows(st, self, rows) < 0) {
+        const int handled = warn_if_ordinary(st, self->module, st->msg_health_unreadable);
+        if (handled == 1) Py_RETURN_NONE;
+        return nullptr;
+    }
+    return with_lock(self, [&]() -> PyObject* {
+        if (seed_health(st, self, rows.get()) < 0) return nullptr;
+        Py_RETURN_NONE;
+    });
+}
+
+// str(member) of a document row.
+Ref member(PyObject* item, PyObject* name) { return Ref(PyObject_GetItem(item, name)); }
+
+// The guarded part of _load_usage: the document's rows as usage key -> _Usage.
+int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
+    PyObject* module = self->module;
+    Ref db_holder;
+    PyObject* db = db_of(st, self, db_holder);
+    if (db == nullptr) return -1;
+    Ref key = module_attr(module, st->s_TOOL_USAGE_KEY);
+    if (!key) return -1;
+    Ref params(PyTuple_Pack(1, key.get()));
+    if (!params) return -1;
+    Ref row = call_method(db, st->s_fetchone, {st->sql_select_usage, params.get()});
+    if (!row) return -1;
+    loaded.reset(PyDict_New());
+    if (!loaded) return -1;
+    if (row.get() == Py_None) return 0;
+    Ref text = row_item(row.get(), 0);
+    if (!text) return -1;
+    if (!PyUnicode_Check(text.get())) return 0;
+    Ref json = module_attr(module, st->s_json);
+    if (!json) return -1;
+    Ref document = call_method(json.get(), st->s_loads, {text.get()});
+    if (!document) return -1;
+    if (PyDict_Check(document.get()) || PyUnicode_Check(document.get())) {
+        PyErr_Format(PyExc_TypeError, "the usage document is not an array but %.100s",
+                     Py_TYPE(document.get())->tp_name);
+        return -1;
+    }
+    Ref iter(PyObject_GetIter(document.get()));
+    if (!iter) return -1;
+    while (Ref item{PyIter_Next(iter.get())}) {
+        Ref tool = member(item.get(), st->s_tool);
+        if (!tool) return -1;
+        tool.reset(PyObject_Str(tool.get()));
+        Ref action = member(item.get(), st->s_action);
+        Ref outcome = action ? member(item.get(), st->s_outcome) : Ref();
+        if (!tool || !action || !outcome) return -1;
+        outcome.reset(PyObject_Str(outcome.get()));
+        Ref alias = outcome ? member(item.get(), st->s_alias_hit) : Ref();
+        if (!alias) return -1;
+        const int alias_hit = PyObject_IsTrue(alias.get());
+        if (alias_hit < 0) return -1;
+        Ref calls = member(item.get(), st->s_calls);
+        if (calls) calls.reset(PyNumber_Long(calls.get()));
+        Ref timed = calls ? member(item.get(), st->s_timed_calls) : Ref();
+        if (timed) timed.reset(PyNumber_Long(timed.get()));
+        Ref total = timed ? member(item.get(), st->s_total_ms) : Ref();
+        if (total) total.reset(PyNumber_Float(total.get()));
+        if (!total) return -1;
+        Ref usage_key(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(),
+                                   alias_hit ? Py_True : Py_False));
+        if (!usage_key) return -1;
+        Ref usage = seeded_usage(st, module, calls.get(), timed.get(), total.get());
+        if (!usage || PyDict_SetItem(loaded.get(), usage_key.get(), usage.get()) < 0) return -1;
+    }
+    return PyErr_Occurred() ? -1 : 0;
+}
+
+PyObject* load_usage(TrackerObject* self) {
+    ModuleState* st = state_of(self->module);
+    Ref loaded;
+    if (read_usage_document(st, self, loaded) < 0) {
+        const int handled = warn_if_ordinary(st, self->module, st->msg_usage_unreadable);
+        if (handled == 1) Py_RETURN_NONE;
+        return nullptr;
+    }
+    // Drop the counts of tools and actions the registry no longer has.
+    std::vector<std::pair<Ref, Ref>> kept;
+    Py_ssize_t pos = 0;
+    PyObject *key, *usage;
+    while (PyDict_Next(loaded.get(), &pos, &key, &usage)) {
+        Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);
+        const int known =
+            late_known(st, self->module, PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1));
+        if (known < 0) return nullptr;
+        if (known) kept.emplace_back(std::move(key_ref), std::move(usage_ref));
+    }
+    const bool dropped = static_cast<Py_ssize_t>(kept.size()) < PyDict_GET_SIZE(loaded.get());
+    return with_lock(self, [&]() -> PyObject* {
+        for (auto& entry : kept) {
+            if (PyDict_SetItem(self->usage, entry.first.get(), entry.second.get()) < 0) {
+                return nullptr;
+            }
+        }
+        self->usage_dirty = dropped;
+        Py_RETURN_NONE;
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Flushing
+
+// Puts marks back after a failed write, keeping the write's error as it is.
+template <class Restore>
+void restore_marks(TrackerObject* self, Restore&& restore) {
+    if (!PyErr_ExceptionMatches(PyExc_Exception)) return;  // interrupts pass through
+    PendingError error;
+    LockHold hold(self);
+    if (hold.acquire() < 0) {
+        PyErr_Clear();
+        return;
+    }
+    if (restore() < 0) PyErr_Clear();
+    if (hold.release() < 0) PyErr_Clear();
+}
+
+int add_all(PyObject* set, PyObject* names) {
+    const Py_ssize_t n = PyList_GET_SIZE(names);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        if (PySet_Add(set, PyList_GET_ITEM(names, i)) < 0) return -1;
+    }
+    return 0;
+}
+
+PyObject* flush_health(TrackerObject* self) {
+    ModuleState* st = state_of(self->module);
+    Ref names, rows;
+    PyObject* copied = with_lock(self, [&]() -> PyObject* {
+        names.reset(PySequence_List(self->dirty));
+        if (!names || PyList_Sort(names.get()) < 0) return nullptr;
+        if (PySet_Clear(self->dirty) < 0) return nullptr;
+        rows.reset(PyList_New(0));
+        if (!rows) return nullptr;
+        const Py_ssize_t n = PyList_GET_SIZE(names.get());
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            PyObject* name = PyList_GET_ITEM(names.get(), i);
+            PyObject* found = PyDict_GetItemWithError(self->state, name);
+            if (found == nullptr) {
+                if (PyErr_Occurred()) return nullptr;
+                continue;
+            }
+            Ref rec = Ref::borrow(found);
+            Ref disabled = state_field(st, found, st->s_disabled_at);
+            if (!disabled) return nullptr;
+            Ref disabled_text = late_sqlite_time(st, self->module, disabled.get());
+            if (!disabled_text) return nullptr;
+            Ref updated_text = is_native_state(st, found)
+                                   ? late_sqlite_time(st, self->module, as_state(found)->updated_at)
+                                   : [&] {
+                                         Ref v = state_field(st, found, st->s_updated_at);
+                                         return v ? late_sqlite_time(st, self->module, v.get()) : Ref();
+                                     }();
+            if (!updated_text) return nullptr;
+            Ref calls = state_field(st, found, st->s_call_count);
+            Ref errors = state_field(st, found, st->s_error_count);
+            Ref last = state_field(st, found, st->s_last_error);
+            if (!calls || !errors || !last) return nullptr;
+            Ref row(PyTuple_Pack(6, name, calls.get(), errors.get(), last.get(),
+                                 disabled_text.get(), updated_text.get()));
+            if (!row || PyList_Append(rows.get(), row.get()) < 0) return nullptr;
+        }
+        Py_RETURN_NONE;
+    });
+    if (copied == nullptr) {
+        // A record that cannot be copied must not lose its mark.
+        if (names) {
+            restore_marks(self, [&] { return add_all(self->dirty, names.get()); });
+        }
+        return nullptr;
+    }
+    Py_DECREF(copied);
+    const Py_ssize_t count = PyList_GET_SIZE(rows.get());
+    if (count == 0) return PyLong_FromLong(0);
+    Ref db_holder;
+    PyObject* db = db_of(st, self, db_holder);
+    Ref done = db ? call_method(db, st->s_executemany, {st->sql_upsert_health, rows.get()}) : Ref();
+    if (!done) {
+        restore_marks(self, [&] { return add_all(self->dirty, names.get()); });
+        return nullptr;
+    }
+    return PyLong_FromSsize_t(count);
+}
+
+// One row of the usage document, copied under the lock.
+struct DocumentRow {
+    Ref tool, action, outcome, alias_hit;
+    bool native = false;
+    int64_t calls = 0, timed_calls = 0;
+    double total_ms = 0.0;
+    Ref calls_obj, timed_obj, total_obj;  // for a record of a host type
+};
+
+void append_json_string(std::string& out, PyObject* text) {
+    static const char hex[] = "0123456789abcdef";
+    const int kind = PyUnicode_KIND(text);
+    const void* data = PyUnicode_DATA(text);
+    const Py_ssize_t len = PyUnicode_GET_LENGTH(text);
+    out.push_back('"');
+    for (Py_ssize_t i = 0; i < len; ++i) {
+        Py_UCS4 c = PyUnicode_READ(kind, data, i);
+        if (c >= ' ' && c <= '~' && c != '\\' && c != '"') {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        switch (c) {
+            case '\\': out.append("\\\\"); continue;
+            case '"': out.append("\\\""); continue;
+            case '\b': out.append("\\b"); continue;
+            case '\f': out.append("\\f"); continue;
+            case '\n': out.append("\\n"); continue;
+            case '\r': out.append("\\r"); continue;
+            case '\t': out.append("\\t"); continue;
+            default: break;
+        }
+        auto unit = [&](Py_UCS4 u) {
+            const char esc[] = {'\\', 'u', hex[(u >> 12) & 0xf], hex[(u >> 8) & 0xf],
+                                hex[(u >> 4) & 0xf], hex[u & 0xf]};
+            out.append(esc, sizeof esc);
+        };
+        if (c >= 0x10000) {
+            const Py_UCS4 v = c - 0x10000;
+            unit(0xd800 | ((v >> 10) & 0x3ff));
+            unit(0xdc00 | (v & 0x3ff));
+        } else {
+            unit(c);
+        }
+    }
+    out.push_back('"');
+}
+
+void append_int(std::string& out, int64_t v) {
+    char buf[24];
+    auto res = std::to_chars(buf, buf + sizeof buf, v);
+    out.append(buf, res.ptr);
+}
+
+void append_double(std::string& out, double v) {
+    if (std::isnan(v)) {
+        out.append("NaN");
+    } else if (std::isinf(v)) {
+        out.append(v > 0 ? "Infinity" : "-Infinity");
+    } else {
+        append_float_repr(out, v);
+    }
+}
+
+// Writes a value of a type json.dumps lays out in an obvious way; false for
+// anything else, which the caller leaves to json.dumps itself.
+bool append_value(std::string& out, PyObject* v) {
+    if (PyUnicode_CheckExact(v)) {
+        append_json_string(out, v);
+    } else if (v == Py_None) {
+        out.append("null");
+    } else if (v == Py_True) {
+        out.append("true");
+    } else if (v == Py_False) {
+        out.append("false");
+    } else if (PyLong_CheckExact(v)) {
+        int overflow = 0;
+        const long long n = PyLong_AsLongLongAndOverflow(v, &overflow);
+        if (overflow != 0 || (n == -1 && PyErr_Occurred())) {
+            PyErr_Clear();
+            return false;
+        }
+        append_int(out, n);
+    } else if (PyFloat_CheckExact(v)) {
+        append_double(out, PyFloat_AS_DOUBLE(v));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// The usage document laid out natively: identical to
+// json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
+Ref layout_native(const std::vector<DocumentRow>& rows) {
+    std::string out;
+    out.reserve(rows.size() * 112 + 2);
+    out.push_back('[');
+    bool first = true;
+    for (const DocumentRow& r : rows) {
+        if (!first) out.push_back(',');
+        first = false;
+        out.append("{\"tool\":");
+        if (!append_value(out, r.tool.get())) return Ref();
+        out.append(",\"action\":");
+        if (!append_value(out, r.action.get())) return Ref();
+        out.append(",\"outcome\":");
+        if (!append_value(out, r.outcome.get())) return Ref();
+        out.append(",\"alias_hit\":");
+        if (!append_value(out, r.alias_hit.get())) return Ref();
+        if (r.native) {
+            out.append(",\"calls\":");
+            append_int(out, r.calls);
+            out.append(",\"timed_calls\":");
+            append_int(out, r.timed_calls);
+            out.append(",\"total_ms\":");
+            append_double(out, r.total_ms);
+        } else {
+            out.append(",\"calls\":");
+            if (!append_value(out, r.calls_obj.get())) return Ref();
+            out.append(",\"timed_calls\":");
+            if (!append_value(out, r.timed_obj.get())) return Ref();
+            out.append(",\"total_ms\":");
+            if (!append_value(out, r.total_obj.get())) return Ref();
+        }
+        out.push_back('}');
+    }
+    out.push_back(']');
+    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(out.size()), 127));
+    if (text) std::memcpy(PyUnicode_DATA(text.get()), out.data(), out.size());
+    return text;
+}
+
+// The rows as the list of dicts that json.dumps receives.
+Ref rows_as_objects(ModuleState* st, const std::vector<DocumentRow>& rows) {
+    Ref list(PyList_New(0));
+    if (!list) return Ref();
+    for (const DocumentRow& r : rows) {
+        Ref calls = r.native ? Ref(PyLong_FromLongLong(r.calls)) : Ref::borrow(r.calls_obj.get());
+        Ref timed =
+            r.native ? Ref(PyLong_FromLongLong(r.timed_calls)) : Ref::borrow(r.timed_obj.get());
+        Ref total = r.native ? Ref(PyFloat_FromDouble(r.total_ms)) : Ref::borrow(r.total_obj.get());
+        Ref row(PyDict_New());
+        if (!calls || !timed || !total || !row) return Ref();
+        if (PyDict_SetItem(row.get(), st->s_tool, r.tool.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_action, r.action.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_calls, calls.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_timed_calls, timed.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_total_ms, total.get()) < 0 ||
+            PyList_Append(list.get(), row.get()) < 0) {
+            return Ref();
+        }
+    }
+    return list;
+}
+
+// The document text, natively while the module's json is still the real one.
+Ref layout_document(ModuleState* st, PyObject* module, const std::vector<DocumentRow>& rows) {
+    Ref json = module_attr(module, st->s_json);
+    if (!json) return Ref();
+    Ref dumps(PyObject_GetAttr(json.get(), st->s_dumps));
+    if (!dumps) return Ref();
+    if (json.get() == st->json_module && dumps.get() == st->json_dumps) {
+        Ref text = layout_native(rows);
+        if (text || PyErr_Occurred()) return text;
+    }
+    Ref objects = rows_as_objects(st, rows);
+    if (!objects) return Ref();
+    Ref kwnames(PyTuple_Pack(1, st->s_separators));
+    if (!kwnames) return Ref();
+    PyObject* args[] = {objects.get(), st->compact_separators};
+    return Ref(PyObject_Vectorcall(dumps.get(), args, 1, kwnames.get()));
+}
+
+int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentRow& r) {
+    if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
+        r.tool = Ref::borrow(PyTuple_GET_ITEM(key, 0));
+        r.action = Ref::borrow(PyTuple_GET_ITEM(key, 1));
+        r.outcome = Ref::borrow(PyTuple_GET_ITEM(key, 2));
+        r.alias_hit = Ref::borrow(PyTuple_GET_ITEM(key, 3));
+    } else {
+        r.tool.reset(PySequence_GetItem(key, 0));
+        r.action.reset(PySequence_GetItem(key, 1));
+        r.outcome.reset(PySequence_GetItem(key, 2));
+        r.alias_hit.reset(PySequence_GetItem(key, 3));
+        if (!r.tool || !r.action || !r.outcome || !r.alias_hit) return -1;
+    }
+    if (is_native_usage(st, usage)) {
+        UsageObject* u = as_usage(usage);
+        r.native = true;
+        r.calls = u->calls;
+        r.timed_calls = u->timed_calls;
+        r.total_ms = round_half_even(u->total_ms, 3);
+        return 0;
+    }
+    r.calls_obj = usage_field(st, usage, st->s_calls);
+    r.timed_obj = usage_field(st, usage, st->s_timed_calls);
+    Ref total = usage_field(st, usage, st->s_total_ms);
+    if (!r.calls_obj || !r.timed_obj || !total) return -1;
+    Ref three(PyLong_FromLong(3));
+    if (!three) return -1;
+    r.total_obj = call(st->round_fn, {total.get(), three.get()});
+    return r.total_obj ? 0 : -1;
+}
+
+PyObject* flush_usage(TrackerObject* self) {
+    ModuleState* st = state_of(self->module);
+    std::vector<DocumentRow> rows;
+    bool wanted = false;
+    PyObject* copied = with_lock(self, [&]() -> PyObject* {
+        if (!self->usage_dirty) Py_RETURN_NONE;
+        self->usage_dirty = false;
+        wanted = true;
+        rows.reserve(static_cast<size_t>(PyDict_GET_SIZE(self->usage)));
+        Py_ssize_t pos = 0;
+        PyObject *key, *usage;
+        Ref snapshot(PyDict_Copy(self->usage));  // reading a host record may run Python code
+        if (!snapshot) return nullptr;
+        while (PyDict_Next(snapshot.get(), &pos, &key, &usage)) {
+            rows.emplace_back();
+            if (copy_document_row(st, key, usage, rows.back()) < 0) return nullptr;
+        }
+        Py_RETURN_NONE;
+    });
+    auto set_mark = [&] {
+        self->usage_dirty = true;
+        return 0;
+    };
+    if (copied == nullptr) {
+        if (wanted) restore_marks(self, set_mark);
+        return nullptr;
+    }
+    Py_DECREF(copied);
+    if (!wanted) return PyLong_FromLong(0);
+    Ref text = layout_document(st, self->module, rows);
+    Ref done;
+    if (text) {
+        Ref key = module_attr(self->module, st->s_TOOL_USAGE_KEY);
+        Ref params = key ? Ref(PyTuple_Pack(2, key.get(), text.get())) : Ref();
+        Ref db_holder;
+        PyObject* db = params ? db_of(st, self, db_holder) : nullptr;
+        if (db) done = call_method(db, st->s_execute, {st->sql_write_usage, params.get()});
+    }
+    if (!done) {
+        restore_marks(self, set_mark);
+        return nullptr;
+    }
+    return PyLong_FromSize_t(rows.size());
+}
+
+}  // namespace
+
+PyObject* tracker_load(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    return guarded<PyObject*>(nullptr, [&] { return load(self); });
+}
+
+PyObject* tracker_load_usage(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    return guarded<PyObject*>(nullptr, [&] { return load_usage(self); });
+}
+
+PyObject* tracker_flush_health(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    return guarded<PyObject*>(nullptr, [&] { return flush_health(self); });
+}
+
+PyObject* tracker_flush_usage(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    return guarded<PyObject*>(nullptr, [&] { return flush_usage(self); });
+}
+
+PyObject* tracker_flush(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    ModuleState* st = state_of(self->module);
+    Ref health_rows = call_own(self, st->s__flush_health, tracker_flush_health);
+    if (!health_rows) return nullptr;
+    Ref usage_rows = call_own(self, st->s__flush_usage, tracker_flush_usage);
+    if (!usage_rows) return nullptr;
+    return PyNumber_Add(health_rows.get(), usage_rows.get());
+}
+
+PyObject* tracker_has_unsaved_changes(PyObject* op, void*) {
+    TrackerObject* self = as_tracker(op);
+    return with_lock(self, [&]() -> PyObject* {
+        return PyBool_FromLong(PySet_GET_SIZE(self->dirty) > 0 || self->usage_dirty);
+    });
+}
+
+}  // namespace health

@@ -1,0 +1,58 @@
+// The two record types, and access to a record that may be the module's own
+// native record or an object of a type the host put in its place.
+#pragma once
+
+#include "health.hpp"
+
+namespace health {
+
+struct ToolStateObject {
+    PyObject_HEAD
+    int64_t call_count;
+    int64_t error_count;
+    int64_t consecutive_errors;
+    PyObject* last_error;  // any object; None when no error was recorded
+    double disabled_at;
+    double updated_at;
+    bool has_disabled_at;
+};
+
+struct UsageObject {
+    PyObject_HEAD
+    int64_t calls;
+    int64_t timed_calls;
+    double total_ms;
+};
+
+inline bool is_native_state(ModuleState* st, PyObject* rec) noexcept {
+    return Py_TYPE(rec) == st->tool_state_type;
+}
+inline bool is_native_usage(ModuleState* st, PyObject* rec) noexcept {
+    return Py_TYPE(rec) == st->usage_type;
+}
+inline ToolStateObject* as_state(PyObject* rec) noexcept {
+    return reinterpret_cast<ToolStateObject*>(rec);
+}
+inline UsageObject* as_usage(PyObject* rec) noexcept { return reinterpret_cast<UsageObject*>(rec); }
+
+// A default record made through the module's current `_ToolState` / `_Usage`.
+Ref new_tool_state(ModuleState* st, PyObject* module) noexcept;
+Ref new_usage(ModuleState* st, PyObject* module) noexcept;
+
+// A seeded record: `_ToolState(call_count=, error_count=, last_error=,
+// disabled_at=, updated_at=)` and `_Usage(calls, timed_calls, total_ms)`.
+Ref seeded_tool_state(ModuleState* st, PyObject* module, int64_t call_count, int64_t error_count,
+                      PyObject* last_error, PyObject* disabled_at, PyObject* updated_at) noexcept;
+Ref seeded_usage(ModuleState* st, PyObject* module, PyObject* calls, PyObject* timed_calls,
+                 PyObject* total_ms) noexcept;
+
+// A field of either kind of record as a Python object (new reference).
+Ref state_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept;
+Ref usage_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept;
+
+// rec.field += 1 on a record of a host type.
+int increment_attr(PyObject* rec, PyObject* field) noexcept;
+// Checked 64-bit increment: OverflowError instead of wrapping.
+int increment(int64_t* value) noexcept;
+
+}  // namespace health

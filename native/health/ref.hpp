@@ -1,0 +1,125 @@
+// Owned references and small helpers shared by every file of the module.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <new>
+#include <utility>
+
+namespace health {
+
+// A strong reference that is released when it goes out of scope.
+class Ref {
+public:
+    Ref() noexcept = default;
+    // Takes ownership of a new reference (may be null after a failed call).
+    explicit Ref(PyObject* owned) noexcept : p_(owned) {}
+    Ref(const Ref&) = delete;
+    Ref& operator=(const Ref&) = delete;
+    Ref(Ref&& other) noexcept : p_(other.p_) { other.p_ = nullptr; }
+    Ref& operator=(Ref&& other) noexcept {
+        if (this != &other) {
+            PyObject* old = p_;
+            p_ = other.p_;
+            other.p_ = nullptr;
+            Py_XDECREF(old);
+        }
+        return *this;
+    }
+    ~Ref() { Py_XDECREF(p_); }
+
+    // A new strong reference to a borrowed object.
+    static Ref borrow(PyObject* borrowed) noexcept {
+        Py_XINCREF(borrowed);
+        return Ref(borrowed);
+    }
+
+    PyObject* get() const noexcept { return p_; }
+    explicit operator bool() const noexcept { return p_ != nullptr; }
+    // Hands the reference to the caller.
+    PyObject* release() noexcept {
+        PyObject* p = p_;
+        p_ = nullptr;
+        return p;
+    }
+    void reset(PyObject* owned = nullptr) noexcept {
+        PyObject* old = p_;
+        p_ = owned;
+        Py_XDECREF(old);
+    }
+
+private:
+    PyObject* p_ = nullptr;
+};
+
+inline Ref new_ref(PyObject* borrowed) noexcept { return Ref::borrow(borrowed); }
+
+// The exception being raised, taken out of the thread state while cleanup code
+// that may call into Python runs, and put back afterwards unless handed on.
+class PendingError {
+public:
+    PendingError() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+        exc_ = PyErr_GetRaisedException();
+#else
+        PyObject *type = nullptr, *tb = nullptr;
+        PyErr_Fetch(&type, &exc_, &tb);
+        PyErr_NormalizeException(&type, &exc_, &tb);
+        if (tb != nullptr && exc_ != nullptr) PyException_SetTraceback(exc_, tb);
+        Py_XDECREF(type);
+        Py_XDECREF(tb);
+#endif
+    }
+    PendingError(const PendingError&) = delete;
+    PendingError& operator=(const PendingError&) = delete;
+    ~PendingError() { restore(); }
+
+    // The exception object itself (borrowed).
+    PyObject* value() const noexcept { return exc_; }
+    // Raises it again now.
+    void restore() noexcept {
+        if (exc_ == nullptr) return;
+#if PY_VERSION_HEX >= 0x030C0000
+        PyErr_SetRaisedException(exc_);
+#else
+        PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc_))), exc_,
+                      PyException_GetTraceback(exc_));
+#endif
+        exc_ = nullptr;
+    }
+    // Forgets it: it has been handled.
+    void discard() noexcept { Py_CLEAR(exc_); }
+
+private:
+    PyObject* exc_ = nullptr;
+};
+
+// Keeps the exception being raised across cleanup code that may call into Python.
+using ErrorGuard = PendingError;
+
+// Turns a C++ exception that reached an entry point into the matching Python error.
+inline void set_error_from_cpp() noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_RuntimeError, "unexpected native error");
+    }
+}
+
+// Runs body(); a C++ exception becomes a Python error and the result `failed`.
+template <class R, class F>
+R guarded(R failed, F&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        set_error_from_cpp();
+        return failed;
+    }
+}
+
+}  // namespace health

@@ -1,0 +1,330 @@
+// The health summary: every known tool worst-first, each with its usage rows.
+// Built under one hold of the lock. The usage map is grouped by tool in one
+// pass, so the summary costs one walk of it rather than one walk per tool; the
+// answer and the order of the is_slow_call calls are those of a per-tool walk.
+#include "tracker.hpp"
+
+#include <vector>
+
+namespace health {
+namespace {
+
+// A stable merge sort that stays in bounds whatever the comparator answers
+// (a host object's comparison may be inconsistent, or fail).
+template <class T, class Less>
+int stable_sort(std::vector<T>& items, Less&& less) {
+    const size_t n = items.size();
+    std::vector<T> buffer(n);
+    for (size_t width = 1; width < n; width *= 2) {
+        for (size_t lo = 0; lo < n; lo += 2 * width) {
+            const size_t mid = std::min(lo + width, n);
+            const size_t hi = std::min(lo + 2 * width, n);
+            size_t i = lo, j = mid, k = lo;
+            while (i < mid && j < hi) {
+                const int before = less(items[j], items[i]);
+                if (before < 0) return -1;
+                buffer[k++] = std::move(before ? items[j++] : items[i++]);
+            }
+            while (i < mid) buffer[k++] = std::move(items[i++]);
+            while (j < hi) buffer[k++] = std::move(items[j++]);
+        }
+        items.swap(buffer);
+    }
+    return 0;
+}
+
+// Three-way comparison of two sort key members the way a tuple compares them.
+int compare(PyObject* a, PyObject* b, int* out) {
+    if (a == b) {
+        *out = 0;
+        return 0;
+    }
+    if (PyUnicode_CheckExact(a) && PyUnicode_CheckExact(b)) {
+        const int c = PyUnicode_Compare(a, b);
+        if (c == -1 && PyErr_Occurred()) return -1;
+        *out = c;
+        return 0;
+    }
+    const int eq = PyObject_RichCompareBool(a, b, Py_EQ);
+    if (eq < 0) return -1;
+    if (eq) {
+        *out = 0;
+        return 0;
+    }
+    const int lt = PyObject_RichCompareBool(a, b, Py_LT);
+    if (lt < 0) return -1;
+    *out = lt ? -1 : 1;
+    return 0;
+}
+
+int compare_counts(bool native, int64_t a, int64_t b, PyObject* ao, PyObject* bo, int* out) {
+    if (native) {
+        *out = a < b ? -1 : (a > b ? 1 : 0);
+        return 0;
+    }
+    return compare(ao, bo, out);
+}
+
+struct UsageEntry {
+    Ref key;
+    Ref usage;
+};
+
+struct ToolEntry {
+    Ref name;
+    Ref record;  // from _state, or a default one for a tool known only by its usage
+    std::vector<UsageEntry> usage;
+    bool native = false;
+    int64_t errors = 0, calls = 0;
+    Ref errors_obj, calls_obj;
+};
+
+struct UsageRow {
+    Ref row;
+    bool native = false;
+    int64_t calls = 0;
+    Ref calls_obj;
+    Ref action_text;  // the action, or "None" for a null action
+    Ref outcome;
+    Ref alias_hit;
+};
+
+// Member i of a usage key.
+Ref key_member(PyObject* key, Py_ssize_t i) {
+    if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
+        return Ref::borrow(PyTuple_GET_ITEM(key, i));
+    }
+    return Ref(PySequence_GetItem(key, i));
+}
+
+Ref average_ms(ModuleState* st, PyObject* usage, UsageRow& row) {
+    if (is_native_usage(st, usage)) {
+        UsageObject* u = as_usage(usage);
+        row.native = true;
+        row.calls = u->calls;
+        if (u->timed_calls == 0) return Ref::borrow(Py_None);
+        const double mean = u->total_ms / static_cast<double>(u->timed_calls);
+        return Ref(PyFloat_FromDouble(round_half_even(mean, 2)));
+    }
+    Ref timed(PyObject_GetAttr(usage, st->s_timed_calls));
+    if (!timed) return Ref();
+    const int any = PyObject_IsTrue(timed.get());
+    if (any < 0) return Ref();
+    if (!any) return Ref::borrow(Py_None);
+    Ref total(PyObject_GetAttr(usage, st->s_total_ms));
+    if (!total) return Ref();
+    Ref mean(PyNumber_TrueDivide(total.get(), timed.get()));
+    if (!mean) return Ref();
+    Ref two(PyLong_FromLong(2));
+    if (!two) return Ref();
+    return call(st->round_fn, {mean.get(), two.get()});
+}
+
+int set_item(PyObject* dict, PyObject* key, const Ref& value) {
+    return value ? PyDict_SetItem(dict, key, value.get()) : -1;
+}
+
+// The usage rows of one tool from its entries, in usage-map order, then sorted.
+PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
+                     const std::vector<UsageEntry>& entries) {
+    std::vector<UsageRow> rows;
+    rows.reserve(entries.size());
+    for (const UsageEntry& entry : entries) {
+        UsageRow r;
+        Ref action = key_member(entry.key.get(), 1);
+        if (!action) return nullptr;
+        r.outcome = key_member(entry.key.get(), 2);
+        if (!r.outcome) return nullptr;
+        r.alias_hit = key_member(entry.key.get(), 3);
+        if (!r.alias_hit) return nullptr;
+        Ref row(PyDict_New());
+        if (!row) return nullptr;
+        Ref avg = average_ms(st, entry.usage.get(), r);
+        if (!avg) return nullptr;
+        r.calls_obj = r.native ? Ref(PyLong_FromLongLong(r.calls))
+                               : usage_field(st, entry.usage.get(), st->s_calls);
+        if (!r.calls_obj) return nullptr;
+        Ref is_slow_call = module_attr(module, st->s_is_slow_call);
+        if (!is_slow_call) return nullptr;
+        Ref slow = call(is_slow_call.get(), {tool_name, action.get()});
+        if (!slow) return nullptr;
+        if (PyDict_SetItem(row.get(), st->s_action, action.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_calls, r.calls_obj.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_avg_ms, avg.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_slow, slow.get()) < 0) {
+            return nullptr;
+        }
+        r.action_text = Ref::borrow(action.get() == Py_None ? st->none_str : action.get());
+        r.row = std::move(row);
+        rows.push_back(std::move(r));
+    }
+    // Most calls first, then action text, outcome, and alias_hit False before True.
+    const int sorted = stable_sort(rows, [](const UsageRow& a, const UsageRow& b) -> int {
+        int c;
+        if (compare_counts(a.native && b.native, b.calls, a.calls, b.calls_obj.get(),
+                           a.calls_obj.get(), &c) < 0) {
+            return -1;
+        }
+        if (c == 0 && compare(a.action_text.get(), b.action_text.get(), &c) < 0) return -1;
+        if (c == 0 && compare(a.outcome.get(), b.outcome.get(), &c) < 0) return -1;
+        if (c == 0 && compare(a.alias_hit.get(), b.alias_hit.get(), &c) < 0) return -1;
+        return c < 0 ? 1 : 0;
+    });
+    if (sorted < 0) return nullptr;
+    Ref list(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+    if (!list) return nullptr;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), rows[i].row.release());
+    }
+    return list.release();
+}
+
+// One walk of _usage: the entries whose tool equals `tool_name`.
+int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<UsageEntry>& out) {
+    Py_ssize_t pos = 0;
+    PyObject *key, *usage;
+    Ref snapshot(PyDict_Copy(self->usage));  // Python code below may change the map
+    if (!snapshot) return -1;
+    while (PyDict_Next(snapshot.get(), &pos, &key, &usage)) {
+        Ref tool = key_member(key, 0);
+        if (!tool) return -1;
+        const int same = PyObject_RichCompareBool(tool.get(), tool_name, Py_EQ);
+        if (same < 0) return -1;
+        if (same) out.push_back({Ref::borrow(key), Ref::borrow(usage)});
+    }
+    return 0;
+}
+
+PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
+    PyObject* module = self->module;
+    std::vector<ToolEntry> tools;
+    Ref index(PyDict_New());  // tool name -> its place in `tools`
+    if (!index) return nullptr;
+    {
+        Py_ssize_t pos = 0;
+        PyObject *name, *record;
+        while (PyDict_Next(self->state, &pos, &name, &record)) {
+            Ref place(PyLong_FromSize_t(tools.size()));
+            if (!place || PyDict_SetItem(index.get(), name, place.get()) < 0) return nullptr;
+            ToolEntry t;
+            t.name = Ref::borrow(name);
+            t.record = Ref::borrow(record);
+            tools.push_back(std::move(t));
+        }
+        pos = 0;
+        PyObject *key, *usage;
+        while (PyDict_Next(self->usage, &pos, &key, &usage)) {
+            Ref tool = key_member(key, 0);
+            if (!tool) return nullptr;
+            PyObject* place = PyDict_GetItemWithError(index.get(), tool.get());
+            size_t at;
+            if (place != nullptr) {
+                at = PyLong_AsSize_t(place);
+            } else {
+                if (PyErr_Occurred()) return nullptr;
+                at = tools.size();
+                Ref fresh(PyLong_FromSize_t(at));
+                if (!fresh || PyDict_SetItem(index.get(), tool.get(), fresh.get()) < 0) {
+                    return nullptr;
+                }
+                ToolEntry t;
+                t.name = std::move(tool);
+                tools.push_back(std::move(t));
+            }
+            tools[at].usage.push_back({Ref::borrow(key), Ref::borrow(usage)});
+        }
+    }
+    for (ToolEntry& t : tools) {
+        if (!t.record) {
+            t.record = new_tool_state(st, module);
+            if (!t.record) return nullptr;
+        }
+        if (is_native_state(st, t.record.get())) {
+            t.native = true;
+            t.errors = as_state(t.record.get())->error_count;
+            t.calls = as_state(t.record.get())->call_count;
+        } else {
+            t.errors_obj = state_field(st, t.record.get(), st->s_error_count);
+            t.calls_obj = state_field(st, t.record.get(), st->s_call_count);
+            if (!t.errors_obj || !t.calls_obj) return nullptr;
+        }
+    }
+    // Most errors first, then most calls; equal tools keep their first-seen order.
+    const int sorted = stable_sort(tools, [](const ToolEntry& a, const ToolEntry& b) -> int {
+        const bool native = a.native && b.native;
+        int c;
+        if (compare_counts(native, a.errors, b.errors, a.errors_obj.get(), b.errors_obj.get(), &c) < 0) {
+            return -1;
+        }
+        if (c == 0 && compare_counts(native, a.calls, b.calls, a.calls_obj.get(), b.calls_obj.get(), &c) < 0) {
+            return -1;
+        }
+        return c > 0 ? 1 : 0;
+    });
+    if (sorted < 0) return nullptr;
+
+    const bool own_rows = Py_TYPE(self) == st->tracker_type;
+    Ref result(PyList_New(0));
+    if (!result) return nullptr;
+    for (ToolEntry& t : tools) {
+        PyObject* rec = t.record.get();
+        Ref record(PyDict_New());
+        if (!record) return nullptr;
+        Ref disabled_at = state_field(st, rec, st->s_disabled_at);
+        if (!disabled_at) return nullptr;
+        if (PyDict_SetItem(record.get(), st->s_tool_name, t.name.get()) < 0 ||
+            set_item(record.get(), st->s_call_count, state_field(st, rec, st->s_call_count)) < 0 ||
+            set_item(record.get(), st->s_error_count, state_field(st, rec, st->s_error_count)) < 0 ||
+            set_item(record.get(), st->s_last_error, state_field(st, rec, st->s_last_error)) < 0 ||
+            PyDict_SetItem(record.get(), st->s_disabled,
+                           disabled_at.get() != Py_None ? Py_True : Py_False) < 0 ||
+            set_item(record.get(), st->s_disabled_at,
+                     late_sqlite_time(st, module, disabled_at.get())) < 0) {
+            return nullptr;
+        }
+        Ref updated = is_native_state(st, rec)
+                          ? late_sqlite_time(st, module, as_state(rec)->updated_at)
+                          : [&] {
+                                Ref value = state_field(st, rec, st->s_updated_at);
+                                return value ? late_sqlite_time(st, module, value.get()) : Ref();
+                            }();
+        if (set_item(record.get(), st->s_updated_at, updated) < 0) return nullptr;
+        Ref rows(own_rows ? build_rows(st, module, t.name.get(), t.usage)
+                          : call_method(reinterpret_cast<PyObject*>(self), st->s__usage_rows,
+                                        {t.name.get()})
+                                .release());
+        if (set_item(record.get(), st->s_usage, rows) < 0) return nullptr;
+        if (PyList_Append(result.get(), record.get()) < 0) return nullptr;
+    }
+    return result.release();
+}
+
+}  // namespace
+
+PyObject* tracker_get_health_summary(PyObject* op, PyObject*) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    ModuleState* st = state_of(self->module);
+    return with_lock(self, [&] { return summary_locked(st, self); });
+}
+
+PyObject* tracker_usage_rows(PyObject* op, PyObject* const* args, Py_ssize_t nargs,
+                             PyObject* kwnames) {
+    TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
+    ModuleState* st = state_of(self->module);
+    PyObject* names[] = {st->s_tool_name};
+    PyObject* tool_name;
+    if (parse_args("_usage_rows", args, nargs, kwnames, names, 1, 1, 1, &tool_name) < 0) {
+        return nullptr;
+    }
+    return guarded<PyObject*>(nullptr, [&]() -> PyObject* {
+        std::vector<UsageEntry> entries;
+        if (entries_of(self, tool_name, entries) < 0) return nullptr;
+        return build_rows(st, self->module, tool_name, entries);
+    });
+}
+
+}  // namespace health

@@ -1,0 +1,261 @@
+// Helpers shared by the module: attribute lookup, the clock, value conversion,
+// float rounding and formatting as Python does them, calls, argument parsing.
+#include "health.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+
+namespace health {
+
+PyObject* module_attr_borrowed(PyObject* module, PyObject* name) noexcept {
+    PyObject* dict = PyModule_GetDict(module);  // borrowed, never fails for a module
+    PyObject* value = PyDict_GetItemWithError(dict, name);
+    if (value == nullptr && !PyErr_Occurred()) {
+        PyErr_Format(PyExc_AttributeError, "module '%s' has no attribute '%U'",
+                     PyModule_GetName(module), name);
+    }
+    return value;
+}
+
+Ref module_attr(PyObject* module, PyObject* name) noexcept {
+    return Ref::borrow(module_attr_borrowed(module, name));
+}
+
+namespace {
+
+// time.time() of the host runtime: CLOCK_REALTIME in nanoseconds, turned into
+// seconds the way the runtime does, so both give the same double.
+double realtime_seconds() noexcept {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    const int64_t ns = static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+    if (ns % 1000000000LL == 0) {
+        return static_cast<double>(ns / 1000000000LL);
+    }
+    return static_cast<double>(ns) / 1e9;
+}
+
+}  // namespace
+
+int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept {
+    PyObject* time_mod = module_attr_borrowed(module, st->s_time);
+    if (time_mod == nullptr) {
+        return -1;
+    }
+    if (PyModule_CheckExact(time_mod)) {
+        PyObject* fn = PyDict_GetItemWithError(PyModule_GetDict(time_mod), st->s_time);
+        if (fn == st->time_time) {
+            *now = realtime_seconds();
+            return 0;
+        }
+        if (fn == nullptr && PyErr_Occurred()) {
+            return -1;
+        }
+    }
+    Ref holder = Ref::borrow(time_mod);
+    Ref fn(PyObject_GetAttr(time_mod, st->s_time));
+    if (!fn) {
+        return -1;
+    }
+    Ref value(PyObject_CallNoArgs(fn.get()));
+    if (!value) {
+        return -1;
+    }
+    return as_double(value.get(), now);
+}
+
+int as_double(PyObject* value, double* out) noexcept {
+    if (PyFloat_CheckExact(value)) {
+        *out = PyFloat_AS_DOUBLE(value);
+        return 0;
+    }
+    const double d = PyFloat_AsDouble(value);
+    if (d == -1.0 && PyErr_Occurred()) {
+        return -1;
+    }
+    *out = d;
+    return 0;
+}
+
+static int long_to_int64(PyObject* value, int64_t* out) noexcept {
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (overflow != 0) {
+        PyErr_SetString(PyExc_OverflowError, "count does not fit a 64-bit signed integer");
+        return -1;
+    }
+    if (v == -1 && PyErr_Occurred()) {
+        return -1;
+    }
+    *out = static_cast<int64_t>(v);
+    return 0;
+}
+
+int as_int64(PyObject* value, int64_t* out) noexcept {
+    if (PyLong_CheckExact(value)) {
+        return long_to_int64(value, out);
+    }
+    Ref index(PyNumber_Index(value));
+    if (!index) {
+        return -1;
+    }
+    return long_to_int64(index.get(), out);
+}
+
+int int_of(PyObject* value, int64_t* out) noexcept {
+    if (PyLong_CheckExact(value)) {
+        return long_to_int64(value, out);
+    }
+    Ref number(PyNumber_Long(value));
+    if (!number) {
+        return -1;
+    }
+    return long_to_int64(number.get(), out);
+}
+
+int increment(int64_t* value) noexcept {
+    if (*value == INT64_MAX) {
+        PyErr_SetString(PyExc_OverflowError, "count does not fit a 64-bit signed integer");
+        return -1;
+    }
+    ++*value;
+    return 0;
+}
+
+double round_half_even(double x, int ndigits) noexcept {
+    if (!std::isfinite(x)) {
+        return x;
+    }
+    // Fixed notation with `ndigits` decimals is correctly rounded on the exact
+    // binary value, ties to even: the decimal rounding Python's round() does.
+    char buf[400];
+    auto res = std::to_chars(buf, buf + sizeof buf, x, std::chars_format::fixed, ndigits);
+    if (res.ec != std::errc()) {
+        return x;
+    }
+    double rounded = x;
+    std::from_chars(buf, res.ptr, rounded);
+    return rounded;
+}
+
+void append_float_repr(std::string& out, double x) {
+    // The shortest digits that read back as x, laid out as float.__repr__ does:
+    // exponent form below 1e-4 and from 1e16, otherwise fixed with at least one decimal.
+    char buf[64];
+    auto res = std::to_chars(buf, buf + sizeof buf, x, std::chars_format::scientific);
+    const char* p = buf;
+    const char* end = res.ptr;
+    if (*p == '-') {
+        out.push_back('-');
+        ++p;
+    }
+    char digits[32];
+    int ndigits = 0;
+    while (p < end && *p != 'e') {
+        if (*p != '.') {
+            digits[ndigits++] = *p;
+        }
+        ++p;
+    }
+    int exponent = 0;
+    if (p < end) {
+        std::from_chars(p[1] == '+' ? p + 2 : p + 1, end, exponent);
+    }
+    const int decpt = exponent + 1;
+    if (decpt <= -4 || decpt > 16) {
+        out.push_back(digits[0]);
+        if (ndigits > 1) {
+            out.push_back('.');
+            out.append(digits + 1, static_cast<size_t>(ndigits - 1));
+        }
+        char expbuf[16];
+        std::snprintf(expbuf, sizeof expbuf, "e%c%02d", exponent < 0 ? '-' : '+',
+                      exponent < 0 ? -exponent : exponent);
+        out.append(expbuf);
+    } else if (decpt <= 0) {
+        out.append("0.");
+        out.append(static_cast<size_t>(-decpt), '0');
+        out.append(digits, static_cast<size_t>(ndigits));
+    } else if (decpt >= ndigits) {
+        out.append(digits, static_cast<size_t>(ndigits));
+        out.append(static_cast<size_t>(decpt - ndigits), '0');
+        out.append(".0");
+    } else {
+        out.append(digits, static_cast<size_t>(decpt));
+        out.push_back('.');
+        out.append(digits + decpt, static_cast<size_t>(ndigits - decpt));
+    }
+}
+
+Ref call(PyObject* callable, std::initializer_list<PyObject*> args) noexcept {
+    return Ref(PyObject_Vectorcall(callable, const_cast<PyObject**>(args.begin()), args.size(),
+                                   nullptr));
+}
+
+Ref call_method(PyObject* obj, PyObject* name, std::initializer_list<PyObject*> args) noexcept {
+    PyObject* stack[8];
+    stack[0] = obj;
+    size_t n = 1;
+    for (PyObject* a : args) {
+        stack[n++] = a;
+    }
+    return Ref(PyObject_VectorcallMethod(name, stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+int parse_args(const char* fname, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+               PyObject* const* names, int count, int positional, int required,
+               PyObject** out) noexcept {
+    if (nargs > positional) {
+        PyErr_Format(PyExc_TypeError, "%s() takes at most %d positional argument%s (%zd given)",
+                     fname, positional, positional == 1 ? "" : "s", nargs);
+        return -1;
+    }
+    for (int i = 0; i < count; ++i) {
+        out[i] = i < nargs ? args[i] : nullptr;
+    }
+    if (kwnames != nullptr) {
+        const Py_ssize_t nkw = PyTuple_GET_SIZE(kwnames);
+        for (Py_ssize_t k = 0; k < nkw; ++k) {
+            PyObject* key = PyTuple_GET_ITEM(kwnames, k);
+            int found = -1;
+            for (int i = 0; i < count && found < 0; ++i) {
+                if (key == names[i]) {
+                    found = i;
+                }
+            }
+            for (int i = 0; i < count && found < 0; ++i) {
+                const int eq = PyUnicode_Compare(key, names[i]);
+                if (eq == -1 && PyErr_Occurred()) {
+                    return -1;
+                }
+                if (eq == 0) {
+                    found = i;
+                }
+            }
+            if (found < 0) {
+                PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'",
+                             fname, key);
+                return -1;
+            }
+            if (out[found] != nullptr) {
+                PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%U'",
+                             fname, names[found]);
+                return -1;
+            }
+            out[found] = args[nargs + k];
+        }
+    }
+    for (int i = 0; i < required; ++i) {
+        if (out[i] == nullptr) {
+            PyErr_Format(PyExc_TypeError, "%s() missing required %sargument: '%U'", fname,
+                         i >= positional ? "keyword-only " : "", names[i]);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace health

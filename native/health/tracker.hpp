@@ -1,0 +1,78 @@
+// ToolHealthTracker: the object, its lock, and the operations other files add to it.
+#pragma once
+
+#include "records.hpp"
+
+namespace health {
+
+struct TrackerObject {
+    PyObject_HEAD
+    PyObject* module;   // the module whose attributes every operation reads
+    PyObject* repo;     // _repo
+    PyObject* limits;   // _limits
+    PyObject* lock;     // _lock
+    PyObject* acquire;  // _lock.acquire and _lock.release, bound once
+    PyObject* release;
+    PyObject* state;    // _state: tool name -> _ToolState
+    PyObject* dirty;    // _dirty: set of tool names
+    PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
+    PyObject* weakrefs;
+    bool usage_dirty;   // _usage_dirty
+    bool ready;         // __init__ has set the fields
+};
+
+inline TrackerObject* as_tracker(PyObject* self) noexcept {
+    return reinterpret_cast<TrackerObject*>(self);
+}
+
+// Raises RuntimeError for a tracker whose __init__ has not run.
+int check_ready(TrackerObject* self) noexcept;
+
+// Holds the tracker's lock; the destructor releases it on an error path while
+// keeping the pending exception.
+class LockHold {
+public:
+    explicit LockHold(TrackerObject* tracker) noexcept : t_(tracker) {}
+    LockHold(const LockHold&) = delete;
+    LockHold& operator=(const LockHold&) = delete;
+    ~LockHold();
+    int acquire() noexcept;
+    // Releases the lock; -1 when the release itself failed.
+    int release() noexcept;
+
+private:
+    TrackerObject* t_;
+    bool held_ = false;
+};
+
+// Runs body() under the lock; body returns a new reference or null with an error.
+template <class F>
+PyObject* with_lock(TrackerObject* self, F&& body) noexcept {
+    if (check_ready(self) < 0) return nullptr;
+    LockHold hold(self);
+    if (hold.acquire() < 0) return nullptr;
+    PyObject* result = guarded<PyObject*>(nullptr, body);
+    if (result == nullptr) return nullptr;  // the destructor releases
+    if (hold.release() < 0) {
+        Py_DECREF(result);
+        return nullptr;
+    }
+    return result;
+}
+
+// Calls self.<name>() natively for the module's own type, through the
+// instance for a subclass, so an override is honoured.
+Ref call_own(TrackerObject* self, PyObject* name, PyCFunction native) noexcept;
+
+// Operations defined in history.cpp and summary.cpp.
+PyObject* tracker_load(PyObject* self, PyObject* unused);
+PyObject* tracker_load_usage(PyObject* self, PyObject* unused);
+PyObject* tracker_flush(PyObject* self, PyObject* unused);
+PyObject* tracker_flush_health(PyObject* self, PyObject* unused);
+PyObject* tracker_flush_usage(PyObject* self, PyObject* unused);
+PyObject* tracker_has_unsaved_changes(PyObject* self, void* unused);
+PyObject* tracker_get_health_summary(PyObject* self, PyObject* unused);
+PyObject* tracker_usage_rows(PyObject* self, PyObject* const* args, Py_ssize_t nargs,
+                             PyObject* kwnames);
+
+}  // namespace health

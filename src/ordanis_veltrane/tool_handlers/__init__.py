@@ -1,0 +1,1 @@
+"""Tool handlers of the daemon; ``health`` is the native tool-health component."""

@@ -1,0 +1,1 @@
+"""Daemon utilities used by the tool-health component."""
