@@ -42,6 +42,7 @@ struct ModuleState {
     PyObject* time_time;
     PyObject* json_module;
     PyObject* json_dumps;
+    PyObject* json_loads;
     PyObject* round_fn;
     PyObject* not_disabled;  // the answer (False, None)
     PyObject* empty_str;

@@ -1,7 +1,7 @@
 // The SQLite mirror: loading the saved history at construction, flushing what
 // changed, and the usage document. No statement ever runs under the lock: what
 // is written is copied under it, and loading takes it only to change memory.
-#include "tracker.hpp"
+#include "document.hpp"
 
 #include <charconv>
 #include <cmath>
@@ -154,6 +154,8 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
     Ref text = row_item(row.get(), 0);
     if (!text) return -1;
     if (!PyUnicode_Check(text.get())) return 0;
+    const int fast = read_document_fast(st, module, text.get(), loaded.get());
+    if (fast != 0) return fast < 0 ? -1 : 0;
     Ref json = module_attr(module, st->s_json);
     if (!json) return -1;
     Ref document = call_method(json.get(), st->s_loads, {text.get()});
@@ -306,180 +308,6 @@ PyObject* flush_health(TrackerObject* self) {
         return nullptr;
     }
     return PyLong_FromSsize_t(count);
-}
-
-// One row of the usage document, copied under the lock.
-struct DocumentRow {
-    Ref tool, action, outcome, alias_hit;
-    bool native = false;
-    int64_t calls = 0, timed_calls = 0;
-    double total_ms = 0.0;
-    Ref calls_obj, timed_obj, total_obj;  // for a record of a host type
-};
-
-void append_json_string(std::string& out, PyObject* text) {
-    static const char hex[] = "0123456789abcdef";
-    const int kind = PyUnicode_KIND(text);
-    const void* data = PyUnicode_DATA(text);
-    const Py_ssize_t len = PyUnicode_GET_LENGTH(text);
-    out.push_back('"');
-    for (Py_ssize_t i = 0; i < len; ++i) {
-        Py_UCS4 c = PyUnicode_READ(kind, data, i);
-        if (c >= ' ' && c <= '~' && c != '\\' && c != '"') {
-            out.push_back(static_cast<char>(c));
-            continue;
-        }
-        switch (c) {
-            case '\\': out.append("\\\\"); continue;
-            case '"': out.append("\\\""); continue;
-            case '\b': out.append("\\b"); continue;
-            case '\f': out.append("\\f"); continue;
-            case '\n': out.append("\\n"); continue;
-            case '\r': out.append("\\r"); continue;
-            case '\t': out.append("\\t"); continue;
-            default: break;
-        }
-        auto unit = [&](Py_UCS4 u) {
-            const char esc[] = {'\\', 'u', hex[(u >> 12) & 0xf], hex[(u >> 8) & 0xf],
-                                hex[(u >> 4) & 0xf], hex[u & 0xf]};
-            out.append(esc, sizeof esc);
-        };
-        if (c >= 0x10000) {
-            const Py_UCS4 v = c - 0x10000;
-            unit(0xd800 | ((v >> 10) & 0x3ff));
-            unit(0xdc00 | (v & 0x3ff));
-        } else {
-            unit(c);
-        }
-    }
-    out.push_back('"');
-}
-
-void append_int(std::string& out, int64_t v) {
-    char buf[24];
-    auto res = std::to_chars(buf, buf + sizeof buf, v);
-    out.append(buf, res.ptr);
-}
-
-void append_double(std::string& out, double v) {
-    if (std::isnan(v)) {
-        out.append("NaN");
-    } else if (std::isinf(v)) {
-        out.append(v > 0 ? "Infinity" : "-Infinity");
-    } else {
-        append_float_repr(out, v);
-    }
-}
-
-// Writes a value of a type json.dumps lays out in an obvious way; false for
-// anything else, which the caller leaves to json.dumps itself.
-bool append_value(std::string& out, PyObject* v) {
-    if (PyUnicode_CheckExact(v)) {
-        append_json_string(out, v);
-    } else if (v == Py_None) {
-        out.append("null");
-    } else if (v == Py_True) {
-        out.append("true");
-    } else if (v == Py_False) {
-        out.append("false");
-    } else if (PyLong_CheckExact(v)) {
-        int overflow = 0;
-        const long long n = PyLong_AsLongLongAndOverflow(v, &overflow);
-        if (overflow != 0 || (n == -1 && PyErr_Occurred())) {
-            PyErr_Clear();
-            return false;
-        }
-        append_int(out, n);
-    } else if (PyFloat_CheckExact(v)) {
-        append_double(out, PyFloat_AS_DOUBLE(v));
-    } else {
-        return false;
-    }
-    return true;
-}
-
-// The usage document laid out natively: identical to
-// json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
-Ref layout_native(const std::vector<DocumentRow>& rows) {
-    std::string out;
-    out.reserve(rows.size() * 112 + 2);
-    out.push_back('[');
-    bool first = true;
-    for (const DocumentRow& r : rows) {
-        if (!first) out.push_back(',');
-        first = false;
-        out.append("{\"tool\":");
-        if (!append_value(out, r.tool.get())) return Ref();
-        out.append(",\"action\":");
-        if (!append_value(out, r.action.get())) return Ref();
-        out.append(",\"outcome\":");
-        if (!append_value(out, r.outcome.get())) return Ref();
-        out.append(",\"alias_hit\":");
-        if (!append_value(out, r.alias_hit.get())) return Ref();
-        if (r.native) {
-            out.append(",\"calls\":");
-            append_int(out, r.calls);
-            out.append(",\"timed_calls\":");
-            append_int(out, r.timed_calls);
-            out.append(",\"total_ms\":");
-            append_double(out, r.total_ms);
-        } else {
-            out.append(",\"calls\":");
-            if (!append_value(out, r.calls_obj.get())) return Ref();
-            out.append(",\"timed_calls\":");
-            if (!append_value(out, r.timed_obj.get())) return Ref();
-            out.append(",\"total_ms\":");
-            if (!append_value(out, r.total_obj.get())) return Ref();
-        }
-        out.push_back('}');
-    }
-    out.push_back(']');
-    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(out.size()), 127));
-    if (text) std::memcpy(PyUnicode_DATA(text.get()), out.data(), out.size());
-    return text;
-}
-
-// The rows as the list of dicts that json.dumps receives.
-Ref rows_as_objects(ModuleState* st, const std::vector<DocumentRow>& rows) {
-    Ref list(PyList_New(0));
-    if (!list) return Ref();
-    for (const DocumentRow& r : rows) {
-        Ref calls = r.native ? Ref(PyLong_FromLongLong(r.calls)) : Ref::borrow(r.calls_obj.get());
-        Ref timed =
-            r.native ? Ref(PyLong_FromLongLong(r.timed_calls)) : Ref::borrow(r.timed_obj.get());
-        Ref total = r.native ? Ref(PyFloat_FromDouble(r.total_ms)) : Ref::borrow(r.total_obj.get());
-        Ref row(PyDict_New());
-        if (!calls || !timed || !total || !row) return Ref();
-        if (PyDict_SetItem(row.get(), st->s_tool, r.tool.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_action, r.action.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_calls, calls.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_timed_calls, timed.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_total_ms, total.get()) < 0 ||
-            PyList_Append(list.get(), row.get()) < 0) {
-            return Ref();
-        }
-    }
-    return list;
-}
-
-// The document text, natively while the module's json is still the real one.
-Ref layout_document(ModuleState* st, PyObject* module, const std::vector<DocumentRow>& rows) {
-    Ref json = module_attr(module, st->s_json);
-    if (!json) return Ref();
-    Ref dumps(PyObject_GetAttr(json.get(), st->s_dumps));
-    if (!dumps) return Ref();
-    if (json.get() == st->json_module && dumps.get() == st->json_dumps) {
-        Ref text = layout_native(rows);
-        if (text || PyErr_Occurred()) return text;
-    }
-    Ref objects = rows_as_objects(st, rows);
-    if (!objects) return Ref();
-    Ref kwnames(PyTuple_Pack(1, st->s_separators));
-    if (!kwnames) return Ref();
-    PyObject* args[] = {objects.get(), st->compact_separators};
-    return Ref(PyObject_Vectorcall(dumps.get(), args, 1, kwnames.get()));
 }
 
 int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentRow& r) {

@@ -143,6 +143,8 @@ int exec_impl(PyObject* module) {
     if (st->json_module == nullptr) return -1;
     st->json_dumps = PyObject_GetAttr(st->json_module, st->s_dumps);
     if (st->json_dumps == nullptr) return -1;
+    st->json_loads = PyObject_GetAttr(st->json_module, st->s_loads);
+    if (st->json_loads == nullptr) return -1;
     Ref time_mod(PyObject_GetAttr(module, st->s_time));
     if (!time_mod) return -1;
     st->time_time = PyObject_GetAttr(time_mod.get(), st->s_time);
@@ -210,6 +212,7 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) {
     Py_VISIT(st->time_time);
     Py_VISIT(st->json_module);
     Py_VISIT(st->json_dumps);
+    Py_VISIT(st->json_loads);
     Py_VISIT(st->round_fn);
     return 0;
 }
@@ -226,6 +229,7 @@ int module_clear(PyObject* module) {
     Py_CLEAR(st->time_time);
     Py_CLEAR(st->json_module);
     Py_CLEAR(st->json_dumps);
+    Py_CLEAR(st->json_loads);
     Py_CLEAR(st->round_fn);
     Py_CLEAR(st->not_disabled);
     Py_CLEAR(st->empty_str);

@@ -1,0 +1,404 @@
+// The usage document: its native layout, and a fast reader for documents in
+// that layout. Anything the fast paths do not recognise goes to json itself.
+#include "document.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace health {
+namespace {
+
+void append_json_string(std::string& out, PyObject* text) {
+    static const char hex[] = "0123456789abcdef";
+    const int kind = PyUnicode_KIND(text);
+    const void* data = PyUnicode_DATA(text);
+    const Py_ssize_t len = PyUnicode_GET_LENGTH(text);
+    out.push_back('"');
+    for (Py_ssize_t i = 0; i < len; ++i) {
+        Py_UCS4 c = PyUnicode_READ(kind, data, i);
+        if (c >= ' ' && c <= '~' && c != '\\' && c != '"') {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        switch (c) {
+            case '\\': out.append("\\\\"); continue;
+            case '"': out.append("\\\""); continue;
+            case '\b': out.append("\\b"); continue;
+            case '\f': out.append("\\f"); continue;
+            case '\n': out.append("\\n"); continue;
+            case '\r': out.append("\\r"); continue;
+            case '\t': out.append("\\t"); continue;
+            default: break;
+        }
+        auto unit = [&](Py_UCS4 u) {
+            const char esc[] = {'\\', 'u', hex[(u >> 12) & 0xf], hex[(u >> 8) & 0xf],
+                                hex[(u >> 4) & 0xf], hex[u & 0xf]};
+            out.append(esc, sizeof esc);
+        };
+        if (c >= 0x10000) {
+            const Py_UCS4 v = c - 0x10000;
+            unit(0xd800 | ((v >> 10) & 0x3ff));
+            unit(0xdc00 | (v & 0x3ff));
+        } else {
+            unit(c);
+        }
+    }
+    out.push_back('"');
+}
+
+void append_int(std::string& out, int64_t v) {
+    char buf[24];
+    auto res = std::to_chars(buf, buf + sizeof buf, v);
+    out.append(buf, res.ptr);
+}
+
+void append_double(std::string& out, double v) {
+    if (std::isnan(v)) {
+        out.append("NaN");
+    } else if (std::isinf(v)) {
+        out.append(v > 0 ? "Infinity" : "-Infinity");
+    } else {
+        append_float_repr(out, v);
+    }
+}
+
+// Writes a value of a type json.dumps lays out in an obvious way; false for
+// anything else, which the caller leaves to json.dumps itself.
+bool append_value(std::string& out, PyObject* v) {
+    if (PyUnicode_CheckExact(v)) {
+        append_json_string(out, v);
+    } else if (v == Py_None) {
+        out.append("null");
+    } else if (v == Py_True) {
+        out.append("true");
+    } else if (v == Py_False) {
+        out.append("false");
+    } else if (PyLong_CheckExact(v)) {
+        int overflow = 0;
+        const long long n = PyLong_AsLongLongAndOverflow(v, &overflow);
+        if (overflow != 0 || (n == -1 && PyErr_Occurred())) {
+            PyErr_Clear();
+            return false;
+        }
+        append_int(out, n);
+    } else if (PyFloat_CheckExact(v)) {
+        append_double(out, PyFloat_AS_DOUBLE(v));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// The usage document laid out natively: identical to
+// json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
+Ref layout_native(const std::vector<DocumentRow>& rows) {
+    std::string out;
+    out.reserve(rows.size() * 112 + 2);
+    out.push_back('[');
+    bool first = true;
+    for (const DocumentRow& r : rows) {
+        if (!first) out.push_back(',');
+        first = false;
+        out.append("{\"tool\":");
+        if (!append_value(out, r.tool.get())) return Ref();
+        out.append(",\"action\":");
+        if (!append_value(out, r.action.get())) return Ref();
+        out.append(",\"outcome\":");
+        if (!append_value(out, r.outcome.get())) return Ref();
+        out.append(",\"alias_hit\":");
+        if (!append_value(out, r.alias_hit.get())) return Ref();
+        if (r.native) {
+            out.append(",\"calls\":");
+            append_int(out, r.calls);
+            out.append(",\"timed_calls\":");
+            append_int(out, r.timed_calls);
+            out.append(",\"total_ms\":");
+            append_double(out, r.total_ms);
+        } else {
+            out.append(",\"calls\":");
+            if (!append_value(out, r.calls_obj.get())) return Ref();
+            out.append(",\"timed_calls\":");
+            if (!append_value(out, r.timed_obj.get())) return Ref();
+            out.append(",\"total_ms\":");
+            if (!append_value(out, r.total_obj.get())) return Ref();
+        }
+        out.push_back('}');
+    }
+    out.push_back(']');
+    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(out.size()), 127));
+    if (text) std::memcpy(PyUnicode_DATA(text.get()), out.data(), out.size());
+    return text;
+}
+
+// The rows as the list of dicts that json.dumps receives.
+Ref rows_as_objects(ModuleState* st, const std::vector<DocumentRow>& rows) {
+    Ref list(PyList_New(0));
+    if (!list) return Ref();
+    for (const DocumentRow& r : rows) {
+        Ref calls = r.native ? Ref(PyLong_FromLongLong(r.calls)) : Ref::borrow(r.calls_obj.get());
+        Ref timed =
+            r.native ? Ref(PyLong_FromLongLong(r.timed_calls)) : Ref::borrow(r.timed_obj.get());
+        Ref total = r.native ? Ref(PyFloat_FromDouble(r.total_ms)) : Ref::borrow(r.total_obj.get());
+        Ref row(PyDict_New());
+        if (!calls || !timed || !total || !row) return Ref();
+        if (PyDict_SetItem(row.get(), st->s_tool, r.tool.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_action, r.action.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_calls, calls.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_timed_calls, timed.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_total_ms, total.get()) < 0 ||
+            PyList_Append(list.get(), row.get()) < 0) {
+            return Ref();
+        }
+    }
+    return list;
+}
+
+}  // namespace
+
+Ref layout_document(ModuleState* st, PyObject* module, const std::vector<DocumentRow>& rows) {
+    Ref json = module_attr(module, st->s_json);
+    if (!json) return Ref();
+    Ref dumps(PyObject_GetAttr(json.get(), st->s_dumps));
+    if (!dumps) return Ref();
+    if (json.get() == st->json_module && dumps.get() == st->json_dumps) {
+        Ref text = layout_native(rows);
+        if (text || PyErr_Occurred()) return text;
+    }
+    Ref objects = rows_as_objects(st, rows);
+    if (!objects) return Ref();
+    Ref kwnames(PyTuple_Pack(1, st->s_separators));
+    if (!kwnames) return Ref();
+    PyObject* args[] = {objects.get(), st->compact_separators};
+    return Ref(PyObject_Vectorcall(dumps.get(), args, 1, kwnames.get()));
+}
+
+
+namespace {
+
+// A cursor over the document's ASCII text.
+struct Scanner {
+    const char* p;
+    const char* end;
+
+    void skip_ws() {
+        while (p < end && (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')) ++p;
+    }
+    bool eat(char c) {
+        skip_ws();
+        if (p < end && *p == c) {
+            ++p;
+            return true;
+        }
+        return false;
+    }
+    bool literal(const char* word, size_t n) {
+        if (static_cast<size_t>(end - p) >= n && std::memcmp(p, word, n) == 0) {
+            p += n;
+            return true;
+        }
+        return false;
+    }
+    // A string without escapes or control characters.
+    bool string(std::string_view* out) {
+        skip_ws();
+        if (p >= end || *p != '"') return false;
+        const char* start = ++p;
+        while (p < end && *p != '"') {
+            if (*p == '\\' || static_cast<unsigned char>(*p) < 0x20) return false;
+            ++p;
+        }
+        if (p >= end) return false;
+        *out = std::string_view(start, static_cast<size_t>(p - start));
+        ++p;
+        return true;
+    }
+    // A JSON number's text; `integral` when it has no fraction or exponent.
+    bool number(std::string_view* out, bool* integral) {
+        skip_ws();
+        const char* start = p;
+        if (p < end && *p == '-') ++p;
+        if (p >= end || *p < '0' || *p > '9') return false;
+        if (*p == '0') {
+            ++p;
+        } else {
+            while (p < end && *p >= '0' && *p <= '9') ++p;
+        }
+        *integral = true;
+        if (p < end && *p == '.') {
+            *integral = false;
+            ++p;
+            if (p >= end || *p < '0' || *p > '9') return false;
+            while (p < end && *p >= '0' && *p <= '9') ++p;
+        }
+        if (p < end && (*p == 'e' || *p == 'E')) {
+            *integral = false;
+            ++p;
+            if (p < end && (*p == '+' || *p == '-')) ++p;
+            if (p >= end || *p < '0' || *p > '9') return false;
+            while (p < end && *p >= '0' && *p <= '9') ++p;
+        }
+        *out = std::string_view(start, static_cast<size_t>(p - start));
+        return true;
+    }
+};
+
+bool parse_count(std::string_view text, bool integral, int64_t* out) {
+    if (!integral || text.size() > 18) return false;
+    auto res = std::from_chars(text.data(), text.data() + text.size(), *out);
+    return res.ec == std::errc() && res.ptr == text.data() + text.size();
+}
+
+bool parse_total(std::string_view text, double* out) {
+    auto res = std::from_chars(text.data(), text.data() + text.size(), *out);
+    return res.ec == std::errc() && res.ptr == text.data() + text.size();
+}
+
+// One str object per distinct text of the document.
+class Strings {
+public:
+    ~Strings() {
+        for (auto& entry : map_) Py_DECREF(entry.second);
+    }
+    PyObject* get(std::string_view text) {
+        auto found = map_.find(text);
+        if (found != map_.end()) return found->second;
+        PyObject* s = PyUnicode_DecodeASCII(text.data(), static_cast<Py_ssize_t>(text.size()), nullptr);
+        if (s != nullptr) map_.emplace(text, s);
+        return s;
+    }
+
+private:
+    std::unordered_map<std::string_view, PyObject*> map_;
+};
+
+enum Member { kTool, kAction, kOutcome, kAliasHit, kCalls, kTimedCalls, kTotalMs, kMembers };
+
+int member_of(std::string_view name) {
+    static const std::string_view names[kMembers] = {"tool",      "action",      "outcome", "alias_hit",
+                                                     "calls",     "timed_calls", "total_ms"};
+    for (int i = 0; i < kMembers; ++i) {
+        if (names[i] == name) return i;
+    }
+    return -1;
+}
+
+struct ParsedRow {
+    std::string_view tool, outcome;
+    std::string_view action;
+    bool has_action = false;
+    bool alias_hit = false;
+    int64_t calls = 0, timed_calls = 0;
+    double total_ms = 0.0;
+};
+
+// 1 and *row when the object is a row in the writer's form, 0 otherwise.
+int parse_row(Scanner& s, ParsedRow* row) {
+    if (!s.eat('{')) return 0;
+    bool seen[kMembers] = {};
+    for (int i = 0; i < kMembers; ++i) {
+        if (i > 0 && !s.eat(',')) return 0;
+        std::string_view name;
+        if (!s.string(&name) || !s.eat(':')) return 0;
+        const int m = member_of(name);
+        if (m < 0 || seen[m]) return 0;
+        seen[m] = true;
+        s.skip_ws();
+        std::string_view number;
+        bool integral = false;
+        switch (m) {
+            case kTool:
+                if (!s.string(&row->tool)) return 0;
+                break;
+            case kOutcome:
+                if (!s.string(&row->outcome)) return 0;
+                break;
+            case kAction:
+                if (s.literal("null", 4)) {
+                    row->has_action = false;
+                } else if (s.string(&row->action)) {
+                    row->has_action = true;
+                } else {
+                    return 0;
+                }
+                break;
+            case kAliasHit:
+                if (s.literal("true", 4)) {
+                    row->alias_hit = true;
+                } else if (s.literal("false", 5)) {
+                    row->alias_hit = false;
+                } else {
+                    return 0;
+                }
+                break;
+            case kCalls:
+                if (!s.number(&number, &integral) || !parse_count(number, integral, &row->calls)) return 0;
+                break;
+            case kTimedCalls:
+                if (!s.number(&number, &integral) || !parse_count(number, integral, &row->timed_calls)) {
+                    return 0;
+                }
+                break;
+            case kTotalMs:
+                if (!s.number(&number, &integral) || !parse_total(number, &row->total_ms)) return 0;
+                break;
+        }
+    }
+    return s.eat('}') ? 1 : 0;
+}
+
+}  // namespace
+
+int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObject* loaded) {
+    if (!PyUnicode_IS_ASCII(text)) return 0;
+    PyObject* json = module_attr_borrowed(module, st->s_json);
+    if (json == nullptr) return -1;
+    if (json != st->json_module) return 0;
+    Ref loads(PyObject_GetAttr(json, st->s_loads));
+    if (!loads) return -1;
+    if (loads.get() != st->json_loads) return 0;
+    PyObject* usage_cls = module_attr_borrowed(module, st->s__Usage);
+    if (usage_cls == nullptr) return -1;
+    if (usage_cls != reinterpret_cast<PyObject*>(st->usage_type)) return 0;
+
+    // Parse the whole text first: a document that needs the general reader
+    // leaves `loaded` untouched.
+    const char* data = reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(text));
+    Scanner s{data, data + PyUnicode_GET_LENGTH(text)};
+    std::vector<ParsedRow> rows;
+    if (!s.eat('[')) return 0;
+    if (!s.eat(']')) {
+        do {
+            rows.emplace_back();
+            if (parse_row(s, &rows.back()) != 1) return 0;
+        } while (s.eat(','));
+        if (!s.eat(']')) return 0;
+    }
+    s.skip_ws();
+    if (s.p != s.end) return 0;
+
+    Strings strings;
+    for (const ParsedRow& row : rows) {
+        PyObject* tool = strings.get(row.tool);
+        PyObject* outcome = tool ? strings.get(row.outcome) : nullptr;
+        PyObject* action = row.has_action && outcome ? strings.get(row.action) : Py_None;
+        if (tool == nullptr || outcome == nullptr || action == nullptr) return -1;
+        Ref key(PyTuple_Pack(4, tool, action, outcome, row.alias_hit ? Py_True : Py_False));
+        if (!key) return -1;
+        Ref usage(st->usage_type->tp_alloc(st->usage_type, 0));
+        if (!usage) return -1;
+        UsageObject* u = as_usage(usage.get());
+        u->calls = row.calls;
+        u->timed_calls = row.timed_calls;
+        u->total_ms = row.total_ms;
+        if (PyDict_SetItem(loaded, key.get(), usage.get()) < 0) return -1;
+    }
+    return 1;
+}
+
+}  // namespace health
