@@ -18,7 +18,14 @@ void append_json_string(std::string& out, PyObject* text) {
     const void* data = PyUnicode_DATA(text);
     const Py_ssize_t len = PyUnicode_GET_LENGTH(text);
     out.push_back('"');
-    for (Py_ssize_t i = 0; i < len; ++i) {
+    Py_ssize_t i = 0;
+    if (kind == PyUnicode_1BYTE_KIND) {
+        // Copy the run of characters that need no escape in one go.
+        const unsigned char* bytes = static_cast<const unsigned char*>(data);
+        while (i < len && bytes[i] >= ' ' && bytes[i] <= '~' && bytes[i] != '\\' && bytes[i] != '"') ++i;
+        out.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(i));
+    }
+    for (; i < len; ++i) {
         Py_UCS4 c = PyUnicode_READ(kind, data, i);
         if (c >= ' ' && c <= '~' && c != '\\' && c != '"') {
             out.push_back(static_cast<char>(c));
@@ -96,8 +103,11 @@ bool append_value(std::string& out, PyObject* v) {
 // The usage document laid out natively: identical to
 // json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
 Ref layout_native(const std::vector<DocumentRow>& rows) {
-    std::string out;
-    out.reserve(rows.size() * 112 + 2);
+    // The flushing thread keeps its buffer: a megabyte document laid out into
+    // fresh memory at every flush would mostly cost page faults.
+    thread_local std::string out;
+    out.clear();
+    out.reserve(rows.size() * 128 + 2);
     out.push_back('[');
     bool first = true;
     for (const DocumentRow& r : rows) {
@@ -131,6 +141,7 @@ Ref layout_native(const std::vector<DocumentRow>& rows) {
     out.push_back(']');
     Ref text(PyUnicode_New(static_cast<Py_ssize_t>(out.size()), 127));
     if (text) std::memcpy(PyUnicode_DATA(text.get()), out.data(), out.size());
+    if (out.capacity() > (size_t{64} << 20)) std::string().swap(out);  // keep no giant buffer
     return text;
 }
 

@@ -48,6 +48,9 @@ struct ModuleState {
     PyObject* empty_str;
     PyObject* none_str;      // "None": where a null action sorts
     PyObject* compact_separators;
+    // Answer maps with their keys in order: copying one is cheaper than growing a new dict.
+    PyObject* summary_template;
+    PyObject* usage_row_template;
     PyObject* sql_select_health;
     PyObject* sql_delete_health;
     PyObject* sql_upsert_health;

@@ -352,9 +352,9 @@ PyObject* flush_usage(TrackerObject* self) {
         rows.reserve(static_cast<size_t>(PyDict_GET_SIZE(self->usage)));
         Py_ssize_t pos = 0;
         PyObject *key, *usage;
-        Ref snapshot(PyDict_Copy(self->usage));  // reading a host record may run Python code
-        if (!snapshot) return nullptr;
-        while (PyDict_Next(snapshot.get(), &pos, &key, &usage)) {
+        while (PyDict_Next(self->usage, &pos, &key, &usage)) {
+            // Reading a host record may run Python code: hold the entry meanwhile.
+            Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);
             rows.emplace_back();
             if (copy_document_row(st, key, usage, rows.back()) < 0) return nullptr;
         }
@@ -425,6 +425,7 @@ PyObject* tracker_flush(PyObject* op, PyObject*) {
 
 PyObject* tracker_has_unsaved_changes(PyObject* op, void*) {
     TrackerObject* self = as_tracker(op);
+    if (check_ready(self) < 0) return nullptr;
     return with_lock(self, [&]() -> PyObject* {
         return PyBool_FromLong(PySet_GET_SIZE(self->dirty) > 0 || self->usage_dirty);
     });

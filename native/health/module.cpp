@@ -120,6 +120,17 @@ int init_state(ModuleState* st) {
         !(st->not_disabled = PyTuple_Pack(2, Py_False, Py_None))) {
         return -1;
     }
+    st->summary_template = PyDict_New();
+    st->usage_row_template = PyDict_New();
+    if (!st->summary_template || !st->usage_row_template) return -1;
+    for (PyObject* key : {st->s_tool_name, st->s_call_count, st->s_error_count, st->s_last_error,
+                          st->s_disabled, st->s_disabled_at, st->s_updated_at, st->s_usage}) {
+        if (PyDict_SetItem(st->summary_template, key, Py_None) < 0) return -1;
+    }
+    for (PyObject* key : {st->s_action, st->s_outcome, st->s_alias_hit, st->s_calls, st->s_avg_ms,
+                          st->s_slow}) {
+        if (PyDict_SetItem(st->usage_row_template, key, Py_None) < 0) return -1;
+    }
     Ref builtins(PyImport_ImportModule("builtins"));
     if (!builtins) return -1;
     st->round_fn = PyObject_GetAttrString(builtins.get(), "round");
@@ -235,6 +246,8 @@ int module_clear(PyObject* module) {
     Py_CLEAR(st->empty_str);
     Py_CLEAR(st->none_str);
     Py_CLEAR(st->compact_separators);
+    Py_CLEAR(st->summary_template);
+    Py_CLEAR(st->usage_row_template);
     Py_CLEAR(st->sql_select_health);
     Py_CLEAR(st->sql_delete_health);
     Py_CLEAR(st->sql_upsert_health);

@@ -168,6 +168,13 @@ static void usage_dealloc(PyObject* self) {
 }
 
 static PyObject* repr_fields(PyObject* self, const char* const* names) {
+    // A record reachable from its own last_error shows as "..." there, as a dataclass does.
+    const int busy = Py_ReprEnter(self);
+    if (busy != 0) return busy > 0 ? PyUnicode_FromString("...") : nullptr;
+    struct Leave {
+        PyObject* obj;
+        ~Leave() { Py_ReprLeave(obj); }
+    } leave{self};
     Ref qualname(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(self)), "__qualname__"));
     if (!qualname) return nullptr;
     Ref parts(PyList_New(0));
@@ -437,11 +444,28 @@ Ref format_seconds(int64_t secs) noexcept {
     int64_t y;
     unsigned m, d;
     civil_from_days(days, &y, &m, &d);
-    char buf[32];
-    const int n = std::snprintf(buf, sizeof buf, "%04d-%02u-%02u %02d:%02d:%02d",
-                                static_cast<int>(y), m, d, static_cast<int>(rem / 3600),
-                                static_cast<int>(rem / 60 % 60), static_cast<int>(rem % 60));
-    return Ref(PyUnicode_FromStringAndSize(buf, n));
+    // "YYYY-MM-DD HH:MM:SS", written straight into a new ASCII str.
+    Ref text(PyUnicode_New(19, 127));
+    if (!text) return Ref();
+    char* out = reinterpret_cast<char*>(PyUnicode_1BYTE_DATA(text.get()));
+    auto two = [](char* at, unsigned v) {
+        at[0] = static_cast<char>('0' + v / 10);
+        at[1] = static_cast<char>('0' + v % 10);
+    };
+    const unsigned year = static_cast<unsigned>(y);
+    two(out, year / 100);
+    two(out + 2, year % 100);
+    out[4] = '-';
+    two(out + 5, m);
+    out[7] = '-';
+    two(out + 8, d);
+    out[10] = ' ';
+    two(out + 11, static_cast<unsigned>(rem / 3600));
+    out[13] = ':';
+    two(out + 14, static_cast<unsigned>(rem / 60 % 60));
+    out[16] = ':';
+    two(out + 17, static_cast<unsigned>(rem % 60));
+    return text;
 }
 
 double round_half_even_int(double x) noexcept {

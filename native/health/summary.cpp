@@ -137,7 +137,7 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
         if (!r.outcome) return nullptr;
         r.alias_hit = key_member(entry.key.get(), 3);
         if (!r.alias_hit) return nullptr;
-        Ref row(PyDict_New());
+        Ref row(PyDict_Copy(st->usage_row_template));
         if (!row) return nullptr;
         Ref avg = average_ms(st, entry.usage.get(), r);
         if (!avg) return nullptr;
@@ -185,9 +185,8 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
 int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<UsageEntry>& out) {
     Py_ssize_t pos = 0;
     PyObject *key, *usage;
-    Ref snapshot(PyDict_Copy(self->usage));  // Python code below may change the map
-    if (!snapshot) return -1;
-    while (PyDict_Next(snapshot.get(), &pos, &key, &usage)) {
+    while (PyDict_Next(self->usage, &pos, &key, &usage)) {
+        Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);  // may run Python code
         Ref tool = key_member(key, 0);
         if (!tool) return -1;
         const int same = PyObject_RichCompareBool(tool.get(), tool_name, Py_EQ);
@@ -270,7 +269,7 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
     if (!result) return nullptr;
     for (ToolEntry& t : tools) {
         PyObject* rec = t.record.get();
-        Ref record(PyDict_New());
+        Ref record(PyDict_Copy(st->summary_template));
         if (!record) return nullptr;
         Ref disabled_at = state_field(st, rec, st->s_disabled_at);
         if (!disabled_at) return nullptr;

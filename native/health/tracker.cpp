@@ -367,11 +367,18 @@ static PyObject* tracker_record_call(PyObject* op, PyObject* const* args, Py_ssi
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
     ModuleState* st = state_of(self->module);
-    PyObject* names[] = {st->s_tool_name, st->s_action, st->s_outcome, st->s_alias_hit,
-                         st->s_duration_ms};
     PyObject* values[5];
-    if (parse_args("record_call", args, nargs, kwnames, names, 5, 3, 5, values) < 0) {
-        return nullptr;
+    // The usual call: three by position, then alias_hit= and duration_ms=.
+    if (nargs == 3 && kwnames != nullptr && PyTuple_GET_SIZE(kwnames) == 2 &&
+        PyTuple_GET_ITEM(kwnames, 0) == st->s_alias_hit &&
+        PyTuple_GET_ITEM(kwnames, 1) == st->s_duration_ms) {
+        for (int i = 0; i < 5; ++i) values[i] = args[i];
+    } else {
+        PyObject* names[] = {st->s_tool_name, st->s_action, st->s_outcome, st->s_alias_hit,
+                             st->s_duration_ms};
+        if (parse_args("record_call", args, nargs, kwnames, names, 5, 3, 5, values) < 0) {
+            return nullptr;
+        }
     }
     PyObject* key = PyTuple_New(4);
     if (key == nullptr) return nullptr;

@@ -45,10 +45,10 @@ private:
     bool held_ = false;
 };
 
-// Runs body() under the lock; body returns a new reference or null with an error.
+// Runs body() under the lock of a ready tracker; body returns a new reference
+// or null with an error.
 template <class F>
 PyObject* with_lock(TrackerObject* self, F&& body) noexcept {
-    if (check_ready(self) < 0) return nullptr;
     LockHold hold(self);
     if (hold.acquire() < 0) return nullptr;
     PyObject* result = guarded<PyObject*>(nullptr, body);
