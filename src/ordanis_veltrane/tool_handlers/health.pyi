@@ -1,0 +1,122 @@
+"""Tool health tracking, the performance stats of the tools, and the process's thread census.
+
+Type stubs of the native module ``ordanis_veltrane.tool_handlers.health``.
+"""
+
+import json as json
+import logging as logging
+import threading as threading
+import time as time
+from dataclasses import dataclass as dataclass
+from datetime import datetime as datetime, timezone as timezone
+from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, ClassVar, Protocol, overload, type_check_only
+
+from typing_extensions import disjoint_base
+
+from ordanis_veltrane.config import ToolsConfig as ToolsConfig
+from ordanis_veltrane.tool_registry import TOOLS as TOOLS
+from ordanis_veltrane.tool_schemas import is_slow_call as is_slow_call
+from ordanis_veltrane.utils.process import ThreadCensus as ThreadCensus, thread_census as thread_census
+from ordanis_veltrane.utils.timing import get_timing_collector as get_timing_collector
+
+@type_check_only
+class _Database(Protocol):
+    """What the tracker uses of the daemon's database object."""
+
+    def fetchall(self, sql: str, /) -> Any: ...
+    def fetchone(self, sql: str, params: Any, /) -> Any: ...
+    def execute(self, sql: str, params: Any, /) -> Any: ...
+    def executemany(self, sql: str, rows: Any, /) -> Any: ...
+
+@type_check_only
+class _HasDb(Protocol):
+    """A repository handle: the daemon's ``Repository``, or anything with such a ``db``."""
+
+    @property
+    def db(self) -> _Database: ...
+
+logger: logging.Logger
+
+_SQLITE_TIMESTAMP: str
+_TOOL_HEALTH_COLUMNS: str
+TOOL_USAGE_KEY: str
+
+# (tool, action, outcome, alias_hit)
+_UsageKey = tuple[str, str | None, str, bool]
+
+@overload
+def _sqlite_time(epoch: None, /) -> None: ...
+@overload
+def _sqlite_time(epoch: float, /) -> str: ...
+def _epoch(text: str | None, /) -> float | None: ...
+def _known(tool: str, action: str | None) -> bool: ...
+
+@disjoint_base
+class _ToolState:
+    call_count: int
+    error_count: int
+    last_error: Any
+    disabled_at: float | None
+    updated_at: float
+    consecutive_errors: int
+    __hash__: ClassVar[None]  # type: ignore[assignment]
+    def __init__(
+        self,
+        call_count: int = 0,
+        error_count: int = 0,
+        last_error: Any = None,
+        disabled_at: float | None = None,
+        updated_at: float = 0.0,
+        consecutive_errors: int = 0,
+    ) -> None: ...
+    def __eq__(self, value: object, /) -> bool: ...
+
+@disjoint_base
+class _Usage:
+    calls: int
+    timed_calls: int
+    total_ms: float
+    __hash__: ClassVar[None]  # type: ignore[assignment]
+    def __init__(self, calls: int = 0, timed_calls: int = 0, total_ms: float = 0.0) -> None: ...
+    def __eq__(self, value: object, /) -> bool: ...
+
+@disjoint_base
+class ToolHealthTracker:
+    """Per-tool health and usage counts in memory, mirrored in the repository database."""
+
+    _repo: _HasDb
+    _limits: ToolsConfig
+    _lock: threading.Lock
+    _state: dict[str, _ToolState]
+    _dirty: set[str]
+    _usage: dict[_UsageKey, _Usage]
+    _usage_dirty: bool
+    def __init__(self, repository: _HasDb, limits: ToolsConfig | None = None) -> None: ...
+    @property
+    def limits(self) -> ToolsConfig: ...
+    @property
+    def cooldown_s(self) -> float: ...
+    @property
+    def has_unsaved_changes(self) -> bool: ...
+    def is_disabled(self, tool_name: str) -> tuple[bool, str | None]: ...
+    def record_success(self, tool_name: str) -> None: ...
+    def record_error(self, tool_name: str, error: str | None) -> None: ...
+    def record_call(
+        self,
+        tool_name: str,
+        action: str | None,
+        outcome: str,
+        *,
+        alias_hit: bool,
+        duration_ms: float | None,
+    ) -> None: ...
+    def flush(self) -> int: ...
+    def _flush_health(self) -> int: ...
+    def _flush_usage(self) -> int: ...
+    def _load(self) -> None: ...
+    def _load_usage(self) -> None: ...
+    def get_health_summary(self) -> list[dict[str, Any]]: ...
+    def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]: ...
+
+def handle_get_tool_performance_stats() -> dict[str, Any]: ...
+def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dict[str, Any]: ...
