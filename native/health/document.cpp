@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -102,10 +103,16 @@ bool append_value(std::string& out, PyObject* v) {
 
 // The usage document laid out natively: identical to
 // json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
+// The flushing thread keeps its layout buffer: a megabyte document laid out
+// into fresh memory at every flush would mostly cost page faults.
+std::string& layout_buffer() {
+    thread_local std::unique_ptr<std::string> buffer;
+    if (!buffer) buffer = std::make_unique<std::string>();
+    return *buffer;
+}
+
 Ref layout_native(const std::vector<DocumentRow>& rows) {
-    // The flushing thread keeps its buffer: a megabyte document laid out into
-    // fresh memory at every flush would mostly cost page faults.
-    thread_local std::string out;
+    std::string& out = layout_buffer();
     out.clear();
     out.reserve(rows.size() * 128 + 2);
     out.push_back('[');

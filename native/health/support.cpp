@@ -129,6 +129,23 @@ double round_half_even(double x, int ndigits) noexcept {
     if (!std::isfinite(x)) {
         return x;
     }
+    if (ndigits <= 3 && std::fabs(x) < 1e12) {
+        // The integer nearest to the exact x * 10^ndigits: the product rounded
+        // to a double, corrected by its exact rounding error (fma), which
+        // decides only when the rounded product lies exactly halfway.
+        static const double scales[] = {1.0, 10.0, 100.0, 1000.0};
+        const double scale = scales[ndigits < 0 ? 0 : ndigits];
+        const double product = x * scale;
+        const double error = std::fma(x, scale, -product);
+        double n = std::nearbyint(product);
+        const double frac = product - n;  // exact: |frac| <= 0.5 at a scale below 2^52
+        if (frac == 0.5 && error > 0) {
+            n += 1.0;  // the exact value lies above the half the product landed on
+        } else if (frac == -0.5 && error < 0) {
+            n -= 1.0;  // ... or below it
+        }
+        return n / scale;
+    }
     // Fixed notation with `ndigits` decimals is correctly rounded on the exact
     // binary value, ties to even: the decimal rounding Python's round() does.
     char buf[400];
