@@ -15,6 +15,27 @@ from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolRegistry, ToolSpec
 
 
+@dataclass
+class HostToolState:
+    """A host's own record type, put in place of `health._ToolState`."""
+
+    call_count: int = 0
+    error_count: int = 0
+    last_error: Any = None
+    disabled_at: Any = None
+    updated_at: float = 0.0
+    consecutive_errors: int = 0
+
+
+@dataclass
+class HostUsage:
+    """A host's own record type, put in place of `health._Usage`."""
+
+    calls: int = 0
+    timed_calls: int = 0
+    total_ms: float = 0.0
+
+
 class FakeClock:
     """Stands in for the `time` module on `health`: `time()` answers `now`."""
 

@@ -7,12 +7,11 @@ import json
 import logging
 import sqlite3
 import types
-from dataclasses import dataclass
 from typing import Any
 
 import pytest
 
-from conftest import make_registry
+from conftest import HostToolState, HostUsage, make_registry
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.tool_handlers import health
 
@@ -333,20 +332,7 @@ def test_seeded_disabled_tool_without_message(clock, registry) -> None:
 
 def test_late_bound_records_and_helpers(clock, registry, repo, monkeypatch) -> None:
     """Records, time conversion and _known are taken from the module as it is now."""
-    @dataclass
-    class State:
-        call_count: int = 0
-        error_count: int = 0
-        last_error: Any = None
-        disabled_at: Any = None
-        updated_at: float = 0.0
-        consecutive_errors: int = 0
-
-    @dataclass
-    class Usage:
-        calls: int = 0
-        timed_calls: int = 0
-        total_ms: float = 0.0
+    State, Usage = HostToolState, HostUsage
 
     repo.db.executemany(INSERT_HEALTH, [("search", 1, 0, None, "x", "y")])
     repo.db.execute(STORE_USAGE, (json.dumps([row("search", "text"), row("search", "symbol")]),))

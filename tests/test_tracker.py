@@ -3,12 +3,11 @@ from __future__ import annotations
 
 import sys
 import threading
-from dataclasses import dataclass
 from typing import Any, Callable
 
 import pytest
 
-from conftest import FakeClock, RecordingDb, hold_lock_in_thread
+from conftest import FakeClock, HostToolState, HostUsage, RecordingDb, hold_lock_in_thread
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
@@ -324,20 +323,7 @@ def test_late_binding_of_clock_and_records(tracker: Any, cfg: ToolsConfig, monke
     tracker.record_success("old")
     assert tracker._state["old"].updated_at == 2_000_000_000.0 and later.reads == 1
 
-    @dataclass
-    class PyState:
-        call_count: int = 0
-        error_count: int = 0
-        last_error: Any = None
-        disabled_at: Any = None
-        updated_at: float = 0.0
-        consecutive_errors: int = 0
-
-    @dataclass
-    class PyUsage:
-        calls: int = 0
-        timed_calls: int = 0
-        total_ms: float = 0.0
+    PyState, PyUsage = HostToolState, HostUsage
 
     monkeypatch.setattr(health, "_ToolState", PyState)
     monkeypatch.setattr(health, "_Usage", PyUsage)
