@@ -46,6 +46,7 @@ struct ModuleState {
     PyObject* round_fn;
     PyObject* not_disabled;  // the answer (False, None)
     PyObject* empty_str;
+    PyObject* empty_tuple;
     PyObject* none_str;      // "None": where a null action sorts
     PyObject* compact_separators;
     // Answer maps with their keys in order: copying one is cheaper than growing a new dict.

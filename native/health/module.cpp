@@ -115,6 +115,7 @@ int init_state(ModuleState* st) {
         !(st->msg_usage_unreadable =
               PyUnicode_FromString("Could not read the tool usage counts: %s")) ||
         !(st->empty_str = PyUnicode_FromString("")) ||
+        !(st->empty_tuple = PyTuple_New(0)) ||
         !(st->none_str = PyUnicode_FromString("None")) ||
         !(st->compact_separators = Py_BuildValue("(ss)", ",", ":")) ||
         !(st->not_disabled = PyTuple_Pack(2, Py_False, Py_None))) {
@@ -244,6 +245,7 @@ int module_clear(PyObject* module) {
     Py_CLEAR(st->round_fn);
     Py_CLEAR(st->not_disabled);
     Py_CLEAR(st->empty_str);
+    Py_CLEAR(st->empty_tuple);
     Py_CLEAR(st->none_str);
     Py_CLEAR(st->compact_separators);
     Py_CLEAR(st->summary_template);

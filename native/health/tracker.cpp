@@ -20,8 +20,48 @@ int check_ready(TrackerObject* self) noexcept {
     return 0;
 }
 
+void BoundCall::bind(PyObject* bound) noexcept {
+    method = bound;
+    function = nullptr;
+    self = nullptr;
+    flags = 0;
+    if (bound != nullptr && PyCFunction_Check(bound)) {
+        const int f = PyCFunction_GET_FLAGS(bound);
+        const int kinds = METH_VARARGS | METH_KEYWORDS | METH_NOARGS | METH_FASTCALL;
+        if ((f & ~kinds & ~METH_COEXIST) == 0 && PyCFunction_GET_SELF(bound) != nullptr) {
+            function = PyCFunction_GET_FUNCTION(bound);
+            self = PyCFunction_GET_SELF(bound);
+            flags = f & kinds;
+        }
+    }
+}
+
+PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
+    using WithKeywords = PyObject* (*)(PyObject*, PyObject*, PyObject*);
+    using Fast = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t);
+    using FastWithKeywords = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t, PyObject*);
+    auto as = [](PyCFunction f) { return reinterpret_cast<void (*)(void)>(f); };
+    PyObject* result;
+    switch (function != nullptr ? flags : -1) {
+        case METH_NOARGS: result = function(self, nullptr); break;
+        case METH_VARARGS: result = function(self, empty_tuple); break;
+        case METH_VARARGS | METH_KEYWORDS:
+            result = reinterpret_cast<WithKeywords>(as(function))(self, empty_tuple, nullptr);
+            break;
+        case METH_FASTCALL: result = reinterpret_cast<Fast>(as(function))(self, nullptr, 0); break;
+        case METH_FASTCALL | METH_KEYWORDS:
+            result = reinterpret_cast<FastWithKeywords>(as(function))(self, nullptr, 0, nullptr);
+            break;
+        default: return PyObject_Vectorcall(method, nullptr, 0, nullptr);
+    }
+    if (result == nullptr && !PyErr_Occurred()) {
+        PyErr_SetString(PyExc_SystemError, "a lock method failed without an exception");
+    }
+    return result;
+}
+
 int LockHold::acquire() noexcept {
-    PyObject* r = PyObject_Vectorcall(t_->acquire, nullptr, 0, nullptr);
+    PyObject* r = t_->acquire(state_of(t_->module)->empty_tuple);
     if (r == nullptr) return -1;
     Py_DECREF(r);
     held_ = true;
@@ -31,7 +71,7 @@ int LockHold::acquire() noexcept {
 int LockHold::release() noexcept {
     if (!held_) return 0;
     held_ = false;
-    PyObject* r = PyObject_Vectorcall(t_->release, nullptr, 0, nullptr);
+    PyObject* r = t_->release(state_of(t_->module)->empty_tuple);
     if (r == nullptr) return -1;
     Py_DECREF(r);
     return 0;
@@ -448,8 +488,8 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     Py_XSETREF(self->repo, Py_NewRef(repository));
     Py_XSETREF(self->limits, limits_ref.release());
     Py_XSETREF(self->lock, lock.release());
-    Py_XSETREF(self->acquire, acquire.release());
-    Py_XSETREF(self->release, release.release());
+    self->acquire.bind(acquire.release());
+    self->release.bind(release.release());
     Py_XSETREF(self->state, state.release());
     Py_XSETREF(self->dirty, dirty.release());
     Py_XSETREF(self->usage, usage.release());
@@ -471,8 +511,8 @@ static int tracker_traverse(PyObject* op, visitproc visit, void* arg) {
     Py_VISIT(self->repo);
     Py_VISIT(self->limits);
     Py_VISIT(self->lock);
-    Py_VISIT(self->acquire);
-    Py_VISIT(self->release);
+    Py_VISIT(self->acquire.method);
+    Py_VISIT(self->release.method);
     Py_VISIT(self->state);
     Py_VISIT(self->dirty);
     Py_VISIT(self->usage);
@@ -485,8 +525,10 @@ static int tracker_clear(PyObject* op) {
     Py_CLEAR(self->repo);
     Py_CLEAR(self->limits);
     Py_CLEAR(self->lock);
-    Py_CLEAR(self->acquire);
-    Py_CLEAR(self->release);
+    Py_CLEAR(self->acquire.method);
+    Py_CLEAR(self->release.method);
+    self->acquire.bind(nullptr);
+    self->release.bind(nullptr);
     Py_CLEAR(self->state);
     Py_CLEAR(self->dirty);
     Py_CLEAR(self->usage);

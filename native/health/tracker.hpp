@@ -5,14 +5,27 @@
 
 namespace health {
 
+// A method of the lock, bound once and called without arguments. A builtin
+// method (the real threading.Lock) is called through its C function directly:
+// the same call, without the generic calling machinery on every tool call.
+struct BoundCall {
+    PyObject* method;      // the bound method object (owned by the tracker)
+    PyCFunction function;  // its C function, when it is a builtin one
+    PyObject* self;        // the object it is bound to (borrowed from `method`)
+    int flags;
+
+    void bind(PyObject* bound) noexcept;
+    PyObject* operator()(PyObject* empty_tuple) const noexcept;
+};
+
 struct TrackerObject {
     PyObject_HEAD
     PyObject* module;   // the module whose attributes every operation reads
     PyObject* repo;     // _repo
     PyObject* limits;   // _limits
     PyObject* lock;     // _lock
-    PyObject* acquire;  // _lock.acquire and _lock.release, bound once
-    PyObject* release;
+    BoundCall acquire;  // _lock.acquire and _lock.release
+    BoundCall release;
     PyObject* state;    // _state: tool name -> _ToolState
     PyObject* dirty;    // _dirty: set of tool names
     PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
