@@ -13,41 +13,69 @@
 namespace health {
 namespace {
 
-void append_json_string(std::string& out, PyObject* text) {
+// The most characters a value can take in the document, or -1 for a value
+// whose layout is left to json.dumps itself.
+Py_ssize_t value_bound(PyObject* v) {
+    if (PyUnicode_CheckExact(v)) {
+        // "\ud83d\ude00" for one astral character: 12 per code point at most.
+        const Py_ssize_t len = PyUnicode_GET_LENGTH(v);
+        return len > (PY_SSIZE_T_MAX - 2) / 12 ? -1 : 2 + 12 * len;
+    }
+    if (v == Py_None || v == Py_True || v == Py_False) return 5;
+    if (PyLong_CheckExact(v)) {
+        int overflow = 0;
+        const long long n = PyLong_AsLongLongAndOverflow(v, &overflow);
+        if (overflow != 0 || (n == -1 && PyErr_Occurred())) {
+            PyErr_Clear();
+            return -1;
+        }
+        return 20;
+    }
+    if (PyFloat_CheckExact(v)) return 32;
+    return -1;
+}
+
+char* write_string(char* out, PyObject* text) {
     static const char hex[] = "0123456789abcdef";
     const int kind = PyUnicode_KIND(text);
     const void* data = PyUnicode_DATA(text);
     const Py_ssize_t len = PyUnicode_GET_LENGTH(text);
-    out.push_back('"');
+    *out++ = '"';
     Py_ssize_t i = 0;
     if (kind == PyUnicode_1BYTE_KIND) {
         // Copy the run of characters that need no escape in one go.
         const unsigned char* bytes = static_cast<const unsigned char*>(data);
         while (i < len && bytes[i] >= ' ' && bytes[i] <= '~' && bytes[i] != '\\' && bytes[i] != '"') ++i;
-        out.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(i));
+        std::memcpy(out, bytes, static_cast<size_t>(i));
+        out += i;
     }
+    auto unit = [&](Py_UCS4 u) {
+        const char esc[] = {'\\', 'u', hex[(u >> 12) & 0xf], hex[(u >> 8) & 0xf],
+                            hex[(u >> 4) & 0xf], hex[u & 0xf]};
+        std::memcpy(out, esc, sizeof esc);
+        out += sizeof esc;
+    };
     for (; i < len; ++i) {
-        Py_UCS4 c = PyUnicode_READ(kind, data, i);
+        const Py_UCS4 c = PyUnicode_READ(kind, data, i);
         if (c >= ' ' && c <= '~' && c != '\\' && c != '"') {
-            out.push_back(static_cast<char>(c));
+            *out++ = static_cast<char>(c);
             continue;
         }
+        char escape = 0;
         switch (c) {
-            case '\\': out.append("\\\\"); continue;
-            case '"': out.append("\\\""); continue;
-            case '\b': out.append("\\b"); continue;
-            case '\f': out.append("\\f"); continue;
-            case '\n': out.append("\\n"); continue;
-            case '\r': out.append("\\r"); continue;
-            case '\t': out.append("\\t"); continue;
+            case '\\': escape = '\\'; break;
+            case '"': escape = '"'; break;
+            case '\b': escape = 'b'; break;
+            case '\f': escape = 'f'; break;
+            case '\n': escape = 'n'; break;
+            case '\r': escape = 'r'; break;
+            case '\t': escape = 't'; break;
             default: break;
         }
-        auto unit = [&](Py_UCS4 u) {
-            const char esc[] = {'\\', 'u', hex[(u >> 12) & 0xf], hex[(u >> 8) & 0xf],
-                                hex[(u >> 4) & 0xf], hex[u & 0xf]};
-            out.append(esc, sizeof esc);
-        };
-        if (c >= 0x10000) {
+        if (escape != 0) {
+            *out++ = '\\';
+            *out++ = escape;
+        } else if (c >= 0x10000) {
             const Py_UCS4 v = c - 0x10000;
             unit(0xd800 | ((v >> 10) & 0x3ff));
             unit(0xdc00 | (v & 0x3ff));
@@ -55,100 +83,95 @@ void append_json_string(std::string& out, PyObject* text) {
             unit(c);
         }
     }
-    out.push_back('"');
+    *out++ = '"';
+    return out;
 }
 
-void append_int(std::string& out, int64_t v) {
-    char buf[24];
-    auto res = std::to_chars(buf, buf + sizeof buf, v);
-    out.append(buf, res.ptr);
+char* write_int(char* out, int64_t v) { return std::to_chars(out, out + 20, v).ptr; }
+
+char* write_double(char* out, double v) {
+    auto put = [&](const char* s, size_t n) {
+        std::memcpy(out, s, n);
+        return out + n;
+    };
+    if (std::isnan(v)) return put("NaN", 3);
+    if (std::isinf(v)) return v > 0 ? put("Infinity", 8) : put("-Infinity", 9);
+    return write_float_repr(out, v);
 }
 
-void append_double(std::string& out, double v) {
-    if (std::isnan(v)) {
-        out.append("NaN");
-    } else if (std::isinf(v)) {
-        out.append(v > 0 ? "Infinity" : "-Infinity");
-    } else {
-        append_float_repr(out, v);
+// A value whose bound was taken with value_bound().
+char* write_value(char* out, PyObject* v) {
+    if (PyUnicode_CheckExact(v)) return write_string(out, v);
+    if (v == Py_None) return static_cast<char*>(std::memcpy(out, "null", 4)) + 4;
+    if (v == Py_True) return static_cast<char*>(std::memcpy(out, "true", 4)) + 4;
+    if (v == Py_False) return static_cast<char*>(std::memcpy(out, "false", 5)) + 5;
+    if (PyLong_CheckExact(v)) return write_int(out, PyLong_AsLongLong(v));
+    return write_double(out, PyFloat_AS_DOUBLE(v));
+}
+
+// The flushing thread keeps its layout buffer: a megabyte document laid out
+// into fresh memory at every flush would mostly cost page faults.
+char* layout_buffer(size_t size) {
+    thread_local std::unique_ptr<char[]> buffer;
+    thread_local size_t capacity = 0;
+    if (size > capacity || capacity > (size_t{64} << 20)) {
+        buffer.reset();
+        capacity = 0;
+        buffer.reset(new char[size]);
+        capacity = size;
     }
+    return buffer.get();
 }
 
-// Writes a value of a type json.dumps lays out in an obvious way; false for
-// anything else, which the caller leaves to json.dumps itself.
-bool append_value(std::string& out, PyObject* v) {
-    if (PyUnicode_CheckExact(v)) {
-        append_json_string(out, v);
-    } else if (v == Py_None) {
-        out.append("null");
-    } else if (v == Py_True) {
-        out.append("true");
-    } else if (v == Py_False) {
-        out.append("false");
-    } else if (PyLong_CheckExact(v)) {
-        int overflow = 0;
-        const long long n = PyLong_AsLongLongAndOverflow(v, &overflow);
-        if (overflow != 0 || (n == -1 && PyErr_Occurred())) {
-            PyErr_Clear();
-            return false;
-        }
-        append_int(out, n);
-    } else if (PyFloat_CheckExact(v)) {
-        append_double(out, PyFloat_AS_DOUBLE(v));
-    } else {
-        return false;
-    }
-    return true;
-}
+constexpr size_t kRowText = 80;  // member names, quotes, braces and separators of a row
 
 // The usage document laid out natively: identical to
 // json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
-// The flushing thread keeps its layout buffer: a megabyte document laid out
-// into fresh memory at every flush would mostly cost page faults.
-std::string& layout_buffer() {
-    thread_local std::unique_ptr<std::string> buffer;
-    if (!buffer) buffer = std::make_unique<std::string>();
-    return *buffer;
-}
-
 Ref layout_native(const std::vector<DocumentRow>& rows) {
-    std::string& out = layout_buffer();
-    out.clear();
-    out.reserve(rows.size() * 128 + 2);
-    out.push_back('[');
-    bool first = true;
+    size_t bound = 2;
     for (const DocumentRow& r : rows) {
-        if (!first) out.push_back(',');
-        first = false;
-        out.append("{\"tool\":");
-        if (!append_value(out, r.tool.get())) return Ref();
-        out.append(",\"action\":");
-        if (!append_value(out, r.action.get())) return Ref();
-        out.append(",\"outcome\":");
-        if (!append_value(out, r.outcome.get())) return Ref();
-        out.append(",\"alias_hit\":");
-        if (!append_value(out, r.alias_hit.get())) return Ref();
-        if (r.native) {
-            out.append(",\"calls\":");
-            append_int(out, r.calls);
-            out.append(",\"timed_calls\":");
-            append_int(out, r.timed_calls);
-            out.append(",\"total_ms\":");
-            append_double(out, r.total_ms);
-        } else {
-            out.append(",\"calls\":");
-            if (!append_value(out, r.calls_obj.get())) return Ref();
-            out.append(",\"timed_calls\":");
-            if (!append_value(out, r.timed_obj.get())) return Ref();
-            out.append(",\"total_ms\":");
-            if (!append_value(out, r.total_obj.get())) return Ref();
+        PyObject* const values[] = {r.tool.get(),      r.action.get(),    r.outcome.get(),
+                                    r.alias_hit.get(), r.calls_obj.get(), r.timed_obj.get(),
+                                    r.total_obj.get()};
+        size_t row = kRowText + (r.native ? 20 + 20 + 32 : 0);
+        for (PyObject* v : values) {
+            if (v == nullptr) continue;  // a native count
+            const Py_ssize_t b = value_bound(v);
+            if (b < 0) return Ref();
+            row += static_cast<size_t>(b);
         }
-        out.push_back('}');
+        bound += row;
     }
-    out.push_back(']');
-    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(out.size()), 127));
-    if (text) std::memcpy(PyUnicode_DATA(text.get()), out.data(), out.size());
-    if (out.capacity() > (size_t{64} << 20)) std::string().swap(out);  // keep no giant buffer
+    char* const start = layout_buffer(bound);
+    char* out = start;
+    auto put = [&](const char* s, size_t n) {
+        std::memcpy(out, s, n);
+        out += n;
+    };
+    *out++ = '[';
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const DocumentRow& r = rows[i];
+        if (i > 0) *out++ = ',';
+        put("{\"tool\":", 8);
+        out = write_value(out, r.tool.get());
+        put(",\"action\":", 10);
+        out = write_value(out, r.action.get());
+        put(",\"outcome\":", 11);
+        out = write_value(out, r.outcome.get());
+        put(",\"alias_hit\":", 13);
+        out = write_value(out, r.alias_hit.get());
+        put(",\"calls\":", 9);
+        out = r.native ? write_int(out, r.calls) : write_value(out, r.calls_obj.get());
+        put(",\"timed_calls\":", 15);
+        out = r.native ? write_int(out, r.timed_calls) : write_value(out, r.timed_obj.get());
+        put(",\"total_ms\":", 12);
+        out = r.native ? write_double(out, r.total_ms) : write_value(out, r.total_obj.get());
+        *out++ = '}';
+    }
+    *out++ = ']';
+    const size_t size = static_cast<size_t>(out - start);
+    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(size), 127));
+    if (text) std::memcpy(PyUnicode_DATA(text.get()), start, size);
     return text;
 }
 

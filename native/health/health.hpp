@@ -86,8 +86,9 @@ int int_of(PyObject* value, int64_t* out) noexcept;
 // Python's round(x, ndigits) for a float, 0 <= ndigits <= 17.
 double round_half_even(double x, int ndigits) noexcept;
 
-// Python's own repr of a finite float, as json.dumps writes it.
-void append_float_repr(std::string& out, double x);
+// Python's own repr of a finite float, as json.dumps writes it (at most 24
+// characters); returns the end of what was written.
+char* write_float_repr(char* out, double x);
 
 // Calls `callable` with positional arguments.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) noexcept;

@@ -158,7 +158,7 @@ double round_half_even(double x, int ndigits) noexcept {
     return rounded;
 }
 
-void append_float_repr(std::string& out, double x) {
+char* write_float_repr(char* out, double x) {
     // The shortest digits that read back as x, laid out as float.__repr__ does:
     // exponent form below 1e-4 and from 1e16, otherwise fixed with at least one decimal.
     char buf[64];
@@ -166,45 +166,49 @@ void append_float_repr(std::string& out, double x) {
     const char* p = buf;
     const char* end = res.ptr;
     if (*p == '-') {
-        out.push_back('-');
+        *out++ = '-';
         ++p;
     }
     char digits[32];
     int ndigits = 0;
     while (p < end && *p != 'e') {
-        if (*p != '.') {
-            digits[ndigits++] = *p;
-        }
+        if (*p != '.') digits[ndigits++] = *p;
         ++p;
     }
     int exponent = 0;
-    if (p < end) {
-        std::from_chars(p[1] == '+' ? p + 2 : p + 1, end, exponent);
-    }
+    if (p < end) std::from_chars(p[1] == '+' ? p + 2 : p + 1, end, exponent);
     const int decpt = exponent + 1;
+    auto put = [&](const char* s, int n) {
+        std::memcpy(out, s, static_cast<size_t>(n));
+        out += n;
+    };
     if (decpt <= -4 || decpt > 16) {
-        out.push_back(digits[0]);
+        *out++ = digits[0];
         if (ndigits > 1) {
-            out.push_back('.');
-            out.append(digits + 1, static_cast<size_t>(ndigits - 1));
+            *out++ = '.';
+            put(digits + 1, ndigits - 1);
         }
-        char expbuf[16];
-        std::snprintf(expbuf, sizeof expbuf, "e%c%02d", exponent < 0 ? '-' : '+',
-                      exponent < 0 ? -exponent : exponent);
-        out.append(expbuf);
+        *out++ = 'e';
+        *out++ = exponent < 0 ? '-' : '+';
+        const int magnitude = exponent < 0 ? -exponent : exponent;
+        if (magnitude < 10) *out++ = '0';
+        out = std::to_chars(out, out + 4, magnitude).ptr;
     } else if (decpt <= 0) {
-        out.append("0.");
-        out.append(static_cast<size_t>(-decpt), '0');
-        out.append(digits, static_cast<size_t>(ndigits));
+        put("0.", 2);
+        std::memset(out, '0', static_cast<size_t>(-decpt));
+        out += -decpt;
+        put(digits, ndigits);
     } else if (decpt >= ndigits) {
-        out.append(digits, static_cast<size_t>(ndigits));
-        out.append(static_cast<size_t>(decpt - ndigits), '0');
-        out.append(".0");
+        put(digits, ndigits);
+        std::memset(out, '0', static_cast<size_t>(decpt - ndigits));
+        out += decpt - ndigits;
+        put(".0", 2);
     } else {
-        out.append(digits, static_cast<size_t>(decpt));
-        out.push_back('.');
-        out.append(digits + decpt, static_cast<size_t>(ndigits - decpt));
+        put(digits, decpt);
+        *out++ = '.';
+        put(digits + decpt, ndigits - decpt);
     }
+    return out;
 }
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) noexcept {
