@@ -130,8 +130,8 @@ constexpr size_t kRowText = 80;  // member names, quotes, braces and separators 
 Ref layout_native(const std::vector<DocumentRow>& rows) {
     size_t bound = 2;
     for (const DocumentRow& r : rows) {
-        PyObject* const values[] = {r.tool.get(),      r.action.get(),    r.outcome.get(),
-                                    r.alias_hit.get(), r.calls_obj.get(), r.timed_obj.get(),
+        PyObject* const values[] = {r.member(0),        r.member(1),       r.member(2),
+                                    r.member(3),        r.calls_obj.get(), r.timed_obj.get(),
                                     r.total_obj.get()};
         size_t row = kRowText + (r.native ? 20 + 20 + 32 : 0);
         for (PyObject* v : values) {
@@ -153,13 +153,13 @@ Ref layout_native(const std::vector<DocumentRow>& rows) {
         const DocumentRow& r = rows[i];
         if (i > 0) *out++ = ',';
         put("{\"tool\":", 8);
-        out = write_value(out, r.tool.get());
+        out = write_value(out, r.member(0));
         put(",\"action\":", 10);
-        out = write_value(out, r.action.get());
+        out = write_value(out, r.member(1));
         put(",\"outcome\":", 11);
-        out = write_value(out, r.outcome.get());
+        out = write_value(out, r.member(2));
         put(",\"alias_hit\":", 13);
-        out = write_value(out, r.alias_hit.get());
+        out = write_value(out, r.member(3));
         put(",\"calls\":", 9);
         out = r.native ? write_int(out, r.calls) : write_value(out, r.calls_obj.get());
         put(",\"timed_calls\":", 15);
@@ -186,10 +186,10 @@ Ref rows_as_objects(ModuleState* st, const std::vector<DocumentRow>& rows) {
         Ref total = r.native ? Ref(PyFloat_FromDouble(r.total_ms)) : Ref::borrow(r.total_obj.get());
         Ref row(PyDict_New());
         if (!calls || !timed || !total || !row) return Ref();
-        if (PyDict_SetItem(row.get(), st->s_tool, r.tool.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_action, r.action.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
+        if (PyDict_SetItem(row.get(), st->s_tool, r.member(0)) < 0 ||
+            PyDict_SetItem(row.get(), st->s_action, r.member(1)) < 0 ||
+            PyDict_SetItem(row.get(), st->s_outcome, r.member(2)) < 0 ||
+            PyDict_SetItem(row.get(), st->s_alias_hit, r.member(3)) < 0 ||
             PyDict_SetItem(row.get(), st->s_calls, calls.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_timed_calls, timed.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_total_ms, total.get()) < 0 ||

@@ -9,7 +9,8 @@ namespace health {
 
 // One row of the usage document, copied under the lock.
 struct DocumentRow {
-    Ref tool, action, outcome, alias_hit;
+    Ref key;  // (tool, action, outcome, alias_hit) as an exact 4-tuple
+    PyObject* member(Py_ssize_t i) const noexcept { return PyTuple_GET_ITEM(key.get(), i); }
     bool native = false;
     int64_t calls = 0, timed_calls = 0;
     double total_ms = 0.0;

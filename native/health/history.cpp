@@ -312,16 +312,13 @@ PyObject* flush_health(TrackerObject* self) {
 
 int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentRow& r) {
     if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
-        r.tool = Ref::borrow(PyTuple_GET_ITEM(key, 0));
-        r.action = Ref::borrow(PyTuple_GET_ITEM(key, 1));
-        r.outcome = Ref::borrow(PyTuple_GET_ITEM(key, 2));
-        r.alias_hit = Ref::borrow(PyTuple_GET_ITEM(key, 3));
+        r.key = Ref::borrow(key);  // immutable: holding it copies the four values
     } else {
-        r.tool.reset(PySequence_GetItem(key, 0));
-        r.action.reset(PySequence_GetItem(key, 1));
-        r.outcome.reset(PySequence_GetItem(key, 2));
-        r.alias_hit.reset(PySequence_GetItem(key, 3));
-        if (!r.tool || !r.action || !r.outcome || !r.alias_hit) return -1;
+        Ref tool(PySequence_GetItem(key, 0)), action(PySequence_GetItem(key, 1)),
+            outcome(PySequence_GetItem(key, 2)), alias_hit(PySequence_GetItem(key, 3));
+        if (!tool || !action || !outcome || !alias_hit) return -1;
+        r.key.reset(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(), alias_hit.get()));
+        if (!r.key) return -1;
     }
     if (is_native_usage(st, usage)) {
         UsageObject* u = as_usage(usage);
