@@ -321,12 +321,21 @@ private:
 enum Member { kTool, kAction, kOutcome, kAliasHit, kCalls, kTimedCalls, kTotalMs, kMembers };
 
 int member_of(std::string_view name) {
+    // Told apart by length and first letter, then confirmed.
+    int m;
+    switch (name.size()) {
+        case 4: m = kTool; break;
+        case 5: m = kCalls; break;
+        case 6: m = kAction; break;
+        case 7: m = kOutcome; break;
+        case 8: m = kTotalMs; break;
+        case 9: m = kAliasHit; break;
+        case 11: m = kTimedCalls; break;
+        default: return -1;
+    }
     static const std::string_view names[kMembers] = {"tool",      "action",      "outcome", "alias_hit",
                                                      "calls",     "timed_calls", "total_ms"};
-    for (int i = 0; i < kMembers; ++i) {
-        if (names[i] == name) return i;
-    }
-    return -1;
+    return names[m] == name ? m : -1;
 }
 
 struct ParsedRow {
@@ -431,6 +440,9 @@ int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObje
         if (tool == nullptr || outcome == nullptr || action == nullptr) return -1;
         Ref key(PyTuple_Pack(4, tool, action, outcome, row.alias_hit ? Py_True : Py_False));
         if (!key) return -1;
+        // Text, None and a bool cannot take part in a cycle: keep the key out of
+        // the collector's way, as the collector itself would on its first pass.
+        PyObject_GC_UnTrack(key.get());
         Ref usage(st->usage_type->tp_alloc(st->usage_type, 0));
         if (!usage) return -1;
         UsageObject* u = as_usage(usage.get());
