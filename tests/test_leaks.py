@@ -435,24 +435,24 @@ def world(monkeypatch: pytest.MonkeyPatch) -> Iterator[World]:
     w = World()
     monkeypatch.setattr(health, "TOOLS", w.registry)
     monkeypatch.setattr(health, "time", w.clock)
-    # The warnings of failed loads go to a handler that formats and drops them: the
-    # test runner's log capture would keep every record and grow.
-    log = logging.getLogger(health.__name__)
+    # The warnings of failed loads go to a logger of our own that formats and drops
+    # them: the test runner's log capture would keep every record and grow. It is made
+    # outside the logging registry, so the runner cannot attach its handler to it.
+    log = logging.Logger(health.__name__)
+    log.propagate = False
 
     class Drop(logging.Handler):
         def emit(self, record: logging.LogRecord) -> None:
             self.format(record)
 
-    drop = Drop()
-    log.addHandler(drop)
-    monkeypatch.setattr(log, "propagate", False)
+    log.addHandler(Drop())
+    monkeypatch.setattr(health, "logger", log)
     w.tracker = health.ToolHealthTracker(repo(w.db), ToolsConfig(disable_after_errors=3, disable_cooldown_s=60))
     w.limited = health.ToolHealthTracker(repo(MemDb()), CooldownRaises())
     w.limited.record_error("a", "x")  # disabled at once; is_disabled then reads the cooldown
     w.rec = health._ToolState()
     w.use = health._Usage()
     yield w
-    log.removeHandler(drop)
 
 
 def _run(scenario: Scenario, w: World) -> BaseException | None:
