@@ -1,49 +1,35 @@
-"""Shared fixtures: a real SQLite repository, a controllable clock, a test registry,
-and a database wrapper that records every statement and checks the tracker's lock."""
-from __future__ import annotations
+"""Shared fixtures: a real SQLite repository, a fake clock, a test registry and fake databases."""
 
-import threading
-from dataclasses import dataclass, field
+import types
+from dataclasses import make_dataclass
 from pathlib import Path
 from typing import Any, Callable, Iterator
 
 import pytest
 
-from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolRegistry, ToolSpec
 
-
-@dataclass
-class HostToolState:
-    """A host's own record type, put in place of `health._ToolState`."""
-
-    call_count: int = 0
-    error_count: int = 0
-    last_error: Any = None
-    disabled_at: Any = None
-    updated_at: float = 0.0
-    consecutive_errors: int = 0
+SELECT_HEALTH = "SELECT tool_name, call_count, error_count, last_error, disabled_at, updated_at FROM tool_health"
+SELECT_USAGE = "SELECT value FROM schema_info WHERE key = ?"
+WRITE_USAGE = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)"
+NOW, NOW_TEXT = 1_700_000_000.0, "2023-11-14 22:13:20"
+MEMBERS = ("tool", "action", "outcome", "alias_hit", "calls", "timed_calls", "total_ms")  # of a usage document row
 
 
-@dataclass
-class HostUsage:
-    """A host's own record type, put in place of `health._Usage`."""
-
-    calls: int = 0
-    timed_calls: int = 0
-    total_ms: float = 0.0
+# A host's own record types, put in place of health._ToolState and health._Usage.
+HostToolState = make_dataclass("HostToolState", [
+    ("call_count", int, 0), ("error_count", int, 0), ("last_error", Any, None), ("disabled_at", Any, None),
+    ("updated_at", float, 0.0), ("consecutive_errors", int, 0)])
+HostUsage = make_dataclass("HostUsage", [("calls", int, 0), ("timed_calls", int, 0), ("total_ms", float, 0.0)])
 
 
-class FakeClock:
-    """Stands in for the `time` module on `health`: `time()` answers `now`."""
+class FakeClock:  # stands in for the `time` module on `health`; counts its reads
+    def __init__(self, now: Any = NOW) -> None:
+        self.now, self.reads = now, 0
 
-    def __init__(self, now: float = 1_700_000_000.0) -> None:
-        self.now = now
-        self.reads = 0
-
-    def time(self) -> float:
+    def time(self) -> Any:
         self.reads += 1
         return self.now
 
@@ -51,28 +37,46 @@ class FakeClock:
         self.now += seconds
 
 
-@pytest.fixture
-def clock(monkeypatch: pytest.MonkeyPatch) -> FakeClock:
-    fake = FakeClock()
-    monkeypatch.setattr(health, "time", fake)
-    return fake
+DbError = type("DbError", (Exception,), {})
+
+
+class MemDb:
+    """An in-memory database: `one` is the raw fetchone answer, writes are kept in `written` (unless `keep`
+    is false), execute stores its document as the next `one`, and the operations in `fail` raise a fresh DbError."""
+
+    def __init__(self, rows: Any = (), one: Any = None, keep: bool = True, fail: Any = ()) -> None:
+        self.rows, self.one, self.keep, self.written, self.fail = rows, one, keep, [], set(fail)
+
+    def __getattr__(self, op: str) -> Callable[..., Any]:  # fetchall, fetchone, execute, executemany
+        def run(sql: str, params: Any = None) -> Any:
+            if op in self.fail:
+                raise DbError(op)
+            if op.startswith("exec") and self.keep:
+                self.written.append((op, sql, tuple(params) if op == "execute" else [tuple(r) for r in params]))
+            self.one = (params[1],) if op == "execute" else self.one
+            return self.rows if op == "fetchall" else self.one if op == "fetchone" else None
+        return run
+
+
+def tracker_over(db: Any, limits: Any = None) -> Any:
+    return health.ToolHealthTracker(types.SimpleNamespace(db=db), limits)
 
 
 def make_registry(tools: dict[str, tuple[str, ...]]) -> ToolRegistry:
-    registry = ToolRegistry()
-    for name, actions in tools.items():
-        registry.register(ToolSpec(name, [ActionSpec(a) for a in actions]))
-    return registry
+    return ToolRegistry({name: ToolSpec(name, [ActionSpec(a) for a in actions]) for name, actions in tools.items()})
+
+
+@pytest.fixture
+def clock(monkeypatch: pytest.MonkeyPatch) -> FakeClock:
+    monkeypatch.setattr(health, "time", FakeClock())
+    return health.time
 
 
 @pytest.fixture
 def registry(monkeypatch: pytest.MonkeyPatch) -> ToolRegistry:
-    """A registry of tools a..e and search(text, symbol), installed as health.TOOLS."""
-    reg = make_registry(
-        {"a": (), "b": (), "c": (), "d": (), "e": (), "search": ("text", "symbol"), "git": ("log",)}
-    )
-    monkeypatch.setattr(health, "TOOLS", reg)
-    return reg
+    monkeypatch.setattr(health, "TOOLS", make_registry({"a": (), "b": (), "c": (), "search": ("text", "symbol"),
+                                                       "git": ("log",)}))
+    return health.TOOLS
 
 
 @pytest.fixture
@@ -82,55 +86,25 @@ def repo(tmp_path: Path) -> Iterator[Repository]:
     repository.close()
 
 
-@dataclass
-class Call:
-    op: str
-    args: tuple[Any, ...]
-
-
-@dataclass
 class RecordingDb:
-    """Wraps a real database: records each call, can be told to fail, and fails
-    the test if a statement runs while the tracker's lock is held."""
+    """Wraps a real database: records each call as (op, args), raises what `fail` names, and counts
+    statements run while the tracker's lock is held."""
 
-    inner: Any
-    calls: list[Call] = field(default_factory=list)
-    fail: dict[str, BaseException] = field(default_factory=dict)
-    tracker: Any = None
-    lock_violations: int = 0
+    def __init__(self, inner: Any) -> None:
+        self.inner, self.calls, self.fail, self.tracker, self.lock_violations = inner, [], {}, None, 0
 
-    def _enter(self, op: str, *args: Any) -> None:
-        if self.tracker is not None and self.tracker._lock.locked():
-            self.lock_violations += 1
-        self.calls.append(Call(op, args))
-        error = self.fail.get(op)
-        if error is not None:
-            raise error
+    def __getattr__(self, op: str) -> Callable[..., Any]:  # fetchall, fetchone, execute, executemany
+        return lambda *args: self._enter(op, *args)
 
-    def fetchall(self, sql: str) -> Any:
-        self._enter("fetchall", sql)
-        return self.inner.fetchall(sql)
-
-    def fetchone(self, sql: str, params: Any) -> Any:
-        self._enter("fetchone", sql, params)
-        return self.inner.fetchone(sql, params)
-
-    def execute(self, sql: str, params: Any) -> Any:
-        self._enter("execute", sql, params)
-        return self.inner.execute(sql, params)
-
-    def executemany(self, sql: str, rows: Any) -> Any:
-        rows = list(rows)
-        self._enter("executemany", sql, rows)
-        return self.inner.executemany(sql, rows)
+    def _enter(self, op: str, *args: Any) -> Any:
+        self.lock_violations += self.tracker is not None and self.tracker._lock.locked()
+        self.calls.append((op, args))
+        if op in self.fail:
+            raise self.fail[op]
+        return getattr(self.inner, op)(*args)
 
     def ops(self) -> list[str]:
-        return [c.op for c in self.calls]
-
-
-class RecordingRepo:
-    def __init__(self, db: Any) -> None:
-        self.db = db
+        return [op for op, _ in self.calls]
 
 
 @pytest.fixture
@@ -140,28 +114,5 @@ def recording(repo: Repository) -> RecordingDb:
 
 @pytest.fixture
 def make_tracker(recording: RecordingDb) -> Callable[..., Any]:
-    """Builds a tracker over the recording database; the database then watches its lock."""
-
-    def build(limits: ToolsConfig | None = None, db: Any = None) -> Any:
-        target = recording if db is None else db
-        tracker = health.ToolHealthTracker(RecordingRepo(target), limits)
-        if isinstance(target, RecordingDb):
-            target.tracker = tracker
-        return tracker
-
-    return build
-
-
-def hold_lock_in_thread(lock: Any) -> tuple[threading.Event, threading.Event, threading.Thread]:
-    """Starts a thread that takes `lock` and keeps it until `release` is set."""
-    held, release = threading.Event(), threading.Event()
-
-    def run() -> None:
-        with lock:
-            held.set()
-            release.wait(10)
-
-    thread = threading.Thread(target=run, daemon=True)
-    thread.start()
-    assert held.wait(10)
-    return held, release, thread
+    """Builds a tracker over `recording`, which then watches its lock."""
+    return lambda limits=None: setattr(recording, "tracker", tracker_over(recording, limits)) or recording.tracker

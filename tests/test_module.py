@@ -1,8 +1,6 @@
 """What loading the module binds, what a failed host import does, and what the shared object exports."""
-from __future__ import annotations
 
-import dataclasses
-import datetime
+import importlib
 import inspect
 import json
 import logging
@@ -10,178 +8,71 @@ import os
 import shutil
 import subprocess
 import sys
-import textwrap
-import threading
-import time
 import typing
-from pathlib import Path
+from typing import Any
 
 import pytest
 
-import ordanis_veltrane.config
-import ordanis_veltrane.tool_registry
-import ordanis_veltrane.tool_schemas
-import ordanis_veltrane.utils.process
-import ordanis_veltrane.utils.timing
 from ordanis_veltrane.tool_handlers import health
 
-# Where the package under test is imported from: the source tree or an installed copy.
-SRC = Path(ordanis_veltrane.config.__file__).resolve().parents[1]
-
-LOAD_ORDER = [
-    "json", "logging", "threading", "time", "dataclass", "datetime", "timezone", "TYPE_CHECKING", "Any",
-    "ToolsConfig", "TOOLS", "is_slow_call", "ThreadCensus", "thread_census", "get_timing_collector",
-    "logger", "_SQLITE_TIMESTAMP", "_TOOL_HEALTH_COLUMNS", "TOOL_USAGE_KEY", "_UsageKey",
-    "_sqlite_time", "_epoch", "_ToolState", "_Usage", "_known", "ToolHealthTracker",
-    "handle_get_tool_performance_stats", "thread_census_report",
-]
-HOST_MODULES = [
-    "ordanis_veltrane.config",
-    "ordanis_veltrane.tool_registry",
-    "ordanis_veltrane.tool_schemas",
-    "ordanis_veltrane.utils.process",
-    "ordanis_veltrane.utils.timing",
-]
+HOST = ["ordanis_veltrane." + m for m in ("config", "tool_registry", "tool_schemas", "utils.process", "utils.timing")]
+HOSTS = {  # the names the load binds first, in order, and the modules they come from
+    "json": "json", "logging": "logging", "threading": "threading", "time": "time", "dataclass": "dataclasses",
+    "datetime": "datetime", "timezone": "datetime", "TYPE_CHECKING": "typing", "Any": "typing", "ToolsConfig": HOST[0],
+    "TOOLS": HOST[1], "is_slow_call": HOST[2], "ThreadCensus": HOST[3], "thread_census": HOST[3],
+    "get_timing_collector": HOST[4]}
+LOAD_ORDER = [*HOSTS, "logger", "_SQLITE_TIMESTAMP", "_TOOL_HEALTH_COLUMNS", "TOOL_USAGE_KEY", "_UsageKey",
+              "_sqlite_time", "_epoch", "_ToolState", "_Usage", "_known", "ToolHealthTracker",
+              "handle_get_tool_performance_stats", "thread_census_report"]
 
 
-def test_attributes_are_bound_in_load_order() -> None:
-    names = [n for n in vars(health) if n in LOAD_ORDER]
-    assert names == LOAD_ORDER
-    assert "__all__" not in vars(health)
-
-
-def test_bound_names_and_constants() -> None:
-    assert health.__name__ == "ordanis_veltrane.tool_handlers.health"
-    assert isinstance(health.__doc__, str) and health.__doc__.strip()
-    expected = {
-        "json": json, "logging": logging, "threading": threading, "time": time,
-        "dataclass": dataclasses.dataclass, "datetime": datetime.datetime, "timezone": datetime.timezone,
-        "Any": typing.Any,
-        "ToolsConfig": ordanis_veltrane.config.ToolsConfig,
-        "TOOLS": ordanis_veltrane.tool_registry.TOOLS,
-        "is_slow_call": ordanis_veltrane.tool_schemas.is_slow_call,
-        "ThreadCensus": ordanis_veltrane.utils.process.ThreadCensus,
-        "thread_census": ordanis_veltrane.utils.process.thread_census,
-        "get_timing_collector": ordanis_veltrane.utils.timing.get_timing_collector,
-        "logger": logging.getLogger("ordanis_veltrane.tool_handlers.health"),
-    }
-    for name, value in expected.items():
-        assert getattr(health, name) is value, name
-    assert health.TYPE_CHECKING is False
-    assert health.logger.name == "ordanis_veltrane.tool_handlers.health"
-    assert health._SQLITE_TIMESTAMP == "%Y-%m-%d %H:%M:%S"
-    assert health._TOOL_HEALTH_COLUMNS == "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
-    assert health.TOOL_USAGE_KEY == "tool_usage"
-    assert typing.get_origin(health._UsageKey) is tuple
+def test_bound_names_in_load_order_and_signatures(repo: Any) -> None:
+    assert [n for n in vars(health) if n in LOAD_ORDER] == LOAD_ORDER and "__all__" not in vars(health)
+    assert health.__name__ == "ordanis_veltrane.tool_handlers.health" and health.__doc__.strip()
+    for name, module in HOSTS.items():
+        source = importlib.import_module(module)
+        assert getattr(health, name) is (source if name in LOAD_ORDER[:4] else getattr(source, name)), name
+    assert health.logger is logging.getLogger(health.__name__) and health.TYPE_CHECKING is False
+    assert (health._SQLITE_TIMESTAMP, health._TOOL_HEALTH_COLUMNS, health.TOOL_USAGE_KEY) == (
+        "%Y-%m-%d %H:%M:%S", "tool_name, call_count, error_count, last_error, disabled_at, updated_at", "tool_usage")
     assert typing.get_args(health._UsageKey) == (str, str | None, str, bool)
+    record_call = health.ToolHealthTracker(repo).record_call
+    assert str(inspect.signature(record_call)) == "(tool_name, action, outcome, *, alias_hit, duration_ms)"
+    assert str(inspect.signature(health.thread_census_report)) == "(budget, census=None)"
 
 
-def run_python(script: str) -> subprocess.CompletedProcess[str]:
-    env = dict(os.environ, PYTHONPATH=str(SRC))
-    return subprocess.run(
-        [sys.executable, "-c", textwrap.dedent(script)], capture_output=True, text=True, env=env, timeout=60
-    )
-
-
-BLOCKED_IMPORT = """
-import json as _json, sys, threading
-
-BLOCKED = {blocked!r}
-
+LOAD = """
+import json, sys, threading
 class Blocker:
     def find_spec(self, name, path=None, target=None):
-        if name == BLOCKED:
+        if name == {blocked!r}:
             raise ImportError("blocked " + name)
-        return None
-
-sys.modules.pop(BLOCKED, None)
+sys.modules.pop({blocked!r}, None)
 sys.meta_path.insert(0, Blocker())
-before = threading.active_count()
 try:
     import ordanis_veltrane.tool_handlers.health
     outcome = ["loaded"]
 except BaseException as error:
     outcome = [type(error).__name__, str(error)]
-host = {host!r}
-print(_json.dumps({{
-    "outcome": outcome,
-    "in_modules": "ordanis_veltrane.tool_handlers.health" in sys.modules,
-    "imported": [m for m in host if m in sys.modules],
-    "threads": threading.active_count() - before,
-}}))
+print(json.dumps([outcome, "ordanis_veltrane.tool_handlers.health" in sys.modules,
+                  [m for m in {host!r} if m in sys.modules], threading.active_count(),
+                  "ordanis_veltrane.repository" in sys.modules or "sqlite3" in sys.modules]))
 """
 
 
-@pytest.mark.parametrize("blocked", ["json", *HOST_MODULES])
-def test_a_missing_import_fails_the_load(blocked: str) -> None:
-    done = run_python(BLOCKED_IMPORT.format(blocked=blocked, host=HOST_MODULES))
+@pytest.mark.parametrize("blocked", [None, "json", *HOST])
+def test_load_and_a_missing_import(blocked: str | None) -> None:
+    done = subprocess.run([sys.executable, "-c", LOAD.format(blocked=blocked, host=HOST)], capture_output=True,
+                          text=True, env=dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path)), timeout=60)
     assert done.returncode == 0, done.stderr
-    result = json.loads(done.stdout)
-    assert result["outcome"] == ["ImportError", f"blocked {blocked}"]
-    assert result["in_modules"] is False
-    # Host modules are imported in order, and the load stops at the failed one.
-    before = HOST_MODULES[: HOST_MODULES.index(blocked)] if blocked in HOST_MODULES else []
-    assert result["imported"] == before
-
-
-def test_load_starts_no_thread_and_touches_no_database(tmp_path: Path) -> None:
-    script = """
-    import json, sqlite3, sys, threading
-    connects = []
-    real = sqlite3.connect
-    sqlite3.connect = lambda *a, **k: connects.append(a) or real(*a, **k)
-    before = threading.active_count()
-    import ordanis_veltrane.tool_handlers.health as health
-    print(json.dumps([threading.active_count() - before, len(connects), sorted(m for m in sys.modules if m.startswith("ordanis_veltrane.repository"))]))
-    """
-    done = run_python(script)
-    assert done.returncode == 0, done.stderr
-    assert json.loads(done.stdout) == [0, 0, []]
+    outcome, loaded, imported, threads, database = json.loads(done.stdout)
+    # Host modules are imported in order and the load stops at the failed one; no thread, no database.
+    assert imported == (HOST[: HOST.index(blocked)] if blocked in HOST else [] if blocked else HOST)
+    expected = (["loaded"], True) if blocked is None else (["ImportError", f"blocked {blocked}"], False)
+    assert (outcome, loaded) == expected and threads == 1 and database is False
 
 
 @pytest.mark.skipif(shutil.which("nm") is None, reason="nm is not installed")
 def test_only_the_init_entry_is_exported() -> None:
     done = subprocess.run(["nm", "-D", "--defined-only", health.__file__], capture_output=True, text=True, check=True)
-    symbols = [line.split()[-1] for line in done.stdout.splitlines() if line.strip()]
-    assert symbols == ["PyInit_health"]
-
-
-P = inspect.Parameter
-POK, KWO = P.POSITIONAL_OR_KEYWORD, P.KEYWORD_ONLY
-
-
-@pytest.mark.parametrize(
-    ("target", "params"),
-    [
-        (health.ToolHealthTracker.record_call,
-         [("self", None), ("tool_name", POK), ("action", POK), ("outcome", POK), ("alias_hit", KWO), ("duration_ms", KWO)]),
-        (health.ToolHealthTracker.is_disabled, [("self", None), ("tool_name", POK)]),
-        (health.ToolHealthTracker.record_success, [("self", None), ("tool_name", POK)]),
-        (health.ToolHealthTracker.record_error, [("self", None), ("tool_name", POK), ("error", POK)]),
-        (health.ToolHealthTracker.flush, [("self", None)]),
-        (health.ToolHealthTracker.get_health_summary, [("self", None)]),
-        (health.handle_get_tool_performance_stats, []),
-        (health.thread_census_report, [("budget", POK), ("census", POK)]),
-        (health._sqlite_time, [("epoch", None)]),
-        (health._epoch, [("text", None)]),
-        (health._known, [("tool", None), ("action", None)]),
-    ],
-    ids=lambda v: getattr(v, "__qualname__", None),
-)
-def test_text_signatures(target: object, params: list[tuple[str, object]]) -> None:
-    signature = inspect.signature(target)
-    got = list(signature.parameters.values())
-    assert [p.name for p in got] == [name for name, _ in params]
-    for parameter, (name, kind) in zip(got, params):
-        if kind is not None:
-            assert parameter.kind is kind, name
-    if target is health.ToolHealthTracker.record_call:
-        assert all(p.default is P.empty for p in got)
-    if target is health.thread_census_report:
-        assert signature.parameters["census"].default is None
-        assert signature.parameters["budget"].default is P.empty
-
-
-def test_bound_method_signature_drops_self(repo) -> None:
-    tracker = health.ToolHealthTracker(repo)
-    assert str(inspect.signature(tracker.record_call)) == "(tool_name, action, outcome, *, alias_hit, duration_ms)"
+    assert [line.split()[-1] for line in done.stdout.splitlines() if line.strip()] == ["PyInit_health"]
