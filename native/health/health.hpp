@@ -80,7 +80,7 @@ int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept;
 // Value conversions with fast paths for exact builtin types.
 int as_double(PyObject* value, double* out) noexcept;
 int as_int64(PyObject* value, int64_t* out) noexcept;
-// `int(value)`, clamped to what a 64-bit count holds.
+// `int(value)` as a 64-bit count; OverflowError beyond it.
 int int_of(PyObject* value, int64_t* out) noexcept;
 
 // Python's round(x, ndigits) for a float, 0 <= ndigits <= 17.

@@ -53,8 +53,6 @@ private:
     PyObject* p_ = nullptr;
 };
 
-inline Ref new_ref(PyObject* borrowed) noexcept { return Ref::borrow(borrowed); }
-
 // The exception being raised, taken out of the thread state while cleanup code
 // that may call into Python runs, and put back afterwards unless handed on.
 class PendingError {
@@ -94,9 +92,6 @@ public:
 private:
     PyObject* exc_ = nullptr;
 };
-
-// Keeps the exception being raised across cleanup code that may call into Python.
-using ErrorGuard = PendingError;
 
 // Turns a C++ exception that reached an entry point into the matching Python error.
 inline void set_error_from_cpp() noexcept {

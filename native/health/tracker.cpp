@@ -81,7 +81,7 @@ LockHold::~LockHold() {
     if (!held_) return;
     if (PyErr_Occurred()) {
         // Keep the operation's own error; a failing release cannot replace it.
-        ErrorGuard keep;
+        PendingError keep;
         if (release() < 0) PyErr_Clear();
     } else if (release() < 0) {
         PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(t_));
