@@ -90,6 +90,14 @@ double round_half_even(double x, int ndigits) noexcept;
 // characters); returns the end of what was written.
 char* write_float_repr(char* out, double x);
 
+// seq[i]: straight from an exact tuple, through the sequence protocol otherwise.
+inline Ref sequence_item(PyObject* seq, Py_ssize_t i) noexcept {
+    if (PyTuple_CheckExact(seq) && i < PyTuple_GET_SIZE(seq)) {
+        return Ref::borrow(PyTuple_GET_ITEM(seq, i));
+    }
+    return Ref(PySequence_GetItem(seq, i));
+}
+
 // Calls `callable` with positional arguments.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) noexcept;
 // Calls obj.name(*args).

@@ -3,10 +3,6 @@
 // is written is copied under it, and loading takes it only to change memory.
 #include "document.hpp"
 
-#include <charconv>
-#include <cmath>
-#include <cstring>
-#include <string>
 #include <vector>
 
 namespace health {
@@ -15,13 +11,6 @@ namespace {
 PyObject* db_of(ModuleState* st, TrackerObject* self, Ref& holder) {
     holder.reset(PyObject_GetAttr(self->repo, st->s_db));
     return holder.get();
-}
-
-Ref row_item(PyObject* row, Py_ssize_t i) {
-    if (PyTuple_CheckExact(row) && i < PyTuple_GET_SIZE(row)) {
-        return Ref::borrow(PyTuple_GET_ITEM(row, i));
-    }
-    return Ref(PySequence_GetItem(row, i));
 }
 
 // When the pending error is an ordinary one (not an interrupt or an exit
@@ -57,7 +46,7 @@ int read_health_rows(ModuleState* st, TrackerObject* self, Ref& rows) {
     Ref iter(PyObject_GetIter(rows.get()));
     if (!iter) return -1;
     while (Ref row{PyIter_Next(iter.get())}) {
-        Ref name = row_item(row.get(), 0);
+        Ref name = sequence_item(row.get(), 0);
         if (!name) return -1;
         Ref spec = call_method(tools.get(), st->s_get, {name.get()});
         if (!spec) return -1;
@@ -88,16 +77,16 @@ int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
     Ref iter(PyObject_GetIter(rows));
     if (!iter) return -1;
     while (Ref row{PyIter_Next(iter.get())}) {
-        Ref name = row_item(row.get(), 0);
+        Ref name = sequence_item(row.get(), 0);
         if (!name) return -1;
         Ref tools = module_attr(module, st->s_TOOLS);
         if (!tools) return -1;
         Ref spec = call_method(tools.get(), st->s_get, {name.get()});
         if (!spec) return -1;
         if (spec.get() == Py_None) continue;
-        Ref calls = row_item(row.get(), 1), errors = row_item(row.get(), 2),
-            last_error = row_item(row.get(), 3), disabled = row_item(row.get(), 4),
-            updated = row_item(row.get(), 5);
+        Ref calls = sequence_item(row.get(), 1), errors = sequence_item(row.get(), 2),
+            last_error = sequence_item(row.get(), 3), disabled = sequence_item(row.get(), 4),
+            updated = sequence_item(row.get(), 5);
         if (!calls || !errors || !last_error || !disabled || !updated) return -1;
         int64_t call_count, error_count;
         if (count_column(calls.get(), &call_count) < 0 ||
@@ -133,7 +122,7 @@ PyObject* load(TrackerObject* self) {
     });
 }
 
-// str(member) of a document row.
+// A member of a document row, by name.
 Ref member(PyObject* item, PyObject* name) { return Ref(PyObject_GetItem(item, name)); }
 
 // The guarded part of _load_usage: the document's rows as usage key -> _Usage.
@@ -151,7 +140,7 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
     loaded.reset(PyDict_New());
     if (!loaded) return -1;
     if (row.get() == Py_None) return 0;
-    Ref text = row_item(row.get(), 0);
+    Ref text = sequence_item(row.get(), 0);
     if (!text) return -1;
     if (!PyUnicode_Check(text.get())) return 0;
     const int fast = read_document_fast(st, module, text.get(), loaded.get());
@@ -314,8 +303,8 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
     if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
         r.key = Ref::borrow(key);  // immutable: holding it copies the four values
     } else {
-        Ref tool(PySequence_GetItem(key, 0)), action(PySequence_GetItem(key, 1)),
-            outcome(PySequence_GetItem(key, 2)), alias_hit(PySequence_GetItem(key, 3));
+        Ref tool = sequence_item(key, 0), action = sequence_item(key, 1),
+            outcome = sequence_item(key, 2), alias_hit = sequence_item(key, 3);
         if (!tool || !action || !outcome || !alias_hit) return -1;
         r.key.reset(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(), alias_hit.get()));
         if (!r.key) return -1;

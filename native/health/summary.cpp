@@ -89,14 +89,6 @@ struct UsageRow {
     Ref alias_hit;
 };
 
-// Member i of a usage key.
-Ref key_member(PyObject* key, Py_ssize_t i) {
-    if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
-        return Ref::borrow(PyTuple_GET_ITEM(key, i));
-    }
-    return Ref(PySequence_GetItem(key, i));
-}
-
 Ref average_ms(ModuleState* st, PyObject* usage, UsageRow& row) {
     if (is_native_usage(st, usage)) {
         UsageObject* u = as_usage(usage);
@@ -131,11 +123,11 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
     rows.reserve(entries.size());
     for (const UsageEntry& entry : entries) {
         UsageRow r;
-        Ref action = key_member(entry.key.get(), 1);
+        Ref action = sequence_item(entry.key.get(), 1);
         if (!action) return nullptr;
-        r.outcome = key_member(entry.key.get(), 2);
+        r.outcome = sequence_item(entry.key.get(), 2);
         if (!r.outcome) return nullptr;
-        r.alias_hit = key_member(entry.key.get(), 3);
+        r.alias_hit = sequence_item(entry.key.get(), 3);
         if (!r.alias_hit) return nullptr;
         Ref row(PyDict_Copy(st->usage_row_template));
         if (!row) return nullptr;
@@ -187,7 +179,7 @@ int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<UsageEntry>
     PyObject *key, *usage;
     while (PyDict_Next(self->usage, &pos, &key, &usage)) {
         Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);  // may run Python code
-        Ref tool = key_member(key, 0);
+        Ref tool = sequence_item(key, 0);
         if (!tool) return -1;
         const int same = PyObject_RichCompareBool(tool.get(), tool_name, Py_EQ);
         if (same < 0) return -1;
@@ -215,7 +207,7 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
         pos = 0;
         PyObject *key, *usage;
         while (PyDict_Next(self->usage, &pos, &key, &usage)) {
-            Ref tool = key_member(key, 0);
+            Ref tool = sequence_item(key, 0);
             if (!tool) return nullptr;
             PyObject* place = PyDict_GetItemWithError(index.get(), tool.get());
             size_t at;
