@@ -4,9 +4,12 @@ import calendar
 import json
 import logging
 import sqlite3
+import types
 from typing import Any
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 from conftest import MEMBERS, NOW_TEXT, SELECT_HEALTH, SELECT_USAGE, MemDb, make_registry, tracker_over
 from ordanis_veltrane.config import ToolsConfig
@@ -105,6 +108,35 @@ def test_reader_conversions_and_duplicates(monkeypatch) -> None:
     assert all([type(x) for x in (k[0], k[2], k[3], u.calls, u.timed_calls, u.total_ms)]
                == [str, str, bool, int, int, float] for k, u in tracker._usage.items())
     assert tracker._usage_dirty is False
+
+
+texts = st.text(st.characters(codec="ascii"), max_size=5)
+rows = st.builds(row, texts, st.one_of(st.none(), texts), texts, st.booleans(), st.integers(-2**63, 2**63 - 1),
+                 st.integers(-2**70, 2**70), st.floats(allow_nan=False))
+
+
+@settings(max_examples=150, deadline=None)
+@given(doc=st.lists(rows, max_size=8), layout=st.sampled_from(["compact", "spaced", "indented", "reordered"]),
+       cut=st.integers(0, 40))
+def test_native_reader_agrees_with_json_loads(doc, layout, cut) -> None:
+    """Whatever the layout, and for a text cut short, the seeded usage is what json.loads and the reader rules give."""
+    if layout == "reordered":
+        doc = [dict(reversed(r.items())) for r in doc]
+    text = json.dumps(doc, **{"compact": {"separators": (",", ":")}, "spaced": {}, "indented": {"indent": 1},
+                              "reordered": {"separators": (",", ":")}}[layout])
+    text = text[:len(text) - cut] if cut < 20 else text  # most documents whole, some cut short
+
+    def seeded(mp: pytest.MonkeyPatch) -> tuple[list[Any], list[str]]:
+        warnings: list[str] = []
+        mp.setattr(health.logger, "warning", lambda msg, error: warnings.append(type(error).__name__))
+        tracker = tracker_over(MemDb(one=(text,)))
+        return usage_state(tracker), warnings
+
+    with pytest.MonkeyPatch.context() as mp:
+        mp.setattr(health, "TOOLS", types.SimpleNamespace(get=lambda tool: types.SimpleNamespace(action=bool)))
+        native = seeded(mp)
+        mp.setattr(health, "json", types.SimpleNamespace(loads=json.loads, dumps=json.dumps))
+        assert native == seeded(mp)
 
 
 def test_removed_tools_and_actions_dropped(registry, recording, make_tracker, repo) -> None:

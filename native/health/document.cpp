@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 namespace health {
 namespace {
@@ -300,22 +299,56 @@ bool parse_total(std::string_view text, double* out) {
     return res.ec == std::errc() && res.ptr == text.data() + text.size();
 }
 
-// One str object per distinct text of the document.
+// One str object per distinct text of the document: a tool name appears in
+// many rows, and an open-addressing table keyed by the bytes finds it again
+// without building a str to look it up.
 class Strings {
 public:
+    Strings() : slots_(64) {}
+    Strings(const Strings&) = delete;
+    Strings& operator=(const Strings&) = delete;
     ~Strings() {
-        for (auto& entry : map_) Py_DECREF(entry.second);
+        for (Slot& slot : slots_) Py_XDECREF(slot.object);
     }
     PyObject* get(std::string_view text) {
-        auto found = map_.find(text);
-        if (found != map_.end()) return found->second;
-        PyObject* s = PyUnicode_DecodeASCII(text.data(), static_cast<Py_ssize_t>(text.size()), nullptr);
-        if (s != nullptr) map_.emplace(text, s);
-        return s;
+        const uint64_t hash = hash_of(text);
+        size_t i = static_cast<size_t>(hash) & (slots_.size() - 1);
+        for (;; i = (i + 1) & (slots_.size() - 1)) {
+            Slot& slot = slots_[i];
+            if (slot.object == nullptr) break;
+            if (slot.hash == hash && slot.text == text) return slot.object;
+        }
+        PyObject* object =
+            PyUnicode_DecodeASCII(text.data(), static_cast<Py_ssize_t>(text.size()), nullptr);
+        if (object == nullptr) return nullptr;
+        slots_[i] = Slot{text, hash, object};
+        if (++used_ * 2 > slots_.size()) grow();
+        return object;
     }
 
 private:
-    std::unordered_map<std::string_view, PyObject*> map_;
+    struct Slot {
+        std::string_view text;
+        uint64_t hash = 0;
+        PyObject* object = nullptr;
+    };
+    static uint64_t hash_of(std::string_view text) {
+        uint64_t h = 0xcbf29ce484222325u;  // FNV-1a
+        for (const char c : text) h = (h ^ static_cast<unsigned char>(c)) * 0x100000001b3u;
+        return h ^ (h >> 29);
+    }
+    void grow() {
+        std::vector<Slot> old(slots_.size() * 2);
+        old.swap(slots_);
+        for (const Slot& slot : old) {
+            if (slot.object == nullptr) continue;
+            size_t i = static_cast<size_t>(slot.hash) & (slots_.size() - 1);
+            while (slots_[i].object != nullptr) i = (i + 1) & (slots_.size() - 1);
+            slots_[i] = slot;
+        }
+    }
+    std::vector<Slot> slots_;
+    size_t used_ = 0;
 };
 
 enum Member { kTool, kAction, kOutcome, kAliasHit, kCalls, kTimedCalls, kTotalMs, kMembers };
@@ -347,6 +380,40 @@ struct ParsedRow {
     double total_ms = 0.0;
 };
 
+// A row exactly as the writer lays it out: the member names in table order,
+// no white space. Most documents are read by this alone.
+bool parse_row_exact(Scanner& s, ParsedRow* row) {
+    std::string_view number;
+    bool integral = false;
+    if (!s.literal("{\"tool\":", 8) || !s.string(&row->tool) || !s.literal(",\"action\":", 10)) {
+        return false;
+    }
+    if (s.literal("null", 4)) {
+        row->has_action = false;
+    } else if (s.string(&row->action)) {
+        row->has_action = true;
+    } else {
+        return false;
+    }
+    if (!s.literal(",\"outcome\":", 11) || !s.string(&row->outcome) ||
+        !s.literal(",\"alias_hit\":", 13)) {
+        return false;
+    }
+    if (s.literal("true", 4)) {
+        row->alias_hit = true;
+    } else if (s.literal("false", 5)) {
+        row->alias_hit = false;
+    } else {
+        return false;
+    }
+    return s.literal(",\"calls\":", 9) && s.number(&number, &integral) &&
+           parse_count(number, integral, &row->calls) && s.literal(",\"timed_calls\":", 15) &&
+           s.number(&number, &integral) && parse_count(number, integral, &row->timed_calls) &&
+           s.literal(",\"total_ms\":", 12) && s.number(&number, &integral) &&
+           parse_total(number, &row->total_ms) && s.literal("}", 1);
+}
+
+// 1 and *row when the object is a row in the writer's form, 0 otherwise.
 // 1 and *row when the object is a row in the writer's form, 0 otherwise.
 int parse_row(Scanner& s, ParsedRow* row) {
     if (!s.eat('{')) return 0;
@@ -402,6 +469,29 @@ int parse_row(Scanner& s, ParsedRow* row) {
     return s.eat('}') ? 1 : 0;
 }
 
+int add_row(ModuleState* st, Strings& strings, const ParsedRow& row, PyObject* loaded) {
+    PyObject* tool = strings.get(row.tool);
+    PyObject* outcome = tool ? strings.get(row.outcome) : nullptr;
+    PyObject* action = row.has_action && outcome ? strings.get(row.action) : Py_None;
+    if (tool == nullptr || outcome == nullptr || action == nullptr) return -1;
+    Ref key(PyTuple_New(4));
+    if (!key) return -1;
+    PyTuple_SET_ITEM(key.get(), 0, Py_NewRef(tool));
+    PyTuple_SET_ITEM(key.get(), 1, Py_NewRef(action));
+    PyTuple_SET_ITEM(key.get(), 2, Py_NewRef(outcome));
+    PyTuple_SET_ITEM(key.get(), 3, Py_NewRef(row.alias_hit ? Py_True : Py_False));
+    // Text, None and a bool cannot take part in a cycle: keep the key out of
+    // the collector's way, as the collector itself would on its first pass.
+    PyObject_GC_UnTrack(key.get());
+    Ref usage(st->usage_type->tp_alloc(st->usage_type, 0));
+    if (!usage) return -1;
+    UsageObject* u = as_usage(usage.get());
+    u->calls = row.calls;
+    u->timed_calls = row.timed_calls;
+    u->total_ms = row.total_ms;
+    return PyDict_SetItem(loaded, key.get(), usage.get());
+}
+
 }  // namespace
 
 int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObject* loaded) {
@@ -416,42 +506,31 @@ int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObje
     if (usage_cls == nullptr) return -1;
     if (usage_cls != reinterpret_cast<PyObject*>(st->usage_type)) return 0;
 
-    // Parse the whole text first: a document that needs the general reader
-    // leaves `loaded` untouched.
+    // Rows go into `loaded` as they are read; a document that turns out to
+    // need the general reader leaves it empty again.
     const char* data = reinterpret_cast<const char*>(PyUnicode_1BYTE_DATA(text));
     Scanner s{data, data + PyUnicode_GET_LENGTH(text)};
-    std::vector<ParsedRow> rows;
+    auto general_reader = [&]() {
+        PyDict_Clear(loaded);
+        return 0;
+    };
+    Strings strings;
     if (!s.eat('[')) return 0;
     if (!s.eat(']')) {
         do {
-            rows.emplace_back();
-            if (parse_row(s, &rows.back()) != 1) return 0;
+            ParsedRow row;
+            const char* const row_start = s.p;
+            if (!parse_row_exact(s, &row)) {
+                s.p = row_start;
+                row = ParsedRow();
+                if (parse_row(s, &row) != 1) return general_reader();
+            }
+            if (add_row(st, strings, row, loaded) < 0) return -1;
         } while (s.eat(','));
-        if (!s.eat(']')) return 0;
+        if (!s.eat(']')) return general_reader();
     }
     s.skip_ws();
-    if (s.p != s.end) return 0;
-
-    Strings strings;
-    for (const ParsedRow& row : rows) {
-        PyObject* tool = strings.get(row.tool);
-        PyObject* outcome = tool ? strings.get(row.outcome) : nullptr;
-        PyObject* action = row.has_action && outcome ? strings.get(row.action) : Py_None;
-        if (tool == nullptr || outcome == nullptr || action == nullptr) return -1;
-        Ref key(PyTuple_Pack(4, tool, action, outcome, row.alias_hit ? Py_True : Py_False));
-        if (!key) return -1;
-        // Text, None and a bool cannot take part in a cycle: keep the key out of
-        // the collector's way, as the collector itself would on its first pass.
-        PyObject_GC_UnTrack(key.get());
-        Ref usage(st->usage_type->tp_alloc(st->usage_type, 0));
-        if (!usage) return -1;
-        UsageObject* u = as_usage(usage.get());
-        u->calls = row.calls;
-        u->timed_calls = row.timed_calls;
-        u->total_ms = row.total_ms;
-        if (PyDict_SetItem(loaded, key.get(), usage.get()) < 0) return -1;
-    }
-    return 1;
+    return s.p == s.end ? 1 : general_reader();
 }
 
 }  // namespace health

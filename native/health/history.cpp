@@ -193,21 +193,31 @@ PyObject* load_usage(TrackerObject* self) {
         return nullptr;
     }
     // Drop the counts of tools and actions the registry no longer has.
-    std::vector<std::pair<Ref, Ref>> kept;
-    Py_ssize_t pos = 0;
+    const Py_ssize_t n = PyDict_GET_SIZE(loaded.get());
+    std::vector<bool> known(static_cast<size_t>(n));
+    Py_ssize_t pos = 0, i = 0, n_kept = 0;
     PyObject *key, *usage;
     while (PyDict_Next(loaded.get(), &pos, &key, &usage)) {
-        Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);
-        const int known =
+        Ref key_ref = Ref::borrow(key);  // _known is host code: keep the key alive
+        const int answer =
             late_known(st, self->module, PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1));
-        if (known < 0) return nullptr;
-        if (known) kept.emplace_back(std::move(key_ref), std::move(usage_ref));
+        if (answer < 0) return nullptr;
+        known[static_cast<size_t>(i++)] = answer != 0;
+        n_kept += answer != 0;
     }
-    const bool dropped = static_cast<Py_ssize_t>(kept.size()) < PyDict_GET_SIZE(loaded.get());
+    const bool dropped = n_kept < n;
     return with_lock(self, [&]() -> PyObject* {
-        for (auto& entry : kept) {
-            if (PyDict_SetItem(self->usage, entry.first.get(), entry.second.get()) < 0) {
-                return nullptr;
+        if (!dropped) {
+            // Every entry kept: a dict update adds them in order, and into the
+            // empty map of a new tracker it copies the table in one go.
+            if (PyDict_Update(self->usage, loaded.get()) < 0) return nullptr;
+        } else {
+            Py_ssize_t at = 0, index = 0;
+            while (PyDict_Next(loaded.get(), &at, &key, &usage)) {
+                if (known[static_cast<size_t>(index++)] &&
+                    PyDict_SetItem(self->usage, key, usage) < 0) {
+                    return nullptr;
+                }
             }
         }
         self->usage_dirty = dropped;
