@@ -98,6 +98,30 @@ char* write_double(char* out, double v) {
     return write_float_repr(out, v);
 }
 
+// A total_ms already rounded to 3 decimals. Below 1e12 the double nearest to
+// k/1000 has k/1000 itself as its shortest repr (the spacing of doubles there
+// is far below 0.001), so it is written from the integer k; anything else,
+// and any value that is not the nearest double to its k/1000, as float repr.
+char* write_total(char* out, double v) {
+    if (std::fabs(v) < 1e12) {
+        const double scaled = std::nearbyint(v * 1000.0);
+        if (scaled / 1000.0 == v) {
+            if (std::signbit(v)) *out++ = '-';
+            const int64_t k = static_cast<int64_t>(std::fabs(scaled));
+            out = std::to_chars(out, out + 20, k / 1000).ptr;
+            const int fraction = static_cast<int>(k % 1000);
+            const char digits[] = {'.', static_cast<char>('0' + fraction / 100),
+                                   static_cast<char>('0' + fraction / 10 % 10),
+                                   static_cast<char>('0' + fraction % 10)};
+            std::memcpy(out, digits, 4);
+            // Trailing zeros dropped, one decimal kept: "1.5", "2.0", "0.125".
+            const int kept = fraction == 0 ? 2 : fraction % 100 == 0 ? 2 : fraction % 10 == 0 ? 3 : 4;
+            return out + kept;
+        }
+    }
+    return write_double(out, v);
+}
+
 // A value whose bound was taken with value_bound().
 char* write_value(char* out, PyObject* v) {
     if (PyUnicode_CheckExact(v)) return write_string(out, v);
@@ -110,46 +134,74 @@ char* write_value(char* out, PyObject* v) {
 
 // The flushing thread keeps its layout buffer: a megabyte document laid out
 // into fresh memory at every flush would mostly cost page faults.
-char* layout_buffer(size_t size) {
-    thread_local std::unique_ptr<char[]> buffer;
-    thread_local size_t capacity = 0;
-    if (size > capacity || capacity > (size_t{64} << 20)) {
-        buffer.reset();
-        capacity = 0;
-        buffer.reset(new char[size]);
-        capacity = size;
+class LayoutBuffer {
+public:
+    // Room for `more` characters after the first `used`, keeping those.
+    char* reserve(size_t used, size_t more) {
+        if (more > kMax - used) throw std::bad_alloc();
+        if (used + more > capacity_) {
+            size_t capacity = capacity_ == 0 ? size_t{1} << 16 : capacity_;
+            while (capacity < used + more) capacity *= 2;
+            std::unique_ptr<char[]> grown(new char[capacity]);
+            if (used > 0) std::memcpy(grown.get(), data_.get(), used);
+            data_ = std::move(grown);
+            capacity_ = capacity;
+        }
+        return data_.get() + used;
     }
-    return buffer.get();
-}
+    char* data() { return data_.get(); }
+    // A buffer grown for an unusually large document is not kept.
+    void trim() {
+        if (capacity_ > (size_t{64} << 20)) {
+            data_.reset();
+            capacity_ = 0;
+        }
+    }
+
+private:
+    static constexpr size_t kMax = PY_SSIZE_T_MAX / 2;
+    std::unique_ptr<char[]> data_;
+    size_t capacity_ = 0;
+};
 
 constexpr size_t kRowText = 80;  // member names, quotes, braces and separators of a row
 
 // The usage document laid out natively: identical to
 // json.dumps(rows, separators=(",", ":")). Null when a value needs json.dumps.
+// One pass: each row is measured and written while its strings are in cache,
+// and the strings of the rows ahead are fetched meanwhile.
 Ref layout_native(const std::vector<DocumentRow>& rows) {
-    size_t bound = 2;
-    for (const DocumentRow& r : rows) {
+    thread_local LayoutBuffer buffer;
+    struct Trim {
+        ~Trim() { buffer.trim(); }
+    } trim;
+    size_t used = 0;
+    char* out = buffer.reserve(0, 2);
+    *out++ = '[';
+    used = 1;
+    const size_t n = rows.size();
+    for (size_t i = 0; i < n; ++i) {
+        if (i + 8 < n) __builtin_prefetch(rows[i + 8].key.get());
+        if (i + 4 < n) {
+            for (Py_ssize_t m = 0; m < 3; ++m) __builtin_prefetch(rows[i + 4].member(m));
+        }
+        const DocumentRow& r = rows[i];
         PyObject* const values[] = {r.member(0),        r.member(1),       r.member(2),
                                     r.member(3),        r.calls_obj.get(), r.timed_obj.get(),
                                     r.total_obj.get()};
-        size_t row = kRowText + (r.native ? 20 + 20 + 32 : 0);
+        size_t bound = kRowText + (r.native ? 20 + 20 + 32 : 0);
         for (PyObject* v : values) {
             if (v == nullptr) continue;  // a native count
             const Py_ssize_t b = value_bound(v);
             if (b < 0) return Ref();
-            row += static_cast<size_t>(b);
+            bound += static_cast<size_t>(b);
         }
-        bound += row;
-    }
-    char* const start = layout_buffer(bound);
-    char* out = start;
-    auto put = [&](const char* s, size_t n) {
-        std::memcpy(out, s, n);
-        out += n;
-    };
-    *out++ = '[';
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const DocumentRow& r = rows[i];
+        out = buffer.reserve(used, bound + 1);
+        char* const row_start = out;
+        auto put = [&](const char* text, size_t len) {
+            std::memcpy(out, text, len);
+            out += len;
+        };
         if (i > 0) *out++ = ',';
         put("{\"tool\":", 8);
         out = write_value(out, r.member(0));
@@ -164,13 +216,15 @@ Ref layout_native(const std::vector<DocumentRow>& rows) {
         put(",\"timed_calls\":", 15);
         out = r.native ? write_int(out, r.timed_calls) : write_value(out, r.timed_obj.get());
         put(",\"total_ms\":", 12);
-        out = r.native ? write_double(out, r.total_ms) : write_value(out, r.total_obj.get());
+        out = r.native ? write_total(out, r.total_ms) : write_value(out, r.total_obj.get());
         *out++ = '}';
+        used += static_cast<size_t>(out - row_start);
     }
-    *out++ = ']';
-    const size_t size = static_cast<size_t>(out - start);
-    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(size), 127));
-    if (text) std::memcpy(PyUnicode_DATA(text.get()), start, size);
+    out = buffer.reserve(used, 1);
+    *out = ']';
+    ++used;
+    Ref text(PyUnicode_New(static_cast<Py_ssize_t>(used), 127));
+    if (text) std::memcpy(PyUnicode_DATA(text.get()), buffer.data(), used);
     return text;
 }
 
