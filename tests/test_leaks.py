@@ -31,6 +31,8 @@ ROWS = [("a", 3, 1, "boom", "2023-11-14 22:00:00", "2023-11-14 22:13:20"), ("sea
         ("removed", 1, 0, None, None, "2023-11-14 22:13:20")]
 DOC = json.dumps([{"tool": t, "action": a, "outcome": "ok", "alias_hit": False, "calls": 2, "timed_calls": 1,
                    "total_ms": 1.5} for t, a in (("a", None), ("search", "text"), ("search", "gone"))])
+COMPACT = json.dumps(json.loads(DOC), separators=(",", ":"))
+LAST_ROW_FLOAT = '"calls":2.5,'.join(COMPACT.rsplit('"calls":2,', 1))  # read natively up to its last row
 
 
 def dirty(tracker: Any) -> Any:  # the tracker, with a changed health record and usage count
@@ -84,7 +86,8 @@ GROUPS: dict[str, dict[str, Any]] = {
         **{f"T(ROWS, (DOC,), fail={{{op!r}}})": None for op in ("fetchall", "executemany", "fetchone")},
         **{f"T(ROWS, {doc!r})": None for doc in (
             ("[{",), ('{"tool": "a"}',), ("[1]",), ('[{"tool": "a"}]',), (DOC.replace('"calls": 2', '"calls": "x"'),),
-            (DOC.replace('"action": null', '"action": [1]'),), (None,), (5,))},
+            (DOC.replace('"action": null', '"action": [1]'),), (None,), (5,), (COMPACT,), (LAST_ROW_FLOAT,),
+            (LAST_ROW_FLOAT.replace('"tool":"search"', '"tool":[]'),))},
         "h.ToolHealthTracker(object())": None, "P(lambda: T(ROWS, (DOC,)), TOOLS=NS(get=raising))": Hostile,
         "T([('a', 'x', 0, None, None, None)])": ANY, "T([('a', 1)])": ANY,
         "P(lambda: T(ROWS), _ToolState=raising)": ANY, "P(lambda: T((), (DOC,)), _Usage=raising)": None,
