@@ -115,7 +115,7 @@ char* write_total(char* out, double v) {
                                    static_cast<char>('0' + fraction % 10)};
             std::memcpy(out, digits, 4);
             // Trailing zeros dropped, one decimal kept: "1.5", "2.0", "0.125".
-            const int kept = fraction == 0 ? 2 : fraction % 100 == 0 ? 2 : fraction % 10 == 0 ? 3 : 4;
+            const int kept = fraction % 100 == 0 ? 2 : fraction % 10 == 0 ? 3 : 4;
             return out + kept;
         }
     }
@@ -467,7 +467,6 @@ bool parse_row_exact(Scanner& s, ParsedRow* row) {
            parse_total(number, &row->total_ms) && s.literal("}", 1);
 }
 
-// 1 and *row when the object is a row in the writer's form, 0 otherwise.
 // 1 and *row when the object is a row in the writer's form, 0 otherwise.
 int parse_row(Scanner& s, ParsedRow* row) {
     if (!s.eat('{')) return 0;
