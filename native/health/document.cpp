@@ -552,7 +552,7 @@ int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObje
     PyObject* json = module_attr_borrowed(module, st->s_json);
     if (json == nullptr) return -1;
     if (json != st->json_module) return 0;
-    Ref loads(PyObject_GetAttr(json, st->s_loads));
+    Ref loads(PyObject_GetAttr(st->json_module, st->s_loads));
     if (!loads) return -1;
     if (loads.get() != st->json_loads) return 0;
     PyObject* usage_cls = module_attr_borrowed(module, st->s__Usage);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace health {
 
@@ -52,9 +53,13 @@ struct ModuleState {
     // Answer maps with their keys in order: copying one is cheaper than growing a new dict.
     PyObject* summary_template;
     PyObject* usage_row_template;
+    // The two statements that list the health columns, composed from the
+    // `_TOOL_HEALTH_COLUMNS` text they were made of (held, so its identity
+    // stays meaningful): a rebound attribute composes them anew.
+    PyObject* health_columns;
     PyObject* sql_select_health;
-    PyObject* sql_delete_health;
     PyObject* sql_upsert_health;
+    PyObject* sql_delete_health;
     PyObject* sql_select_usage;
     PyObject* sql_write_usage;
     PyObject* msg_health_unreadable;
@@ -71,8 +76,24 @@ inline ModuleState* state_of(PyObject* module) noexcept {
 // The module attribute `name`, as it is now (a new reference), or null with
 // AttributeError set.
 Ref module_attr(PyObject* module, PyObject* name) noexcept;
-// The same, borrowed: valid only until Python code runs.
+// The same, borrowed: valid only until Python code runs, so only for an
+// identity test or to be held at once.
 PyObject* module_attr_borrowed(PyObject* module, PyObject* name) noexcept;
+
+// One entry of a map, held.
+struct Item {
+    Ref key;
+    Ref value;
+};
+// Every entry of the dict `map` in its order, held, taken with no Python code
+// in between: one consistent view that later steps may walk while host code
+// changes the map itself.
+int snapshot_items(PyObject* map, std::vector<Item>& out);
+
+// The statements that name the health columns, from the module's current
+// `_TOOL_HEALTH_COLUMNS` (new references).
+Ref select_health_statement(ModuleState* st, PyObject* module) noexcept;
+Ref upsert_health_statement(ModuleState* st, PyObject* module) noexcept;
 
 // The wall clock as the module's `time.time` reads it.
 int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept;

@@ -6,6 +6,64 @@
 #include <vector>
 
 namespace health {
+
+// ---------------------------------------------------------------------------
+// The statements that list the health columns
+
+namespace {
+
+const char kUpsertTail[] =
+    ")\n"
+    "                    VALUES (?, ?, ?, ?, ?, ?)\n"
+    "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
+    "                        call_count = excluded.call_count,\n"
+    "                        error_count = excluded.error_count,\n"
+    "                        last_error = excluded.last_error,\n"
+    "                        disabled_at = excluded.disabled_at,\n"
+    "                        updated_at = excluded.updated_at";
+
+// Both statements from the module's `_TOOL_HEALTH_COLUMNS` as it is now. The
+// text is composed again only when the attribute is another object than the
+// one the cached statements were made of; a value that is not an exact str
+// (its formatting is host code and may change) is formatted at every use.
+int health_statements(ModuleState* st, PyObject* module, Ref* select, Ref* upsert) noexcept {
+    Ref columns = module_attr(module, st->s__TOOL_HEALTH_COLUMNS);
+    if (!columns) return -1;
+    if (columns.get() == st->health_columns) {
+        if (select) *select = Ref::borrow(st->sql_select_health);
+        if (upsert) *upsert = Ref::borrow(st->sql_upsert_health);
+        return 0;
+    }
+    const bool cacheable = PyUnicode_CheckExact(columns.get());
+    Ref text = cacheable ? Ref::borrow(columns.get())
+                         : Ref(PyObject_Format(columns.get(), st->empty_str));
+    if (!text) return -1;
+    Ref select_text(PyUnicode_FromFormat("SELECT %U FROM tool_health", text.get()));
+    if (!select_text) return -1;
+    Ref upsert_text(PyUnicode_FromFormat("INSERT INTO tool_health (%U%s", text.get(), kUpsertTail));
+    if (!upsert_text) return -1;
+    if (cacheable) {
+        Py_XSETREF(st->health_columns, Py_NewRef(columns.get()));
+        Py_XSETREF(st->sql_select_health, Py_NewRef(select_text.get()));
+        Py_XSETREF(st->sql_upsert_health, Py_NewRef(upsert_text.get()));
+    }
+    if (select) *select = std::move(select_text);
+    if (upsert) *upsert = std::move(upsert_text);
+    return 0;
+}
+
+}  // namespace
+
+Ref select_health_statement(ModuleState* st, PyObject* module) noexcept {
+    Ref select;
+    return health_statements(st, module, &select, nullptr) < 0 ? Ref() : std::move(select);
+}
+
+Ref upsert_health_statement(ModuleState* st, PyObject* module) noexcept {
+    Ref upsert;
+    return health_statements(st, module, nullptr, &upsert) < 0 ? Ref() : std::move(upsert);
+}
+
 namespace {
 
 PyObject* db_of(ModuleState* st, TrackerObject* self, Ref& holder) {
@@ -37,7 +95,9 @@ int read_health_rows(ModuleState* st, TrackerObject* self, Ref& rows) {
     Ref db_holder;
     PyObject* db = db_of(st, self, db_holder);
     if (db == nullptr) return -1;
-    rows = call_method(db, st->s_fetchall, {st->sql_select_health});
+    Ref select = select_health_statement(st, self->module);
+    if (!select) return -1;
+    rows = call_method(db, st->s_fetchall, {select.get()});
     if (!rows) return -1;
     Ref tools = module_attr(self->module, st->s_TOOLS);
     if (!tools) return -1;
@@ -103,13 +163,16 @@ int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
         }
         Ref record = seeded_tool_state(st, module, call_count, error_count, last_error.get(),
                                        disabled_at.get(), updated_at.get());
-        if (!record || PyDict_SetItem(self->state, name.get(), record.get()) < 0) return -1;
+        if (!record) return -1;
+        Ref state = Ref::borrow(self->state);  // as it is now: the steps above ran host code
+        if (PyDict_SetItem(state.get(), name.get(), record.get()) < 0) return -1;
     }
     return PyErr_Occurred() ? -1 : 0;
 }
 
 PyObject* load(TrackerObject* self) {
     ModuleState* st = state_of(self->module);
+    if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref rows;
     if (read_health_rows(st, self, rows) < 0) {
         const int handled = warn_if_ordinary(st, self->module, st->msg_health_unreadable);
@@ -186,36 +249,37 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
 
 PyObject* load_usage(TrackerObject* self) {
     ModuleState* st = state_of(self->module);
+    if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref loaded;
     if (read_usage_document(st, self, loaded) < 0) {
         const int handled = warn_if_ordinary(st, self->module, st->msg_usage_unreadable);
         if (handled == 1) Py_RETURN_NONE;
         return nullptr;
     }
-    // Drop the counts of tools and actions the registry no longer has.
-    const Py_ssize_t n = PyDict_GET_SIZE(loaded.get());
-    std::vector<bool> known(static_cast<size_t>(n));
-    Py_ssize_t pos = 0, i = 0, n_kept = 0;
-    PyObject *key, *usage;
-    while (PyDict_Next(loaded.get(), &pos, &key, &usage)) {
-        Ref key_ref = Ref::borrow(key);  // _known is host code: keep the key alive
-        const int answer =
-            late_known(st, self->module, PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1));
+    // Drop the counts of tools and actions the registry no longer has. `_known`
+    // is host code: the entries it judges are a snapshot of what was read.
+    std::vector<Item> entries;
+    if (snapshot_items(loaded.get(), entries) < 0) return nullptr;
+    std::vector<Item> kept;
+    kept.reserve(entries.size());
+    for (Item& entry : entries) {
+        Ref tool = sequence_item(entry.key.get(), 0), action = sequence_item(entry.key.get(), 1);
+        if (!tool || !action) return nullptr;
+        const int answer = late_known(st, self->module, tool.get(), action.get());
         if (answer < 0) return nullptr;
-        known[static_cast<size_t>(i++)] = answer != 0;
-        n_kept += answer != 0;
+        if (answer) kept.push_back(std::move(entry));
     }
-    const bool dropped = n_kept < n;
+    const bool dropped = kept.size() < entries.size();
     return with_lock(self, [&]() -> PyObject* {
+        Ref usage = Ref::borrow(self->usage);
         if (!dropped) {
             // Every entry kept: a dict update adds them in order, and into the
             // empty map of a new tracker it copies the table in one go.
-            if (PyDict_Update(self->usage, loaded.get()) < 0) return nullptr;
+            if (PyDict_Update(usage.get(), loaded.get()) < 0) return nullptr;
         } else {
-            Py_ssize_t at = 0, index = 0;
-            while (PyDict_Next(loaded.get(), &at, &key, &usage)) {
-                if (known[static_cast<size_t>(index++)] &&
-                    PyDict_SetItem(self->usage, key, usage) < 0) {
+            for (const Item& entry : kept) {
+                usage = Ref::borrow(self->usage);  // an insertion may run host code
+                if (PyDict_SetItem(usage.get(), entry.key.get(), entry.value.get()) < 0) {
                     return nullptr;
                 }
             }
@@ -238,72 +302,84 @@ void restore_marks(TrackerObject* self, Restore&& restore) {
         PyErr_Clear();
         return;
     }
-    if (restore() < 0) PyErr_Clear();
+    if (guarded<int>(-1, restore) < 0) PyErr_Clear();
     if (hold.release() < 0) PyErr_Clear();
 }
 
-int add_all(PyObject* set, PyObject* names) {
-    const Py_ssize_t n = PyList_GET_SIZE(names);
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        if (PySet_Add(set, PyList_GET_ITEM(names, i)) < 0) return -1;
+// Adds every name of `names` (a list only this flush holds) to the tracker's
+// _dirty as it is now.
+int add_all(TrackerObject* self, PyObject* names) {
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
+        Ref name = Ref::borrow(PyList_GET_ITEM(names, i));
+        Ref dirty = Ref::borrow(self->dirty);  // adding runs the name's hash and eq
+        if (PySet_Add(dirty.get(), name.get()) < 0) return -1;
     }
     return 0;
 }
 
+// The health row of one tool, copied from its record.
+Ref health_row(ModuleState* st, PyObject* module, PyObject* name, PyObject* rec) {
+    Ref disabled = state_field(st, rec, st->s_disabled_at);
+    if (!disabled) return Ref();
+    Ref disabled_text = late_sqlite_time(st, module, disabled.get());
+    if (!disabled_text) return Ref();
+    Ref updated_text;
+    if (is_native_state(st, rec)) {
+        updated_text = late_sqlite_time(st, module, as_state(rec)->updated_at);
+    } else {
+        Ref updated = state_field(st, rec, st->s_updated_at);
+        if (updated) updated_text = late_sqlite_time(st, module, updated.get());
+    }
+    if (!updated_text) return Ref();
+    Ref calls = state_field(st, rec, st->s_call_count);
+    Ref errors = state_field(st, rec, st->s_error_count);
+    Ref last = state_field(st, rec, st->s_last_error);
+    if (!calls || !errors || !last) return Ref();
+    return Ref(PyTuple_Pack(6, name, calls.get(), errors.get(), last.get(), disabled_text.get(),
+                            updated_text.get()));
+}
+
 PyObject* flush_health(TrackerObject* self) {
     ModuleState* st = state_of(self->module);
+    if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref names, rows;
     PyObject* copied = with_lock(self, [&]() -> PyObject* {
-        names.reset(PySequence_List(self->dirty));
-        if (!names || PyList_Sort(names.get()) < 0) return nullptr;
-        if (PySet_Clear(self->dirty) < 0) return nullptr;
+        // Taken and cleared before anything runs host code: a mark that a
+        // callback adds while the names sort or the rows are copied stays.
+        Ref dirty = Ref::borrow(self->dirty);
+        names.reset(PySequence_List(dirty.get()));
+        if (!names || PySet_Clear(dirty.get()) < 0) return nullptr;
+        if (PyList_Sort(names.get()) < 0) return nullptr;
         rows.reset(PyList_New(0));
         if (!rows) return nullptr;
-        const Py_ssize_t n = PyList_GET_SIZE(names.get());
-        for (Py_ssize_t i = 0; i < n; ++i) {
-            PyObject* name = PyList_GET_ITEM(names.get(), i);
-            PyObject* found = PyDict_GetItemWithError(self->state, name);
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names.get()); ++i) {
+            Ref name = Ref::borrow(PyList_GET_ITEM(names.get(), i));
+            Ref state = Ref::borrow(self->state);
+            PyObject* found = PyDict_GetItemWithError(state.get(), name.get());
             if (found == nullptr) {
                 if (PyErr_Occurred()) return nullptr;
                 continue;
             }
             Ref rec = Ref::borrow(found);
-            Ref disabled = state_field(st, found, st->s_disabled_at);
-            if (!disabled) return nullptr;
-            Ref disabled_text = late_sqlite_time(st, self->module, disabled.get());
-            if (!disabled_text) return nullptr;
-            Ref updated_text = is_native_state(st, found)
-                                   ? late_sqlite_time(st, self->module, as_state(found)->updated_at)
-                                   : [&] {
-                                         Ref v = state_field(st, found, st->s_updated_at);
-                                         return v ? late_sqlite_time(st, self->module, v.get()) : Ref();
-                                     }();
-            if (!updated_text) return nullptr;
-            Ref calls = state_field(st, found, st->s_call_count);
-            Ref errors = state_field(st, found, st->s_error_count);
-            Ref last = state_field(st, found, st->s_last_error);
-            if (!calls || !errors || !last) return nullptr;
-            Ref row(PyTuple_Pack(6, name, calls.get(), errors.get(), last.get(),
-                                 disabled_text.get(), updated_text.get()));
+            Ref row = health_row(st, self->module, name.get(), rec.get());
             if (!row || PyList_Append(rows.get(), row.get()) < 0) return nullptr;
         }
         Py_RETURN_NONE;
     });
     if (copied == nullptr) {
         // A record that cannot be copied must not lose its mark.
-        if (names) {
-            restore_marks(self, [&] { return add_all(self->dirty, names.get()); });
-        }
+        if (names) restore_marks(self, [&] { return add_all(self, names.get()); });
         return nullptr;
     }
     Py_DECREF(copied);
     const Py_ssize_t count = PyList_GET_SIZE(rows.get());
     if (count == 0) return PyLong_FromLong(0);
+    Ref upsert = upsert_health_statement(st, self->module);
     Ref db_holder;
-    PyObject* db = db_of(st, self, db_holder);
-    Ref done = db ? call_method(db, st->s_executemany, {st->sql_upsert_health, rows.get()}) : Ref();
+    PyObject* db = upsert ? db_of(st, self, db_holder) : nullptr;
+    Ref done = db ? call_method(db, st->s_executemany, {upsert.get(), rows.get()}) : Ref();
     if (!done) {
-        restore_marks(self, [&] { return add_all(self->dirty, names.get()); });
+        restore_marks(self, [&] { return add_all(self, names.get()); });
         return nullptr;
     }
     return PyLong_FromSsize_t(count);
@@ -339,20 +415,21 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
 
 PyObject* flush_usage(TrackerObject* self) {
     ModuleState* st = state_of(self->module);
+    if (refuse_under_own_lock(self) < 0) return nullptr;
     std::vector<DocumentRow> rows;
     bool wanted = false;
     PyObject* copied = with_lock(self, [&]() -> PyObject* {
         if (!self->usage_dirty) Py_RETURN_NONE;
         self->usage_dirty = false;
         wanted = true;
-        rows.reserve(static_cast<size_t>(PyDict_GET_SIZE(self->usage)));
-        Py_ssize_t pos = 0;
-        PyObject *key, *usage;
-        while (PyDict_Next(self->usage, &pos, &key, &usage)) {
-            // Reading a host record may run Python code: hold the entry meanwhile.
-            Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);
-            rows.emplace_back();
-            if (copy_document_row(st, key, usage, rows.back()) < 0) return nullptr;
+        // The rows come from a snapshot: reading a host record or key runs host code.
+        std::vector<Item> entries;
+        if (snapshot_items(self->usage, entries) < 0) return nullptr;
+        rows.resize(entries.size());
+        for (size_t i = 0; i < entries.size(); ++i) {
+            if (copy_document_row(st, entries[i].key.get(), entries[i].value.get(), rows[i]) < 0) {
+                return nullptr;
+            }
         }
         Py_RETURN_NONE;
     });
@@ -410,7 +487,7 @@ PyObject* tracker_flush_usage(PyObject* op, PyObject*) {
 
 PyObject* tracker_flush(PyObject* op, PyObject*) {
     TrackerObject* self = as_tracker(op);
-    if (check_ready(self) < 0) return nullptr;
+    if (check_ready(self) < 0 || refuse_under_own_lock(self) < 0) return nullptr;
     ModuleState* st = state_of(self->module);
     Ref health_rows = call_own(self, st->s__flush_health, tracker_flush_health);
     if (!health_rows) return nullptr;
@@ -423,6 +500,7 @@ PyObject* tracker_has_unsaved_changes(PyObject* op, void*) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
     return with_lock(self, [&]() -> PyObject* {
+        // Read once the lock is held: taking a host lock runs host code.
         return PyBool_FromLong(PySet_GET_SIZE(self->dirty) > 0 || self->usage_dirty);
     });
 }

@@ -91,21 +91,8 @@ int init_state(ModuleState* st) {
     if ((st->s_##n = PyUnicode_InternFromString(#n)) == nullptr) return -1;
     HEALTH_NAMES(HEALTH_INTERN)
 #undef HEALTH_INTERN
-    std::string columns = kColumns;
-    std::string upsert = "INSERT INTO tool_health (" + columns + ")\n";
-    const std::string pad20(20, ' '), pad24(24, ' ');
-    upsert += pad20 + "VALUES (?, ?, ?, ?, ?, ?)\n";
-    upsert += pad20 + "ON CONFLICT(tool_name) DO UPDATE SET\n";
-    upsert += pad24 + "call_count = excluded.call_count,\n";
-    upsert += pad24 + "error_count = excluded.error_count,\n";
-    upsert += pad24 + "last_error = excluded.last_error,\n";
-    upsert += pad24 + "disabled_at = excluded.disabled_at,\n";
-    upsert += pad24 + "updated_at = excluded.updated_at";
-    const std::string select = "SELECT " + columns + " FROM tool_health";
-    if (!(st->sql_select_health = PyUnicode_FromStringAndSize(select.data(), select.size())) ||
-        !(st->sql_delete_health =
+    if (!(st->sql_delete_health =
               PyUnicode_FromString("DELETE FROM tool_health WHERE tool_name = ?")) ||
-        !(st->sql_upsert_health = PyUnicode_FromStringAndSize(upsert.data(), upsert.size())) ||
         !(st->sql_select_usage =
               PyUnicode_FromString("SELECT value FROM schema_info WHERE key = ?")) ||
         !(st->sql_write_usage = PyUnicode_FromString(
@@ -250,6 +237,7 @@ int module_clear(PyObject* module) {
     Py_CLEAR(st->compact_separators);
     Py_CLEAR(st->summary_template);
     Py_CLEAR(st->usage_row_template);
+    Py_CLEAR(st->health_columns);
     Py_CLEAR(st->sql_select_health);
     Py_CLEAR(st->sql_delete_health);
     Py_CLEAR(st->sql_upsert_health);

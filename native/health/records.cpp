@@ -113,6 +113,9 @@ static int tool_state_init(PyObject* self, PyObject* args, PyObject* kwds) {
                                      &values[2], &values[3], &values[4], &values[5])) {
         return -1;
     }
+    // Held: converting one value runs host code (__index__, __float__).
+    Ref held[6];
+    for (int i = 0; i < 6; ++i) held[i] = Ref::borrow(values[i]);
     ToolStateObject* s = as_state(self);
     if ((values[0] && as_int64(values[0], &s->call_count) < 0) ||
         (values[1] && as_int64(values[1], &s->error_count) < 0) ||
@@ -133,6 +136,8 @@ static int usage_init(PyObject* self, PyObject* args, PyObject* kwds) {
                                      &values[0], &values[1], &values[2])) {
         return -1;
     }
+    Ref held[3];
+    for (int i = 0; i < 3; ++i) held[i] = Ref::borrow(values[i]);
     UsageObject* u = as_usage(self);
     if ((values[0] && as_int64(values[0], &u->calls) < 0) ||
         (values[1] && as_int64(values[1], &u->timed_calls) < 0) ||
@@ -210,7 +215,9 @@ static PyObject* tool_state_richcompare(PyObject* self, PyObject* other, int op)
                  (!a->has_disabled_at || a->disabled_at == b->disabled_at) &&
                  a->updated_at == b->updated_at && a->consecutive_errors == b->consecutive_errors;
     if (equal) {
-        const int same = PyObject_RichCompareBool(a->last_error, b->last_error, Py_EQ);
+        // Held: comparing runs host code, which may assign another last_error.
+        Ref mine = Ref::borrow(a->last_error), theirs = Ref::borrow(b->last_error);
+        const int same = PyObject_RichCompareBool(mine.get(), theirs.get(), Py_EQ);
         if (same < 0) return nullptr;
         equal = same == 1;
     }

@@ -1,4 +1,20 @@
 // Owned references and small helpers shared by every file of the module.
+//
+// The rule every native path follows: any call that can run Python code may
+// change, replace or free what a borrowed pointer points at. Such calls are a
+// key's __hash__/__eq__, the sequence or number protocol of a type that is not
+// an exact builtin, attribute access on a host object, a late-bound module
+// attribute, the logger, json, the clock, the methods of a host lock, the db,
+// the constructor of a replaced record type, and the allocation of any object
+// the cyclic collector tracks (a collection runs finalizers). So:
+//  - whatever a later step still needs is held in a Ref before such a call: a
+//    map or set taken from the tracker's fields, a value found in a map, a
+//    module attribute. A tracker field is read again where the step uses it.
+//  - a map is walked through snapshot_items(): its entries taken as Refs in
+//    one go with nothing in between, then processed. PyDict_Next never spans
+//    such a call.
+// A host that mutates the state during an operation therefore gets an answer
+// computed from what the operation held, or an exception; never a crash.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN

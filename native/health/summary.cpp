@@ -57,33 +57,39 @@ int compare(PyObject* a, PyObject* b, int* out) {
     return 0;
 }
 
-int compare_counts(bool native, int64_t a, int64_t b, PyObject* ao, PyObject* bo, int* out) {
-    if (native) {
-        *out = a < b ? -1 : (a > b ? 1 : 0);
+// A count of a record: read natively from the module's own record, or the
+// attribute's value for a host record. Entries of both kinds meet in one sort,
+// so a native count is also boxed whenever the sort holds a host record.
+struct Count {
+    bool native = false;
+    int64_t value = 0;
+    Ref object;
+
+    int box() {
+        if (!native || object) return 0;
+        object.reset(PyLong_FromLongLong(value));
+        return object ? 0 : -1;
+    }
+};
+
+int compare_counts(const Count& a, const Count& b, int* out) {
+    if (a.native && b.native) {
+        *out = a.value < b.value ? -1 : (a.value > b.value ? 1 : 0);
         return 0;
     }
-    return compare(ao, bo, out);
+    return compare(a.object.get(), b.object.get(), out);
 }
-
-struct UsageEntry {
-    Ref key;
-    Ref usage;
-};
 
 struct ToolEntry {
     Ref name;
     Ref record;  // from _state, or a default one for a tool known only by its usage
-    std::vector<UsageEntry> usage;
-    bool native = false;
-    int64_t errors = 0, calls = 0;
-    Ref errors_obj, calls_obj;
+    std::vector<Item> usage;
+    Count errors, calls;
 };
 
 struct UsageRow {
     Ref row;
-    bool native = false;
-    int64_t calls = 0;
-    Ref calls_obj;
+    Count calls;
     Ref action_text;  // the action, or "None" for a null action
     Ref outcome;
     Ref alias_hit;
@@ -92,8 +98,8 @@ struct UsageRow {
 Ref average_ms(ModuleState* st, PyObject* usage, UsageRow& row) {
     if (is_native_usage(st, usage)) {
         UsageObject* u = as_usage(usage);
-        row.native = true;
-        row.calls = u->calls;
+        row.calls.native = true;
+        row.calls.value = u->calls;
         if (u->timed_calls == 0) return Ref::borrow(Py_None);
         const double mean = u->total_ms / static_cast<double>(u->timed_calls);
         return Ref(PyFloat_FromDouble(round_half_even(mean, 2)));
@@ -116,12 +122,24 @@ int set_item(PyObject* dict, PyObject* key, const Ref& value) {
     return value ? PyDict_SetItem(dict, key, value.get()) : -1;
 }
 
+// Boxes the native counts of `items` when any of them is a host record's.
+template <class T>
+int box_if_mixed(std::vector<T>& items, Count T::*count) {
+    bool any_host = false;
+    for (const T& item : items) any_host |= !(item.*count).native;
+    if (!any_host) return 0;
+    for (T& item : items) {
+        if ((item.*count).box() < 0) return -1;
+    }
+    return 0;
+}
+
 // The usage rows of one tool from its entries, in usage-map order, then sorted.
 PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
-                     const std::vector<UsageEntry>& entries) {
+                     const std::vector<Item>& entries) {
     std::vector<UsageRow> rows;
     rows.reserve(entries.size());
-    for (const UsageEntry& entry : entries) {
+    for (const Item& entry : entries) {
         UsageRow r;
         Ref action = sequence_item(entry.key.get(), 1);
         if (!action) return nullptr;
@@ -131,11 +149,12 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
         if (!r.alias_hit) return nullptr;
         Ref row(PyDict_Copy(st->usage_row_template));
         if (!row) return nullptr;
-        Ref avg = average_ms(st, entry.usage.get(), r);
+        Ref avg = average_ms(st, entry.value.get(), r);
         if (!avg) return nullptr;
-        r.calls_obj = r.native ? Ref(PyLong_FromLongLong(r.calls))
-                               : usage_field(st, entry.usage.get(), st->s_calls);
-        if (!r.calls_obj) return nullptr;
+        Ref calls = r.calls.native ? Ref(PyLong_FromLongLong(r.calls.value))
+                                   : usage_field(st, entry.value.get(), st->s_calls);
+        if (!calls) return nullptr;
+        if (!r.calls.native) r.calls.object = Ref::borrow(calls.get());
         Ref is_slow_call = module_attr(module, st->s_is_slow_call);
         if (!is_slow_call) return nullptr;
         Ref slow = call(is_slow_call.get(), {tool_name, action.get()});
@@ -143,7 +162,7 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
         if (PyDict_SetItem(row.get(), st->s_action, action.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_outcome, r.outcome.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_alias_hit, r.alias_hit.get()) < 0 ||
-            PyDict_SetItem(row.get(), st->s_calls, r.calls_obj.get()) < 0 ||
+            PyDict_SetItem(row.get(), st->s_calls, calls.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_avg_ms, avg.get()) < 0 ||
             PyDict_SetItem(row.get(), st->s_slow, slow.get()) < 0) {
             return nullptr;
@@ -152,13 +171,11 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
         r.row = std::move(row);
         rows.push_back(std::move(r));
     }
+    if (box_if_mixed(rows, &UsageRow::calls) < 0) return nullptr;
     // Most calls first, then action text, outcome, and alias_hit False before True.
     const int sorted = stable_sort(rows, [](const UsageRow& a, const UsageRow& b) -> int {
         int c;
-        if (compare_counts(a.native && b.native, b.calls, a.calls, b.calls_obj.get(),
-                           a.calls_obj.get(), &c) < 0) {
-            return -1;
-        }
+        if (compare_counts(b.calls, a.calls, &c) < 0) return -1;
         if (c == 0 && compare(a.action_text.get(), b.action_text.get(), &c) < 0) return -1;
         if (c == 0 && compare(a.outcome.get(), b.outcome.get(), &c) < 0) return -1;
         if (c == 0 && compare(a.alias_hit.get(), b.alias_hit.get(), &c) < 0) return -1;
@@ -173,85 +190,96 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
     return list.release();
 }
 
-// One walk of _usage: the entries whose tool equals `tool_name`.
-int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<UsageEntry>& out) {
-    Py_ssize_t pos = 0;
-    PyObject *key, *usage;
-    while (PyDict_Next(self->usage, &pos, &key, &usage)) {
-        Ref key_ref = Ref::borrow(key), usage_ref = Ref::borrow(usage);  // may run Python code
-        Ref tool = sequence_item(key, 0);
+// The entries of the usage map whose tool equals `tool_name`, from a snapshot.
+int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<Item>& out) {
+    std::vector<Item> entries;
+    if (snapshot_items(self->usage, entries) < 0) return -1;
+    for (Item& entry : entries) {
+        Ref tool = sequence_item(entry.key.get(), 0);
         if (!tool) return -1;
         const int same = PyObject_RichCompareBool(tool.get(), tool_name, Py_EQ);
         if (same < 0) return -1;
-        if (same) out.push_back({Ref::borrow(key), Ref::borrow(usage)});
+        if (same) out.push_back(std::move(entry));
     }
     return 0;
 }
 
+// A count field of a tool's record, natively or through the host record.
+int read_count(ModuleState* st, PyObject* rec, PyObject* field, int64_t ToolStateObject::*native,
+               Count& out) {
+    if (is_native_state(st, rec)) {
+        out.native = true;
+        out.value = as_state(rec)->*native;
+        return 0;
+    }
+    out.object = state_field(st, rec, field);
+    return out.object ? 0 : -1;
+}
+
 PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
     PyObject* module = self->module;
+    // Both maps as they are at this instant: what follows runs host code
+    // (hash and eq of names, key items, record getters, is_slow_call, ...).
+    std::vector<Item> health, usage;
+    if (snapshot_items(self->state, health) < 0 || snapshot_items(self->usage, usage) < 0) {
+        return nullptr;
+    }
     std::vector<ToolEntry> tools;
+    tools.reserve(health.size());
     Ref index(PyDict_New());  // tool name -> its place in `tools`
     if (!index) return nullptr;
-    {
-        Py_ssize_t pos = 0;
-        PyObject *name, *record;
-        while (PyDict_Next(self->state, &pos, &name, &record)) {
-            Ref place(PyLong_FromSize_t(tools.size()));
-            if (!place || PyDict_SetItem(index.get(), name, place.get()) < 0) return nullptr;
+    for (Item& item : health) {
+        Ref place(PyLong_FromSize_t(tools.size()));
+        if (!place || PyDict_SetItem(index.get(), item.key.get(), place.get()) < 0) return nullptr;
+        ToolEntry t;
+        t.name = std::move(item.key);
+        t.record = std::move(item.value);
+        tools.push_back(std::move(t));
+    }
+    for (Item& item : usage) {
+        Ref tool = sequence_item(item.key.get(), 0);
+        if (!tool) return nullptr;
+        PyObject* place = PyDict_GetItemWithError(index.get(), tool.get());
+        size_t at;
+        if (place != nullptr) {
+            at = PyLong_AsSize_t(place);  // an exact int this walk stored: no host code
+            if (at >= tools.size()) {
+                if (!PyErr_Occurred()) PyErr_SetString(PyExc_RuntimeError, "summary index changed");
+                return nullptr;
+            }
+        } else {
+            if (PyErr_Occurred()) return nullptr;
+            at = tools.size();
+            Ref fresh(PyLong_FromSize_t(at));
+            if (!fresh || PyDict_SetItem(index.get(), tool.get(), fresh.get()) < 0) {
+                return nullptr;
+            }
             ToolEntry t;
-            t.name = Ref::borrow(name);
-            t.record = Ref::borrow(record);
+            t.name = std::move(tool);
             tools.push_back(std::move(t));
         }
-        pos = 0;
-        PyObject *key, *usage;
-        while (PyDict_Next(self->usage, &pos, &key, &usage)) {
-            Ref tool = sequence_item(key, 0);
-            if (!tool) return nullptr;
-            PyObject* place = PyDict_GetItemWithError(index.get(), tool.get());
-            size_t at;
-            if (place != nullptr) {
-                at = PyLong_AsSize_t(place);
-            } else {
-                if (PyErr_Occurred()) return nullptr;
-                at = tools.size();
-                Ref fresh(PyLong_FromSize_t(at));
-                if (!fresh || PyDict_SetItem(index.get(), tool.get(), fresh.get()) < 0) {
-                    return nullptr;
-                }
-                ToolEntry t;
-                t.name = std::move(tool);
-                tools.push_back(std::move(t));
-            }
-            tools[at].usage.push_back({Ref::borrow(key), Ref::borrow(usage)});
-        }
+        tools[at].usage.push_back(std::move(item));
     }
     for (ToolEntry& t : tools) {
         if (!t.record) {
             t.record = new_tool_state(st, module);
             if (!t.record) return nullptr;
         }
-        if (is_native_state(st, t.record.get())) {
-            t.native = true;
-            t.errors = as_state(t.record.get())->error_count;
-            t.calls = as_state(t.record.get())->call_count;
-        } else {
-            t.errors_obj = state_field(st, t.record.get(), st->s_error_count);
-            t.calls_obj = state_field(st, t.record.get(), st->s_call_count);
-            if (!t.errors_obj || !t.calls_obj) return nullptr;
+        if (read_count(st, t.record.get(), st->s_error_count, &ToolStateObject::error_count,
+                       t.errors) < 0 ||
+            read_count(st, t.record.get(), st->s_call_count, &ToolStateObject::call_count,
+                       t.calls) < 0) {
+            return nullptr;
         }
+    }
+    if (box_if_mixed(tools, &ToolEntry::errors) < 0 || box_if_mixed(tools, &ToolEntry::calls) < 0) {
+        return nullptr;
     }
     // Most errors first, then most calls; equal tools keep their first-seen order.
     const int sorted = stable_sort(tools, [](const ToolEntry& a, const ToolEntry& b) -> int {
-        const bool native = a.native && b.native;
         int c;
-        if (compare_counts(native, a.errors, b.errors, a.errors_obj.get(), b.errors_obj.get(), &c) < 0) {
-            return -1;
-        }
-        if (c == 0 && compare_counts(native, a.calls, b.calls, a.calls_obj.get(), b.calls_obj.get(), &c) < 0) {
-            return -1;
-        }
+        if (compare_counts(a.errors, b.errors, &c) < 0) return -1;
+        if (c == 0 && compare_counts(a.calls, b.calls, &c) < 0) return -1;
         return c > 0 ? 1 : 0;
     });
     if (sorted < 0) return nullptr;
@@ -275,12 +303,13 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
                      late_sqlite_time(st, module, disabled_at.get())) < 0) {
             return nullptr;
         }
-        Ref updated = is_native_state(st, rec)
-                          ? late_sqlite_time(st, module, as_state(rec)->updated_at)
-                          : [&] {
-                                Ref value = state_field(st, rec, st->s_updated_at);
-                                return value ? late_sqlite_time(st, module, value.get()) : Ref();
-                            }();
+        Ref updated;
+        if (is_native_state(st, rec)) {
+            updated = late_sqlite_time(st, module, as_state(rec)->updated_at);
+        } else {
+            Ref value = state_field(st, rec, st->s_updated_at);
+            if (value) updated = late_sqlite_time(st, module, value.get());
+        }
         if (set_item(record.get(), st->s_updated_at, updated) < 0) return nullptr;
         Ref rows(own_rows ? build_rows(st, module, t.name.get(), t.usage)
                           : call_method(reinterpret_cast<PyObject*>(self), st->s__usage_rows,
@@ -312,7 +341,7 @@ PyObject* tracker_usage_rows(PyObject* op, PyObject* const* args, Py_ssize_t nar
         return nullptr;
     }
     return guarded<PyObject*>(nullptr, [&]() -> PyObject* {
-        std::vector<UsageEntry> entries;
+        std::vector<Item> entries;
         if (entries_of(self, tool_name, entries) < 0) return nullptr;
         return build_rows(st, self->module, tool_name, entries);
     });

@@ -24,6 +24,21 @@ Ref module_attr(PyObject* module, PyObject* name) noexcept {
     return Ref::borrow(module_attr_borrowed(module, name));
 }
 
+int snapshot_items(PyObject* map, std::vector<Item>& out) {
+    if (!PyDict_Check(map)) {
+        PyErr_Format(PyExc_TypeError, "expected a dict, not %.100s", Py_TYPE(map)->tp_name);
+        return -1;
+    }
+    out.clear();
+    out.reserve(static_cast<size_t>(PyDict_GET_SIZE(map)));
+    Py_ssize_t pos = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(map, &pos, &key, &value)) {
+        out.push_back(Item{Ref::borrow(key), Ref::borrow(value)});
+    }
+    return 0;
+}
+
 namespace {
 
 // time.time() of the host runtime: CLOCK_REALTIME in nanoseconds, turned into
@@ -41,13 +56,13 @@ double realtime_seconds() noexcept {
 }  // namespace
 
 int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept {
-    PyObject* time_mod = module_attr_borrowed(module, st->s_time);
-    if (time_mod == nullptr) {
+    Ref time_mod = module_attr(module, st->s_time);
+    if (!time_mod) {
         return -1;
     }
-    if (PyModule_CheckExact(time_mod)) {
-        PyObject* fn = PyDict_GetItemWithError(PyModule_GetDict(time_mod), st->s_time);
-        if (fn == st->time_time) {
+    if (PyModule_CheckExact(time_mod.get())) {
+        PyObject* fn = PyDict_GetItemWithError(PyModule_GetDict(time_mod.get()), st->s_time);
+        if (fn == st->time_time) {  // compared, never used: the real clock, read natively
             *now = realtime_seconds();
             return 0;
         }
@@ -55,8 +70,7 @@ int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept {
             return -1;
         }
     }
-    Ref holder = Ref::borrow(time_mod);
-    Ref fn(PyObject_GetAttr(time_mod, st->s_time));
+    Ref fn(PyObject_GetAttr(time_mod.get(), st->s_time));
     if (!fn) {
         return -1;
     }

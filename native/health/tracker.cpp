@@ -60,18 +60,40 @@ PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
     return result;
 }
 
+int refuse_under_own_lock(TrackerObject* self) noexcept {
+    if (self->lock_owner != 0 && self->lock_owner == PyThread_get_thread_ident()) {
+        PyErr_SetString(PyExc_RuntimeError,
+                        "ToolHealthTracker re-entered from code that runs under its lock "
+                        "(the lock is not re-entrant)");
+        return -1;
+    }
+    return 0;
+}
+
 int LockHold::acquire() noexcept {
-    PyObject* r = t_->acquire(state_of(t_->module)->empty_tuple);
+    const unsigned long thread = PyThread_get_thread_ident();
+    if (t_->lock_owner == thread) return refuse_under_own_lock(t_);
+    // The acquire and release of one lock, held: a host acquire, or another
+    // thread while this one waits, may assign a new `_lock`.
+    const BoundCall acquire = t_->acquire;
+    Ref acquire_ref = Ref::borrow(acquire.method);
+    release_ = t_->release;
+    release_ref_ = Ref::borrow(release_.method);
+    PyObject* r = acquire(state_of(t_->module)->empty_tuple);
     if (r == nullptr) return -1;
     Py_DECREF(r);
     held_ = true;
+    thread_ = thread;
+    t_->lock_owner = thread;
     return 0;
 }
 
 int LockHold::release() noexcept {
     if (!held_) return 0;
     held_ = false;
-    PyObject* r = t_->release(state_of(t_->module)->empty_tuple);
+    if (t_->lock_owner == thread_) t_->lock_owner = 0;
+    PyObject* r = release_(state_of(t_->module)->empty_tuple);
+    release_ref_.reset();
     if (r == nullptr) return -1;
     Py_DECREF(r);
     return 0;
@@ -106,22 +128,37 @@ static int set_time_attr(PyObject* rec, PyObject* field, double now) noexcept {
     return PyObject_SetAttr(rec, field, value.get());
 }
 
-// The record of `key` in `map`, inserting `make()` at the end when there is none.
-// Returns a new reference, so that Python code run later cannot free it.
+// The record of `key` in the map `self->*field`, inserting `make()` at the end
+// when there is none. The map is held while a lookup runs the key's hash and
+// eq, and read from the field again for the insertion, since making the
+// record may run host code; the record comes back held.
 template <class Make>
-static Ref find_or_insert(PyObject* map, PyObject* key, Make&& make) noexcept {
-    PyObject* found = PyDict_GetItemWithError(map, key);
-    if (found != nullptr) return Ref::borrow(found);
-    if (PyErr_Occurred()) return Ref();
+static Ref find_or_insert(TrackerObject* self, PyObject* TrackerObject::*field, PyObject* key,
+                          Make&& make) noexcept {
+    {
+        Ref map = Ref::borrow(self->*field);
+        PyObject* found = PyDict_GetItemWithError(map.get(), key);
+        if (found != nullptr) return Ref::borrow(found);
+        if (PyErr_Occurred()) return Ref();
+    }
     Ref fresh = make();
-    if (!fresh || PyDict_SetItem(map, key, fresh.get()) < 0) return Ref();
+    if (!fresh) return Ref();
+    Ref map = Ref::borrow(self->*field);
+    if (PyDict_SetItem(map.get(), key, fresh.get()) < 0) return Ref();
     return fresh;
+}
+
+// Adds `name` to `_dirty` as the field is now.
+static int mark_dirty(TrackerObject* self, PyObject* name) noexcept {
+    Ref dirty = Ref::borrow(self->dirty);
+    return PySet_Add(dirty.get(), name);
 }
 
 // The cooldown as the `cooldown_s` property gives it: a subclass may override it.
 static Ref cooldown(ModuleState* st, TrackerObject* self) noexcept {
     if (Py_TYPE(self) == st->tracker_type) {
-        return Ref(PyObject_GetAttr(self->limits, st->s_disable_cooldown_s));
+        Ref limits = Ref::borrow(self->limits);
+        return Ref(PyObject_GetAttr(limits.get(), st->s_disable_cooldown_s));
     }
     return Ref(PyObject_GetAttr(reinterpret_cast<PyObject*>(self), st->s_cooldown_s));
 }
@@ -199,20 +236,24 @@ static int add_duration(double* total, PyObject* duration) noexcept {
 // The operations on the call path
 
 static PyObject* is_disabled_locked(ModuleState* st, TrackerObject* self, PyObject* name) {
-    PyObject* found = PyDict_GetItemWithError(self->state, name);
-    if (found == nullptr) {
-        if (PyErr_Occurred()) return nullptr;
-        return Py_NewRef(st->not_disabled);
+    Ref rec;
+    {
+        Ref state = Ref::borrow(self->state);
+        PyObject* found = PyDict_GetItemWithError(state.get(), name);
+        if (found == nullptr) {
+            if (PyErr_Occurred()) return nullptr;
+            return Py_NewRef(st->not_disabled);
+        }
+        rec = Ref::borrow(found);
     }
-    Ref rec = Ref::borrow(found);
-    const bool native = is_native_state(st, found);
+    const bool native = is_native_state(st, rec.get());
     double disabled_at = 0.0;
     Ref disabled_obj;
     if (native) {
-        if (!as_state(found)->has_disabled_at) return Py_NewRef(st->not_disabled);
-        disabled_at = as_state(found)->disabled_at;
+        if (!as_state(rec.get())->has_disabled_at) return Py_NewRef(st->not_disabled);
+        disabled_at = as_state(rec.get())->disabled_at;
     } else {
-        disabled_obj.reset(PyObject_GetAttr(found, st->s_disabled_at));
+        disabled_obj.reset(PyObject_GetAttr(rec.get(), st->s_disabled_at));
         if (!disabled_obj) return nullptr;
         if (disabled_obj.get() == Py_None) return Py_NewRef(st->not_disabled);
     }
@@ -232,29 +273,30 @@ static PyObject* is_disabled_locked(ModuleState* st, TrackerObject* self, PyObje
     }
     if (expired < 0) return nullptr;
     if (expired == 0) {
-        Ref last = state_field(st, found, st->s_last_error);
+        Ref last = state_field(st, rec.get(), st->s_last_error);
         if (!last) return nullptr;
         return PyTuple_Pack(2, Py_True, last.get());
     }
     if (native) {
-        ToolStateObject* s = as_state(found);
+        ToolStateObject* s = as_state(rec.get());
         s->consecutive_errors = 0;
         s->has_disabled_at = false;
         s->updated_at = now;
     } else {
         Ref zero(PyLong_FromLong(0));
-        if (!zero || PyObject_SetAttr(found, st->s_consecutive_errors, zero.get()) < 0 ||
-            PyObject_SetAttr(found, st->s_disabled_at, Py_None) < 0 ||
-            set_time_attr(found, st->s_updated_at, now) < 0) {
+        if (!zero || PyObject_SetAttr(rec.get(), st->s_consecutive_errors, zero.get()) < 0 ||
+            PyObject_SetAttr(rec.get(), st->s_disabled_at, Py_None) < 0 ||
+            set_time_attr(rec.get(), st->s_updated_at, now) < 0) {
             return nullptr;
         }
     }
-    if (PySet_Add(self->dirty, name) < 0) return nullptr;
+    if (mark_dirty(self, name) < 0) return nullptr;
     return Py_NewRef(st->not_disabled);
 }
 
 static PyObject* record_success_locked(ModuleState* st, TrackerObject* self, PyObject* name) {
-    Ref rec = find_or_insert(self->state, name, [&] { return new_tool_state(st, self->module); });
+    Ref rec = find_or_insert(self, &TrackerObject::state, name,
+                             [&] { return new_tool_state(st, self->module); });
     if (!rec) return nullptr;
     double now;
     if (is_native_state(st, rec.get())) {
@@ -274,14 +316,16 @@ static PyObject* record_success_locked(ModuleState* st, TrackerObject* self, PyO
             return nullptr;
         }
     }
-    if (PySet_Add(self->dirty, name) < 0) return nullptr;
+    if (mark_dirty(self, name) < 0) return nullptr;
     Py_RETURN_NONE;
 }
 
 static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObject* name,
                                      PyObject* error) {
-    Ref rec = find_or_insert(self->state, name, [&] { return new_tool_state(st, self->module); });
+    Ref rec = find_or_insert(self, &TrackerObject::state, name,
+                             [&] { return new_tool_state(st, self->module); });
     if (!rec) return nullptr;
+    Ref limits = Ref::borrow(self->limits);
     double now;
     if (is_native_state(st, rec.get())) {
         ToolStateObject* s = as_state(rec.get());
@@ -294,7 +338,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         Py_SETREF(s->last_error, message.release());
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         s->updated_at = now;
-        Ref limit(PyObject_GetAttr(self->limits, st->s_disable_after_errors));
+        Ref limit(PyObject_GetAttr(limits.get(), st->s_disable_after_errors));
         if (!limit) return nullptr;
         const int reached = run_reached(s->consecutive_errors, limit.get());
         if (reached < 0) return nullptr;
@@ -313,7 +357,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         Ref now_obj(PyFloat_FromDouble(now));
         if (!now_obj || PyObject_SetAttr(r, st->s_updated_at, now_obj.get()) < 0) return nullptr;
-        Ref limit(PyObject_GetAttr(self->limits, st->s_disable_after_errors));
+        Ref limit(PyObject_GetAttr(limits.get(), st->s_disable_after_errors));
         if (!limit) return nullptr;
         Ref run(PyObject_GetAttr(r, st->s_consecutive_errors));
         if (!run) return nullptr;
@@ -321,13 +365,14 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         if (reached < 0) return nullptr;
         if (reached && PyObject_SetAttr(r, st->s_disabled_at, now_obj.get()) < 0) return nullptr;
     }
-    if (PySet_Add(self->dirty, name) < 0) return nullptr;
+    if (mark_dirty(self, name) < 0) return nullptr;
     Py_RETURN_NONE;
 }
 
 static PyObject* record_call_locked(ModuleState* st, TrackerObject* self, PyObject* key,
                                     PyObject* duration) {
-    Ref rec = find_or_insert(self->usage, key, [&] { return new_usage(st, self->module); });
+    Ref rec = find_or_insert(self, &TrackerObject::usage, key,
+                             [&] { return new_usage(st, self->module); });
     if (!rec) return nullptr;
     if (is_native_usage(st, rec.get())) {
         UsageObject* u = as_usage(rec.get());
@@ -455,6 +500,31 @@ static PyObject* tracker_new(PyTypeObject* type, PyObject*, PyObject*) {
     return self;
 }
 
+// `_lock` = lock, with its acquire and release bound now. Refused with
+// TypeError unless both are callable.
+static int set_lock(ModuleState* st, TrackerObject* self, PyObject* lock) noexcept {
+    Ref acquire(PyObject_GetAttr(lock, st->s_acquire));
+    Ref release = acquire ? Ref(PyObject_GetAttr(lock, st->s_release)) : Ref();
+    if (!acquire || !release) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return -1;
+        PyErr_Clear();
+    }
+    if (!acquire || !release || !PyCallable_Check(acquire.get()) ||
+        !PyCallable_Check(release.get())) {
+        PyErr_Format(PyExc_TypeError,
+                     "_lock must have callable acquire() and release(), not %.100s",
+                     Py_TYPE(lock)->tp_name);
+        return -1;
+    }
+    // The old lock's bound methods are dropped last: an operation that holds
+    // that lock keeps its own reference to them.
+    Ref old_lock(self->lock), old_acquire(self->acquire.method), old_release(self->release.method);
+    self->lock = Py_NewRef(lock);
+    self->acquire.bind(acquire.release());
+    self->release.bind(release.release());
+    return 0;
+}
+
 static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds) {
     ModuleState* st = state_of(self->module);
     static const char* kwlist[] = {"repository", "limits", nullptr};
@@ -468,7 +538,7 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
         PyErr_SetString(PyExc_RuntimeError, "ToolHealthTracker is already initialized");
         return -1;
     }
-    Ref limits_ref = Ref::borrow(limits);
+    Ref repository_ref = Ref::borrow(repository), limits_ref = Ref::borrow(limits);
     if (limits == Py_None) {
         Ref config_cls = module_attr(self->module, st->s_ToolsConfig);
         if (!config_cls) return -1;
@@ -479,17 +549,13 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     if (!threading) return -1;
     Ref lock = call_method(threading.get(), st->s_Lock, {});
     if (!lock) return -1;
-    Ref acquire(PyObject_GetAttr(lock.get(), st->s_acquire));
-    Ref release(PyObject_GetAttr(lock.get(), st->s_release));
     Ref state(PyDict_New());
     Ref dirty(PySet_New(nullptr));
     Ref usage(PyDict_New());
-    if (!acquire || !release || !state || !dirty || !usage) return -1;
-    Py_XSETREF(self->repo, Py_NewRef(repository));
+    if (!state || !dirty || !usage) return -1;
+    if (set_lock(st, self, lock.get()) < 0) return -1;
+    Py_XSETREF(self->repo, repository_ref.release());
     Py_XSETREF(self->limits, limits_ref.release());
-    Py_XSETREF(self->lock, lock.release());
-    self->acquire.bind(acquire.release());
-    self->release.bind(release.release());
     Py_XSETREF(self->state, state.release());
     Py_XSETREF(self->dirty, dirty.release());
     Py_XSETREF(self->usage, usage.release());
@@ -561,6 +627,42 @@ HEALTH_FIELD_GETTER(dirty)
 HEALTH_FIELD_GETTER(usage)
 #undef HEALTH_FIELD_GETTER
 
+static int refuse_delete(PyObject* value, const char* field) {
+    if (value != nullptr) return 0;
+    PyErr_Format(PyExc_TypeError, "cannot delete %s", field);
+    return -1;
+}
+
+// The maps and the set take only their exact builtin type: every operation
+// reads them through the dict and set functions, which a subclass's
+// overrides would not see.
+static int set_container(PyObject* op, PyObject* value, PyTypeObject* type, const char* field,
+                         PyObject* TrackerObject::*member) {
+    if (refuse_delete(value, field) < 0) return -1;
+    if (Py_TYPE(value) != type) {
+        PyErr_Format(PyExc_TypeError, "%s must be a %s, not %.100s", field, type->tp_name,
+                     Py_TYPE(value)->tp_name);
+        return -1;
+    }
+    Py_XSETREF(as_tracker(op)->*member, Py_NewRef(value));
+    return 0;
+}
+
+static int set_state(PyObject* op, PyObject* value, void*) {
+    return set_container(op, value, &PyDict_Type, "_state", &TrackerObject::state);
+}
+static int set_usage(PyObject* op, PyObject* value, void*) {
+    return set_container(op, value, &PyDict_Type, "_usage", &TrackerObject::usage);
+}
+static int set_dirty(PyObject* op, PyObject* value, void*) {
+    return set_container(op, value, &PySet_Type, "_dirty", &TrackerObject::dirty);
+}
+static int set_lock_attr(PyObject* op, PyObject* value, void*) {
+    if (refuse_delete(value, "_lock") < 0) return -1;
+    TrackerObject* self = as_tracker(op);
+    return guarded<int>(-1, [&] { return set_lock(state_of(self->module), self, value); });
+}
+
 static PyObject* get_limits(PyObject* op, void*) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
@@ -596,10 +698,14 @@ static PyGetSetDef tracker_getset[] = {
      "Whether flush() has anything to write. Touches no database.", nullptr},
     {"_repo", get_repo, nullptr, "The repository whose db mirrors the state.", nullptr},
     {"_limits", get_limits, nullptr, "The ToolsConfig (same as limits).", nullptr},
-    {"_lock", get_lock, nullptr, "The threading.Lock guarding the state.", nullptr},
-    {"_state", get_state, nullptr, "Tool name -> _ToolState.", nullptr},
-    {"_dirty", get_dirty, nullptr, "Names of tools whose health row the next flush writes.", nullptr},
-    {"_usage", get_usage, nullptr, "(tool, action, outcome, alias_hit) -> _Usage.", nullptr},
+    {"_lock", get_lock, set_lock_attr,
+     "The lock guarding the state (a threading.Lock; any object with acquire() and release()).",
+     nullptr},
+    {"_state", get_state, set_state, "Tool name -> _ToolState (a dict).", nullptr},
+    {"_dirty", get_dirty, set_dirty,
+     "Names of tools whose health row the next flush writes (a set).", nullptr},
+    {"_usage", get_usage, set_usage, "(tool, action, outcome, alias_hit) -> _Usage (a dict).",
+     nullptr},
     {"_usage_dirty", get_usage_dirty, set_usage_dirty,
      "Whether the next flush writes the usage document.", nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},

@@ -18,6 +18,11 @@ struct BoundCall {
     PyObject* operator()(PyObject* empty_tuple) const noexcept;
 };
 
+// The fields a host may assign (`_state`, `_usage`, `_dirty`, `_lock`) are
+// checked on assignment, so an operation always finds an exact dict, an exact
+// set and a lock with callable acquire and release. They may change whenever
+// host code runs: an operation holds what it uses and reads a field again
+// where a step names it (see ref.hpp).
 struct TrackerObject {
     PyObject_HEAD
     PyObject* module;   // the module whose attributes every operation reads
@@ -30,6 +35,7 @@ struct TrackerObject {
     PyObject* dirty;    // _dirty: set of tool names
     PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
     PyObject* weakrefs;
+    unsigned long lock_owner;  // the thread inside an operation under the lock, or 0
     bool usage_dirty;   // _usage_dirty
     bool ready;         // __init__ has set the fields
 };
@@ -41,8 +47,14 @@ inline TrackerObject* as_tracker(PyObject* self) noexcept {
 // Raises RuntimeError for a tracker whose __init__ has not run.
 int check_ready(TrackerObject* self) noexcept;
 
+// Raises RuntimeError when the calling thread is inside an operation of this
+// tracker that holds its lock (a callback re-entering it): the lock is not
+// re-entrant, and no statement may run while it is held.
+int refuse_under_own_lock(TrackerObject* self) noexcept;
+
 // Holds the tracker's lock; the destructor releases it on an error path while
-// keeping the pending exception.
+// keeping the pending exception. It releases the lock it acquired, even when
+// host code assigned another one to `_lock` meanwhile.
 class LockHold {
 public:
     explicit LockHold(TrackerObject* tracker) noexcept : t_(tracker) {}
@@ -55,6 +67,9 @@ public:
 
 private:
     TrackerObject* t_;
+    BoundCall release_{};  // the acquired lock's release, its method held by release_ref_
+    Ref release_ref_;
+    unsigned long thread_ = 0;
     bool held_ = false;
 };
 
