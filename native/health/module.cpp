@@ -255,6 +255,16 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+#if PY_VERSION_HEX >= 0x030C0000
+    // Every Python object the module keeps is in its module state or in its heap types, and
+    // its only static data is plain C (method tables, type specs, a thread's layout bytes):
+    // each interpreter gets a module of its own and may run under a GIL of its own.
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#endif
+    // No Py_mod_gil slot: a free-threaded build keeps the GIL on while the module is loaded.
+    // The module relies on the GIL for its borrowed references (module attributes, items of
+    // the tracker's maps) and for the plain C fields of its records, which Python code reads
+    // and sets without the tracker's lock.
     {0, nullptr},
 };
 

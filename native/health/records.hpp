@@ -53,6 +53,11 @@ Ref usage_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept;
 // rec.field += 1 on a record of a host type.
 int increment_attr(PyObject* rec, PyObject* field) noexcept;
 // Checked 64-bit increment: OverflowError instead of wrapping.
-int increment(int64_t* value) noexcept;
+int count_overflow() noexcept;
+inline int increment(int64_t* value) noexcept {
+    if (*value == INT64_MAX) return count_overflow();
+    ++*value;
+    return 0;
+}
 
 }  // namespace health

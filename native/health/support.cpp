@@ -130,13 +130,9 @@ int int_of(PyObject* value, int64_t* out) noexcept {
     return long_to_int64(number.get(), out);
 }
 
-int increment(int64_t* value) noexcept {
-    if (*value == INT64_MAX) {
-        PyErr_SetString(PyExc_OverflowError, "count does not fit a 64-bit signed integer");
-        return -1;
-    }
-    ++*value;
-    return 0;
+int count_overflow() noexcept {
+    PyErr_SetString(PyExc_OverflowError, "count does not fit a 64-bit signed integer");
+    return -1;
 }
 
 double round_half_even(double x, int ndigits) noexcept {

@@ -60,42 +60,15 @@ PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
     return result;
 }
 
+HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
+
 int refuse_under_own_lock(TrackerObject* self) noexcept {
-    if (self->lock_owner != 0 && self->lock_owner == PyThread_get_thread_ident()) {
+    if (thread_holds.count > 0 && thread_holds.holds(self)) {
         PyErr_SetString(PyExc_RuntimeError,
                         "ToolHealthTracker re-entered from code that runs under its lock "
                         "(the lock is not re-entrant)");
         return -1;
     }
-    return 0;
-}
-
-int LockHold::acquire() noexcept {
-    const unsigned long thread = PyThread_get_thread_ident();
-    if (t_->lock_owner == thread) return refuse_under_own_lock(t_);
-    // The acquire and release of one lock, held: a host acquire, or another
-    // thread while this one waits, may assign a new `_lock`.
-    const BoundCall acquire = t_->acquire;
-    Ref acquire_ref = Ref::borrow(acquire.method);
-    release_ = t_->release;
-    release_ref_ = Ref::borrow(release_.method);
-    PyObject* r = acquire(state_of(t_->module)->empty_tuple);
-    if (r == nullptr) return -1;
-    Py_DECREF(r);
-    held_ = true;
-    thread_ = thread;
-    t_->lock_owner = thread;
-    return 0;
-}
-
-int LockHold::release() noexcept {
-    if (!held_) return 0;
-    held_ = false;
-    if (t_->lock_owner == thread_) t_->lock_owner = 0;
-    PyObject* r = release_(state_of(t_->module)->empty_tuple);
-    release_ref_.reset();
-    if (r == nullptr) return -1;
-    Py_DECREF(r);
     return 0;
 }
 
@@ -157,8 +130,7 @@ static int mark_dirty(TrackerObject* self, PyObject* name) noexcept {
 // The cooldown as the `cooldown_s` property gives it: a subclass may override it.
 static Ref cooldown(ModuleState* st, TrackerObject* self) noexcept {
     if (Py_TYPE(self) == st->tracker_type) {
-        Ref limits = Ref::borrow(self->limits);
-        return Ref(PyObject_GetAttr(limits.get(), st->s_disable_cooldown_s));
+        return Ref(PyObject_GetAttr(self->limits, st->s_disable_cooldown_s));
     }
     return Ref(PyObject_GetAttr(reinterpret_cast<PyObject*>(self), st->s_cooldown_s));
 }
@@ -325,7 +297,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
     Ref rec = find_or_insert(self, &TrackerObject::state, name,
                              [&] { return new_tool_state(st, self->module); });
     if (!rec) return nullptr;
-    Ref limits = Ref::borrow(self->limits);
+    PyObject* limits = self->limits;  // never reassigned once the tracker is ready
     double now;
     if (is_native_state(st, rec.get())) {
         ToolStateObject* s = as_state(rec.get());
@@ -338,7 +310,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         Py_SETREF(s->last_error, message.release());
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         s->updated_at = now;
-        Ref limit(PyObject_GetAttr(limits.get(), st->s_disable_after_errors));
+        Ref limit(PyObject_GetAttr(limits, st->s_disable_after_errors));
         if (!limit) return nullptr;
         const int reached = run_reached(s->consecutive_errors, limit.get());
         if (reached < 0) return nullptr;
@@ -357,7 +329,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         Ref now_obj(PyFloat_FromDouble(now));
         if (!now_obj || PyObject_SetAttr(r, st->s_updated_at, now_obj.get()) < 0) return nullptr;
-        Ref limit(PyObject_GetAttr(limits.get(), st->s_disable_after_errors));
+        Ref limit(PyObject_GetAttr(limits, st->s_disable_after_errors));
         if (!limit) return nullptr;
         Ref run(PyObject_GetAttr(r, st->s_consecutive_errors));
         if (!run) return nullptr;

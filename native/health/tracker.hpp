@@ -35,7 +35,6 @@ struct TrackerObject {
     PyObject* dirty;    // _dirty: set of tool names
     PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
     PyObject* weakrefs;
-    unsigned long lock_owner;  // the thread inside an operation under the lock, or 0
     bool usage_dirty;   // _usage_dirty
     bool ready;         // __init__ has set the fields
 };
@@ -43,6 +42,48 @@ struct TrackerObject {
 inline TrackerObject* as_tracker(PyObject* self) noexcept {
     return reinterpret_cast<TrackerObject*>(self);
 }
+
+// The trackers whose lock this thread holds through an operation, innermost
+// last. Kept per thread rather than per tracker: another thread may take a
+// lock that host code assigned to `_lock` meanwhile.
+struct ThreadHolds {
+    static constexpr int kMax = 8;
+    TrackerObject* held[kMax];
+    int count;
+
+    bool holds(const TrackerObject* t) const noexcept {
+        for (int i = 0; i < count && i < kMax; ++i) {
+            if (held[i] == t) return true;
+        }
+        return false;
+    }
+    void push(TrackerObject* t) noexcept {
+        if (count < kMax) held[count] = t;
+        ++count;  // deeper nesting is counted, not remembered
+    }
+    void pop(const TrackerObject* t) noexcept {
+        if (count > kMax || held[count - 1] == t) {
+            --count;
+            return;
+        }
+        for (int i = count - 2; i >= 0; --i) {  // released out of order
+            if (held[i] == t) {
+                for (int j = i; j + 1 < count; ++j) held[j] = held[j + 1];
+                --count;
+                return;
+            }
+        }
+    }
+};
+
+// Trivially constructible, so no per-access initialisation; the initial-exec
+// model reads it at a fixed offset rather than through __tls_get_addr.
+#if defined(__GNUC__) && defined(__linux__)
+#define HEALTH_TLS_MODEL __attribute__((tls_model("initial-exec")))
+#else
+#define HEALTH_TLS_MODEL
+#endif
+extern HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
 
 // Raises RuntimeError for a tracker whose __init__ has not run.
 int check_ready(TrackerObject* self) noexcept;
@@ -61,15 +102,49 @@ public:
     LockHold(const LockHold&) = delete;
     LockHold& operator=(const LockHold&) = delete;
     ~LockHold();
-    int acquire() noexcept;
+
+    int acquire() noexcept {
+        if (thread_holds.count > 0 && refuse_under_own_lock(t_) < 0) return -1;
+        // The acquire and release of one lock, kept alive through the hold: a
+        // host acquire, or another thread while this one waits, may assign a
+        // new `_lock`. A builtin method is kept by the object it is bound to
+        // (the real lock: one reference for both), anything else by itself.
+        const BoundCall acquire = t_->acquire;
+        release_ = t_->release;
+        Ref keep_acquire;
+        if (acquire.function != nullptr && release_.function != nullptr &&
+            acquire.self == release_.self) {
+            keep_ = Ref::borrow(release_.self);
+        } else {
+            keep_acquire = Ref::borrow(acquire.method);
+            keep_method_ = Ref::borrow(release_.method);
+        }
+        PyObject* r = acquire(state_of(t_->module)->empty_tuple);
+        if (r == nullptr) return -1;
+        Py_DECREF(r);
+        held_ = true;
+        thread_holds.push(t_);
+        return 0;
+    }
+
     // Releases the lock; -1 when the release itself failed.
-    int release() noexcept;
+    int release() noexcept {
+        if (!held_) return 0;
+        held_ = false;
+        thread_holds.pop(t_);
+        PyObject* r = release_(state_of(t_->module)->empty_tuple);
+        keep_.reset();
+        keep_method_.reset();
+        if (r == nullptr) return -1;
+        Py_DECREF(r);
+        return 0;
+    }
 
 private:
     TrackerObject* t_;
-    BoundCall release_{};  // the acquired lock's release, its method held by release_ref_
-    Ref release_ref_;
-    unsigned long thread_ = 0;
+    BoundCall release_{};  // the acquired lock's release
+    Ref keep_;             // what keeps release_ callable (see acquire)
+    Ref keep_method_;
     bool held_ = false;
 };
 

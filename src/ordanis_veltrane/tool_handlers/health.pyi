@@ -35,6 +35,13 @@ class _HasDb(Protocol):
     @property
     def db(self) -> _Database: ...
 
+@type_check_only
+class _Lock(Protocol):
+    """The tracker's lock: a threading.Lock, or any object with these two methods."""
+
+    def acquire(self) -> Any: ...
+    def release(self) -> Any: ...
+
 logger: logging.Logger
 
 _SQLITE_TIMESTAMP: str
@@ -86,7 +93,7 @@ class ToolHealthTracker:
 
     _repo: _HasDb
     _limits: ToolsConfig
-    _lock: threading.Lock
+    _lock: _Lock
     _state: dict[str, _ToolState]
     _dirty: set[str]
     _usage: dict[_UsageKey, _Usage]
