@@ -161,9 +161,13 @@ static int tool_state_clear(PyObject* self) {
 static void tool_state_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
+    // A chain of records through last_error is freed iteratively, not by
+    // one nested call per record.
+    Py_TRASHCAN_BEGIN(self, tool_state_dealloc)
     tool_state_clear(self);
     type->tp_free(self);
     Py_DECREF(type);
+    Py_TRASHCAN_END
 }
 
 static void usage_dealloc(PyObject* self) {

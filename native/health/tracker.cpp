@@ -577,10 +577,12 @@ static int tracker_clear(PyObject* op) {
 static void tracker_dealloc(PyObject* op) {
     PyTypeObject* type = Py_TYPE(op);
     PyObject_GC_UnTrack(op);
+    Py_TRASHCAN_BEGIN(op, tracker_dealloc)  // a chain of trackers through their fields
     if (as_tracker(op)->weakrefs != nullptr) PyObject_ClearWeakRefs(op);
     tracker_clear(op);
     type->tp_free(op);
     Py_DECREF(type);
+    Py_TRASHCAN_END
 }
 
 // ---------------------------------------------------------------------------
