@@ -13,6 +13,8 @@ through, the daemon "restarts": the tracker is flushed one last time and dropped
 one tool is removed from the registry, and a new tracker is built on the same
 file. At the end the session prints the health summary, the performance stats
 answer, the thread census report, the flushes and the cost of the tracker calls.
+With ``--metrics-port N`` the live tracker is also served as Prometheus metrics
+while the session runs (needs the ``metrics`` extra).
 """
 from __future__ import annotations
 
@@ -24,9 +26,10 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.request
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Callable, Sequence
+from typing import TYPE_CHECKING, Any, Callable, Sequence
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
@@ -34,6 +37,9 @@ from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolRegistry, ToolSpec
 from ordanis_veltrane.utils.process import thread_census
 from ordanis_veltrane.utils.timing import get_timing_collector
+
+if TYPE_CHECKING:
+    from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
 
 # The limits of the session: three errors in a row disable a tool for 0.2 s.
 DISABLE_AFTER_ERRORS = 3
@@ -453,6 +459,29 @@ def render_costs(costs: Costs) -> str:
     return "\n".join(out)
 
 
+def scrape_metrics(url: str) -> str:
+    """One scrape of the metrics endpoint, as a Prometheus server would make it."""
+    with urllib.request.urlopen(url, timeout=10) as answer:
+        text: str = answer.read().decode("utf-8")
+    return text
+
+
+def metrics_excerpt(text: str, tool: str | None, per_metric: int = 2) -> list[str]:
+    """Sample lines of a scrape: those of one tool (at most `per_metric` of each
+    metric) and those without labels (limits and threads)."""
+    mark = f'tool="{tool}"'
+    shown: dict[str, int] = {}
+    out: list[str] = []
+    for line in text.splitlines():
+        if not line or line.startswith("#") or ("{" in line and mark not in line):
+            continue
+        name = line.split("{", 1)[0].split(" ", 1)[0]
+        shown[name] = shown.get(name, 0) + 1
+        if shown[name] <= per_metric:
+            out.append(line)
+    return out
+
+
 # ---------------------------------------------------------------- main
 
 
@@ -463,9 +492,27 @@ def main(argv: Sequence[str] | None = None) -> int:
     parser.add_argument("--seed", type=int, default=7, help="random seed of the simulated agent (default 7)")
     parser.add_argument("--db", type=Path, default=None, help="SQLite file to keep or reuse (default: a fresh temporary file)")
     parser.add_argument("--json", action="store_true", help="print the raw answers as JSON")
+    parser.add_argument("--metrics-port", type=int, default=None, metavar="N",
+                        help="serve the live tracker as Prometheus metrics on 127.0.0.1:N while the session runs "
+                             "(0 picks a free port; needs pip install '.[metrics]')")
     args = parser.parse_args(argv)
     if args.calls < 2 or args.threads < 1:
         parser.error("--calls must be at least 2 and --threads at least 1")
+    metrics: MetricsServer | None = None
+    if args.metrics_port is not None:
+        if not 0 <= args.metrics_port <= 65535:
+            parser.error("--metrics-port must be from 0 to 65535")
+        try:
+            from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
+        except ImportError as exc:
+            parser.error(str(exc))
+        # The budget of the served census: the workers, the flusher, the progress
+        # line, the main thread, the server and the thread answering a scrape.
+        try:
+            metrics = serve_metrics(None, args.metrics_port, thread_budget=args.threads + 5)
+        except OSError as exc:
+            parser.error(f"cannot serve metrics on 127.0.0.1:{args.metrics_port}: {exc}")
+        print(f"serving tool health metrics at {metrics.url}", file=sys.stderr)
 
     tmpdir: tempfile.TemporaryDirectory[str] | None = None
     if args.db is None:
@@ -475,13 +522,15 @@ def main(argv: Sequence[str] | None = None) -> int:
         db_path = args.db
         db_path.parent.mkdir(parents=True, exist_ok=True)
     try:
-        return run(args, db_path)
+        return run(args, db_path, metrics)
     finally:
+        if metrics is not None:
+            metrics.close()
         if tmpdir is not None:
             tmpdir.cleanup()
 
 
-def run(args: argparse.Namespace, db_path: Path) -> int:
+def run(args: argparse.Namespace, db_path: Path, metrics: MetricsServer | None = None) -> int:
     saved_tools = health.TOOLS
     limits = ToolsConfig(disable_after_errors=DISABLE_AFTER_ERRORS, disable_cooldown_s=COOLDOWN_S)
     get_timing_collector().reset()
@@ -511,6 +560,8 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
         phase1_tools = list(TOOLSET)
         health.TOOLS = make_registry(phase1_tools)
         daemon = Daemon(db_path, limits)
+        if metrics is not None:
+            metrics.collector.tracker = daemon.tracker  # the served collector follows the live tracker
         first_construct_ms = daemon.construct_ms
         progress.phase = "phase 1: agent session"
         calls1 = args.calls // 2
@@ -533,12 +584,16 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
         disabled_before = sorted(r["tool_name"] for r in daemon.tracker.get_health_summary() if r["disabled"])
         rows_before = tool_health_rows(daemon.repo)
         usage_before = usage_tools(daemon.repo)
+        if metrics is not None:
+            metrics.collector.tracker = None  # no tracker until the restart is done: threads only
         del daemon.tracker
         daemon.close()
 
         phase2_tools = [t for t in TOOLSET if t != REMOVED_TOOL]
         health.TOOLS = make_registry(phase2_tools)
         daemon = Daemon(db_path, limits)
+        if metrics is not None:
+            metrics.collector.tracker = daemon.tracker
         rows_after = tool_health_rows(daemon.repo)
         unsaved_after_load = daemon.tracker.has_unsaved_changes
         seeded_disabled = sorted(r["tool_name"] for r in daemon.tracker.get_health_summary() if r["disabled"])
@@ -583,6 +638,7 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
         summary = daemon.tracker.get_health_summary()
         perf = health.handle_get_tool_performance_stats()
         census_report = health.thread_census_report(budget, census[0] if census else None)
+        scraped = scrape_metrics(metrics.url) if metrics is not None else None
         flushes = flushes1 + daemon.flushes
         flush_ms = flush_ms1 + daemon.flush_ms
         costs = Costs()
@@ -601,6 +657,14 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
     cost_ns = {op: round(costs.ns[op] / costs.n[op], 1) for op in OPS if costs.n[op]}
     total_n = sum(costs.n.values())
     cost_ns["all"] = round(sum(costs.ns.values()) / total_n, 1) if total_n else 0.0
+    served: dict[str, Any] | None = None
+    if metrics is not None and scraped is not None:
+        served = {
+            "url": metrics.url,
+            "sample_lines": sum(1 for line in scraped.splitlines() if line and not line.startswith("#")),
+            "bytes": len(scraped.encode("utf-8")),
+            "excerpt": metrics_excerpt(scraped, summary[0]["tool_name"] if summary else None),
+        }
     if args.json:
         print(
             json.dumps(
@@ -619,6 +683,7 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
                     "thread_census": census_report,
                     "flush_rows": flushes,
                     "cost_ns_per_call": cost_ns,
+                    **({"metrics": served} if served is not None else {}),
                 },
                 indent=2,
             )
@@ -663,6 +728,12 @@ def run(args: argparse.Namespace, db_path: Path) -> int:
     p("")
     p("Cost of the tracker calls on the call path")
     p(render_costs(costs))
+    if served is not None:
+        p("")
+        p(f"Prometheus metrics, served at {served['url']} while the session ran")
+        p(f"  the last scrape ({served['sample_lines']} samples, {served['bytes']:,} bytes), "
+          "the worst tool's lines and those without labels:")
+        p("\n".join("    " + line for line in served["excerpt"]))
     return 0
 
 

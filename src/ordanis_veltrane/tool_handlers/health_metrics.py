@@ -1,0 +1,296 @@
+"""Tool health as Prometheus metrics.
+
+``HealthCollector`` is a custom ``prometheus_client`` collector for one
+``ToolHealthTracker``. At each scrape it takes exactly one
+``get_health_summary()`` (one short hold of the tracker's lock, no database
+access), reads the tracker's limits, takes a thread census on the scraping
+thread, and yields (names shown with the default prefix ``veltrane_tool_``):
+
+per tool (label ``tool``)
+    ``calls_total``, ``errors_total`` (counters: totals since the history began),
+    ``disabled`` (0/1), ``disabled_for_seconds`` (only while disabled);
+limits of the tracker (no labels)
+    ``disable_after_errors``, ``disable_cooldown_seconds``;
+per usage key (labels ``tool``, ``action``, ``outcome``, ``alias_hit``)
+    ``usage_calls_total`` (counter), ``usage_handler_mean_seconds`` (only where a
+    handler time is known);
+threads (when a budget is given)
+    ``os_threads`` (where the OS can count), ``python_threads``, ``thread_budget``,
+    ``python_threads_by_name`` (label ``name_prefix``).
+
+``serve_metrics`` serves one collector over HTTP with prometheus_client's own
+server. The module needs the ``metrics`` extra: ``pip install '.[metrics]'``.
+"""
+from __future__ import annotations
+
+import time
+from dataclasses import dataclass
+from datetime import datetime, timezone
+from typing import Any, Callable, Iterator
+
+try:
+    from prometheus_client import start_http_server
+    from prometheus_client.core import CounterMetricFamily, GaugeMetricFamily, Metric
+    from prometheus_client.registry import CollectorRegistry
+    from prometheus_client.samples import Sample
+except ImportError as exc:  # pragma: no cover - exercised in a subprocess
+    raise ImportError(
+        "ordanis_veltrane.tool_handlers.health_metrics needs prometheus_client: "
+        "install the 'metrics' extra (pip install 'ordanis-veltrane-health[metrics]', "
+        "or pip install '.[metrics]' from a checkout)"
+    ) from exc
+
+from ordanis_veltrane.tool_handlers import health
+
+__all__ = ["DEFAULT_PREFIX", "HealthCollector", "MetricsServer", "serve_metrics"]
+
+DEFAULT_PREFIX = "veltrane_tool_"
+
+_USAGE_LABELS = ("tool", "action", "outcome", "alias_hit")
+
+
+def _label(value: Any) -> str:
+    """A label value: text passes through unchanged; anything else becomes its str().
+
+    Text that UTF-8 cannot encode (a lone surrogate) would make the whole scrape
+    fail, so only that is escaped, with backslashes."""
+    text = value if type(value) is str else str(value)
+    if not text.isascii():
+        try:
+            text.encode("utf-8")
+        except UnicodeEncodeError:
+            text = text.encode("utf-8", "backslashreplace").decode("utf-8")
+    return text
+
+
+def _epoch_of(stored: str) -> float | None:
+    """Epoch seconds of a stored UTC timestamp "YYYY-MM-DD HH:MM:SS"; None when unreadable."""
+    try:
+        return datetime.fromisoformat(stored).replace(tzinfo=timezone.utc).timestamp()
+    except (TypeError, ValueError):
+        return None
+
+
+@dataclass
+class _ToolFigures:
+    calls: float
+    errors: float
+    disabled: bool
+    disabled_for: float | None
+
+
+class _Families:
+    """The metric families of one scrape, empty until filled."""
+
+    def __init__(self, p: str) -> None:
+        tool = ["tool"]
+        self.calls = CounterMetricFamily(p + "calls_total", "Calls of the tool since its history began.", labels=tool)
+        self.errors = CounterMetricFamily(
+            p + "errors_total", "Failed calls of the tool since its history began.", labels=tool
+        )
+        self.disabled = GaugeMetricFamily(
+            p + "disabled", "1 while the tool is disabled after repeated errors.", labels=tool
+        )
+        self.disabled_for = GaugeMetricFamily(
+            p + "disabled_for_seconds", "Seconds since a disabled tool was disabled.", labels=tool
+        )
+        self.limit = GaugeMetricFamily(p + "disable_after_errors", "Errors in a row that disable a tool.")
+        self.cooldown = GaugeMetricFamily(
+            p + "disable_cooldown_seconds", "Seconds a disabled tool stays disabled before it is tried again."
+        )
+        self.usage_calls = CounterMetricFamily(
+            p + "usage_calls_total", "Calls by tool, action, outcome and synonym use.", labels=_USAGE_LABELS
+        )
+        self.usage_mean = GaugeMetricFamily(
+            p + "usage_handler_mean_seconds",
+            "Mean handler time of the calls of a usage key that reported one.",
+            labels=_USAGE_LABELS,
+        )
+        self.os_threads = GaugeMetricFamily(p + "os_threads", "Threads of the process, as the OS counts them.")
+        self.python_threads = GaugeMetricFamily(p + "python_threads", "Threads of the process that Python knows.")
+        self.budget = GaugeMetricFamily(p + "thread_budget", "The most threads the process's pools allow.")
+        self.by_name = GaugeMetricFamily(
+            p + "python_threads_by_name", "Python threads by name prefix.", labels=["name_prefix"]
+        )
+
+    def all(self) -> list[Metric]:
+        return list(vars(self).values())
+
+
+class HealthCollector:
+    """Reads one tracker at scrape time and yields its health as metric families.
+
+    ``tracker`` may be replaced at any time (a daemon that rebuilds its tracker
+    points the collector at the new one) or set to None, which leaves only the
+    thread metrics. ``thread_budget`` is the most threads the process's pools
+    allow; None leaves the thread metrics out. ``clock`` gives the epoch seconds
+    that ``disabled_for_seconds`` is measured against.
+    """
+
+    def __init__(
+        self,
+        tracker: health.ToolHealthTracker | None,
+        thread_budget: int | None = None,
+        *,
+        prefix: str = DEFAULT_PREFIX,
+        clock: Callable[[], float] = time.time,
+    ) -> None:
+        self.tracker = tracker
+        self.thread_budget = thread_budget
+        self.prefix = prefix
+        self.clock = clock
+        _Families(prefix)  # an invalid prefix fails here, not at the first scrape
+
+    def describe(self) -> Iterator[Metric]:
+        """The families without samples: a registry checks their names without a scrape."""
+        return iter(_Families(self.prefix).all())
+
+    # -- one scrape
+
+    def collect(self) -> Iterator[Metric]:
+        families = _Families(self.prefix)
+        tracker = self.tracker  # read once: a replacement mid-scrape takes effect at the next one
+        if tracker is not None:
+            self._add_tracker(families, tracker)
+        if self.thread_budget is not None:
+            self._add_threads(families, self.thread_budget)
+        return (family for family in families.all() if family.samples)
+
+    def _add_tracker(self, families: _Families, tracker: health.ToolHealthTracker) -> None:
+        summary = tracker.get_health_summary()  # the only lock hold of the scrape
+        now = self.clock()
+        tools: dict[str, _ToolFigures] = {}
+        # label values -> [calls, mean ms or None]; rows whose labels come out equal
+        # (a tool 1 and a tool "1", an action None and "") merge into one series
+        usage: dict[tuple[str, str, str, str], list[Any]] = {}
+        for record in summary:
+            name = record["tool_name"]
+            if type(name) is not str or not name.isascii():
+                name = _label(name)
+            disabled_for = None
+            if record["disabled"]:
+                since = _epoch_of(record["disabled_at"])
+                disabled_for = None if since is None else round(max(0.0, now - since), 3)
+            figures = _ToolFigures(record["call_count"], record["error_count"], bool(record["disabled"]), disabled_for)
+            seen = tools.get(name)
+            if seen is None:
+                tools[name] = figures
+            else:
+                seen.calls += figures.calls
+                seen.errors += figures.errors
+                seen.disabled = seen.disabled or figures.disabled
+                if figures.disabled_for is not None:
+                    seen.disabled_for = max(seen.disabled_for or 0.0, figures.disabled_for)
+            for row in record["usage"]:
+                action, outcome = row["action"], row["outcome"]
+                if action is None:
+                    action = ""
+                elif type(action) is not str or not action.isascii():
+                    action = _label(action)
+                if type(outcome) is not str or not outcome.isascii():
+                    outcome = _label(outcome)
+                key = (name, action, outcome, "true" if row["alias_hit"] else "false")
+                calls, avg_ms = row["calls"], row["avg_ms"]
+                entry = usage.get(key)
+                if entry is None:
+                    usage[key] = [calls, avg_ms]
+                else:  # merged: a mean weighted by calls, where both sides know one
+                    both = entry[0] + calls
+                    if avg_ms is not None:
+                        entry[1] = avg_ms if entry[1] is None else (entry[1] * entry[0] + avg_ms * calls) / both
+                    entry[0] = both
+
+        # Samples are appended directly: add_metric would build the same label dict
+        # once per family, and a scrape of thousands of usage keys feels that.
+        calls_name, errors_name = families.calls.name + "_total", families.errors.name + "_total"
+        disabled_name, disabled_for_name = families.disabled.name, families.disabled_for.name
+        calls_s, errors_s = families.calls.samples, families.errors.samples
+        disabled_s, disabled_for_s = families.disabled.samples, families.disabled_for.samples
+        for name, figures in tools.items():
+            labels = {"tool": name}
+            calls_s.append(Sample(calls_name, labels, figures.calls))
+            errors_s.append(Sample(errors_name, labels, figures.errors))
+            disabled_s.append(Sample(disabled_name, labels, 1.0 if figures.disabled else 0.0))
+            if figures.disabled_for is not None:
+                disabled_for_s.append(Sample(disabled_for_name, labels, figures.disabled_for))
+        usage_calls_name, usage_mean_name = families.usage_calls.name + "_total", families.usage_mean.name
+        usage_calls_s, usage_mean_s = families.usage_calls.samples, families.usage_mean.samples
+        for (tool, action, outcome, alias_hit), (calls, avg_ms) in usage.items():
+            labels = {"tool": tool, "action": action, "outcome": outcome, "alias_hit": alias_hit}
+            usage_calls_s.append(Sample(usage_calls_name, labels, calls))
+            if avg_ms is not None:
+                # avg_ms has 2 decimals: 5 in seconds keep it exact and print short
+                usage_mean_s.append(Sample(usage_mean_name, labels, round(avg_ms / 1000.0, 5)))
+        families.limit.add_metric((), float(tracker.limits.disable_after_errors))
+        families.cooldown.add_metric((), float(tracker.cooldown_s))
+
+    def _add_threads(self, families: _Families, budget: int) -> None:
+        # The census reads /proc: it runs here, on the scraping thread, never on the event loop.
+        report = health.thread_census_report(budget, health.thread_census())
+        if "os" in report:
+            families.os_threads.add_metric((), report["os"])
+        families.python_threads.add_metric((), report["python"])
+        families.budget.add_metric((), report["budget"])
+        by_name = families.by_name
+        for prefix, count in report["python_by_name"].items():
+            by_name.add_metric((_label(prefix),), count)
+
+
+@dataclass
+class MetricsServer:
+    """A running metrics endpoint: where it listens, what it serves, and how to stop it."""
+
+    collector: HealthCollector
+    registry: CollectorRegistry
+    address: str
+    port: int
+    _server: Any
+    _thread: Any
+
+    @property
+    def url(self) -> str:
+        host = f"[{self.address}]" if ":" in self.address else self.address
+        return f"http://{host}:{self.port}/metrics"
+
+    def close(self) -> None:
+        """Stops serving, closes the socket and takes the collector out of the registry."""
+        self._server.shutdown()
+        self._server.server_close()
+        self._thread.join()
+        self.registry.unregister(self.collector)
+
+    def __enter__(self) -> MetricsServer:
+        return self
+
+    def __exit__(self, *exc: object) -> None:
+        self.close()
+
+
+def serve_metrics(
+    tracker: health.ToolHealthTracker | None,
+    port: int,
+    address: str = "127.0.0.1",
+    *,
+    thread_budget: int | None = None,
+    prefix: str = DEFAULT_PREFIX,
+    registry: CollectorRegistry | None = None,
+) -> MetricsServer:
+    """Serves a collector of `tracker` over HTTP on `address`:`port` (port 0 picks a free port).
+
+    The collector goes into `registry`, a fresh one by default (pass
+    ``prometheus_client.REGISTRY`` to serve the process metrics beside it). The
+    server runs on a daemon thread of its own and answers each request on a new
+    thread; ``close()`` on the result stops it. Point ``result.collector.tracker``
+    at a new tracker when the daemon replaces its own.
+    """
+    collector = HealthCollector(tracker, thread_budget, prefix=prefix)
+    if registry is None:
+        registry = CollectorRegistry()
+    registry.register(collector)
+    try:
+        server, thread = start_http_server(port, addr=address, registry=registry)
+    except BaseException:
+        registry.unregister(collector)
+        raise
+    thread.name = "health-metrics"
+    return MetricsServer(collector, registry, address, server.server_port, server, thread)
