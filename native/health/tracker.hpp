@@ -119,11 +119,16 @@ public:
             keep_acquire = Ref::borrow(acquire.method);
             keep_method_ = Ref::borrow(release_.method);
         }
+        // The thread counts as holding the lock from before its acquire until
+        // after its release: a host lock's methods may call back too.
+        thread_holds.push(t_);
         PyObject* r = acquire(state_of(t_->module)->empty_tuple);
-        if (r == nullptr) return -1;
+        if (r == nullptr) {
+            thread_holds.pop(t_);
+            return -1;
+        }
         Py_DECREF(r);
         held_ = true;
-        thread_holds.push(t_);
         return 0;
     }
 
@@ -131,8 +136,8 @@ public:
     int release() noexcept {
         if (!held_) return 0;
         held_ = false;
-        thread_holds.pop(t_);
         PyObject* r = release_(state_of(t_->module)->empty_tuple);
+        thread_holds.pop(t_);
         keep_.reset();
         keep_method_.reset();
         if (r == nullptr) return -1;
