@@ -119,6 +119,16 @@ inline Ref sequence_item(PyObject* seq, Py_ssize_t i) noexcept {
     return Ref(PySequence_GetItem(seq, i));
 }
 
+// seq[first], seq[first + 1], ... into out[0..n): stops at the first failure,
+// since each item may run host code and none may run with an error pending.
+inline int sequence_items(PyObject* seq, Py_ssize_t first, Ref* out, int n) noexcept {
+    for (int i = 0; i < n; ++i) {
+        out[i] = sequence_item(seq, first + i);
+        if (!out[i]) return -1;
+    }
+    return 0;
+}
+
 // Calls `callable` with positional arguments.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) noexcept;
 // Calls obj.name(*args).

@@ -144,10 +144,10 @@ int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
         Ref spec = call_method(tools.get(), st->s_get, {name.get()});
         if (!spec) return -1;
         if (spec.get() == Py_None) continue;
-        Ref calls = sequence_item(row.get(), 1), errors = sequence_item(row.get(), 2),
-            last_error = sequence_item(row.get(), 3), disabled = sequence_item(row.get(), 4),
-            updated = sequence_item(row.get(), 5);
-        if (!calls || !errors || !last_error || !disabled || !updated) return -1;
+        Ref columns[5];  // call_count, error_count, last_error, disabled_at, updated_at
+        if (sequence_items(row.get(), 1, columns, 5) < 0) return -1;
+        Ref &calls = columns[0], &errors = columns[1], &last_error = columns[2],
+            &disabled = columns[3], &updated = columns[4];
         int64_t call_count, error_count;
         if (count_column(calls.get(), &call_count) < 0 ||
             count_column(errors.get(), &error_count) < 0) {
@@ -223,6 +223,7 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
         Ref tool = member(item.get(), st->s_tool);
         if (!tool) return -1;
         tool.reset(PyObject_Str(tool.get()));
+        if (!tool) return -1;
         Ref action = member(item.get(), st->s_action);
         Ref outcome = action ? member(item.get(), st->s_outcome) : Ref();
         if (!tool || !action || !outcome) return -1;
@@ -263,9 +264,9 @@ PyObject* load_usage(TrackerObject* self) {
     std::vector<Item> kept;
     kept.reserve(entries.size());
     for (Item& entry : entries) {
-        Ref tool = sequence_item(entry.key.get(), 0), action = sequence_item(entry.key.get(), 1);
-        if (!tool || !action) return nullptr;
-        const int answer = late_known(st, self->module, tool.get(), action.get());
+        Ref tool_action[2];
+        if (sequence_items(entry.key.get(), 0, tool_action, 2) < 0) return nullptr;
+        const int answer = late_known(st, self->module, tool_action[0].get(), tool_action[1].get());
         if (answer < 0) return nullptr;
         if (answer) kept.push_back(std::move(entry));
     }
@@ -332,9 +333,11 @@ Ref health_row(ModuleState* st, PyObject* module, PyObject* name, PyObject* rec)
     }
     if (!updated_text) return Ref();
     Ref calls = state_field(st, rec, st->s_call_count);
+    if (!calls) return Ref();
     Ref errors = state_field(st, rec, st->s_error_count);
+    if (!errors) return Ref();
     Ref last = state_field(st, rec, st->s_last_error);
-    if (!calls || !errors || !last) return Ref();
+    if (!last) return Ref();
     return Ref(PyTuple_Pack(6, name, calls.get(), errors.get(), last.get(), disabled_text.get(),
                             updated_text.get()));
 }
@@ -389,10 +392,10 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
     if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
         r.key = Ref::borrow(key);  // immutable: holding it copies the four values
     } else {
-        Ref tool = sequence_item(key, 0), action = sequence_item(key, 1),
-            outcome = sequence_item(key, 2), alias_hit = sequence_item(key, 3);
-        if (!tool || !action || !outcome || !alias_hit) return -1;
-        r.key.reset(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(), alias_hit.get()));
+        Ref members[4];
+        if (sequence_items(key, 0, members, 4) < 0) return -1;
+        r.key.reset(PyTuple_Pack(4, members[0].get(), members[1].get(), members[2].get(),
+                                 members[3].get()));
         if (!r.key) return -1;
     }
     if (is_native_usage(st, usage)) {
@@ -404,9 +407,11 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
         return 0;
     }
     r.calls_obj = usage_field(st, usage, st->s_calls);
+    if (!r.calls_obj) return -1;
     r.timed_obj = usage_field(st, usage, st->s_timed_calls);
+    if (!r.timed_obj) return -1;
     Ref total = usage_field(st, usage, st->s_total_ms);
-    if (!r.calls_obj || !r.timed_obj || !total) return -1;
+    if (!total) return -1;
     Ref three(PyLong_FromLong(3));
     if (!three) return -1;
     r.total_obj = call(st->round_fn, {total.get(), three.get()});

@@ -257,8 +257,9 @@ PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
 #if PY_VERSION_HEX >= 0x030C0000
     // Every Python object the module keeps is in its module state or in its heap types, and
-    // its only static data is plain C (method tables, type specs, a thread's layout bytes):
-    // each interpreter gets a module of its own and may run under a GIL of its own.
+    // its only static data is plain C that holds no reference (method tables, type specs,
+    // per-thread scratch): each interpreter gets a module of its own and may run under a GIL
+    // of its own.
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
     // No Py_mod_gil slot: a free-threaded build keeps the GIL on while the module is loaded.

@@ -344,8 +344,9 @@ Ref seeded_tool_state(ModuleState* st, PyObject* module, int64_t call_count, int
         return rec;
     }
     Ref calls(PyLong_FromLongLong(call_count));
+    if (!calls) return Ref();
     Ref errors(PyLong_FromLongLong(error_count));
-    if (!calls || !errors) return Ref();
+    if (!errors) return Ref();
     Ref kwnames(PyTuple_Pack(5, st->s_call_count, st->s_error_count, st->s_last_error,
                              st->s_disabled_at, st->s_updated_at));
     if (!kwnames) return Ref();

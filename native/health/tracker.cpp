@@ -522,9 +522,11 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     Ref lock = call_method(threading.get(), st->s_Lock, {});
     if (!lock) return -1;
     Ref state(PyDict_New());
+    if (!state) return -1;
     Ref dirty(PySet_New(nullptr));
+    if (!dirty) return -1;
     Ref usage(PyDict_New());
-    if (!state || !dirty || !usage) return -1;
+    if (!usage) return -1;
     if (set_lock(st, self, lock.get()) < 0) return -1;
     Py_XSETREF(self->repo, repository_ref.release());
     Py_XSETREF(self->limits, limits_ref.release());
