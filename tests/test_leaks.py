@@ -4,6 +4,7 @@ import gc
 import json
 import logging
 import sys
+import threading
 import types
 from typing import Any, Callable
 
@@ -33,6 +34,29 @@ DOC = json.dumps([{"tool": t, "action": a, "outcome": "ok", "alias_hit": False, 
                    "total_ms": 1.5} for t, a in (("a", None), ("search", "text"), ("search", "gone"))])
 COMPACT = json.dumps(json.loads(DOC), separators=(",", ":"))
 LAST_ROW_FLOAT = '"calls":2.5,'.join(COMPACT.rsplit('"calls":2,', 1))  # read natively up to its last row
+
+
+class HostLock:  # a lock of the host's own: acquire and release are Python methods
+    def __init__(self) -> None:
+        self.inner = threading.Lock()
+
+    def acquire(self) -> bool:
+        return self.inner.acquire()
+
+    def release(self) -> None:
+        self.inner.release()
+
+
+class Clearing(tuple):  # a usage key whose item access empties its tracker's maps
+    def __new__(cls, items: Any, tracker: Any) -> "Clearing":
+        key = super().__new__(cls, items)
+        key.tracker = tracker
+        return key
+
+    def __getitem__(self, i: Any) -> Any:
+        self.tracker._usage.clear()
+        self.tracker._state.clear()
+        return tuple.__getitem__(self, i)
 
 
 def dirty(tracker: Any) -> Any:  # the tracker, with a changed health record and usage count
@@ -135,6 +159,18 @@ GROUPS: dict[str, dict[str, Any]] = {
         "P(tr.get_health_summary, _sqlite_time=raising)": Hostile,
         "host_records(lambda t: (t.record_error('n', 'x'),"
         " t.record_call('m', None, 'ok', alias_hit=True, duration_ms=1.0), t.get_health_summary()))": None,
+    },
+    "host code": {
+        "(t := T(), setattr(t, '_state', {}), setattr(t, '_usage', {}), setattr(t, '_dirty', set()),"
+        " setattr(t, '_lock', t._lock), dirty(t).flush())": None,
+        "setattr(T(), '_state', [])": TypeError, "setattr(T(), '_lock', object())": TypeError,
+        "delattr(T(), '_dirty')": TypeError,
+        "(t := T(), setattr(t, '_lock', HostLock()), dirty(t).get_health_summary(), t.flush())": None,
+        "P(lambda: dirty(tr).get_health_summary(), is_slow_call=lambda n, a: tr.record_success('x'))": RuntimeError,
+        "(t := dirty(T()), P(lambda: t.record_success('h'), _ToolState=HostToolState), t.get_health_summary(),"
+        " t.flush())": None,
+        "(t := dirty(T()), t._usage.__setitem__(Clearing(('a', 'x', 'ok', False), t), U(1, 1, 1.0)),"
+        " t.get_health_summary(), t._usage_rows('a'), t.flush())": ANY,
     },
     "reports": {
         "STATS(collector([{'name': 'a', 'count': 3,"
