@@ -198,7 +198,8 @@ static PyObject* repr_fields(PyObject* self, const char* const* names) {
     if (!sep) return nullptr;
     Ref body(PyUnicode_Join(sep.get(), parts.get()));
     if (!body) return nullptr;
-    return PyUnicode_FromFormat("%U(%U)", qualname.get(), body.get());
+    // The type's __qualname__ as str() gives it: a metaclass may answer anything.
+    return PyUnicode_FromFormat("%S(%U)", qualname.get(), body.get());
 }
 
 static PyObject* tool_state_repr(PyObject* self) {

@@ -14,8 +14,14 @@ PyObject* module_attr_borrowed(PyObject* module, PyObject* name) noexcept {
     PyObject* dict = PyModule_GetDict(module);  // borrowed, never fails for a module
     PyObject* value = PyDict_GetItemWithError(dict, name);
     if (value == nullptr && !PyErr_Occurred()) {
-        PyErr_Format(PyExc_AttributeError, "module '%s' has no attribute '%U'",
-                     PyModule_GetName(module), name);
+        // The module's __name__ may have been deleted or replaced: named only as it is.
+        Ref module_name = Ref::borrow(PyDict_GetItemString(dict, "__name__"));
+        if (module_name && PyUnicode_CheckExact(module_name.get())) {
+            PyErr_Format(PyExc_AttributeError, "module '%U' has no attribute '%U'",
+                         module_name.get(), name);
+        } else {
+            PyErr_Format(PyExc_AttributeError, "module has no attribute '%U'", name);
+        }
     }
     return value;
 }

@@ -63,10 +63,15 @@ PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
 HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
 
 int refuse_under_own_lock(TrackerObject* self) noexcept {
-    if (thread_holds.count > 0 && thread_holds.holds(self)) {
+    if (thread_holds.holds(self, self->lock)) {
         PyErr_SetString(PyExc_RuntimeError,
                         "ToolHealthTracker re-entered from code that runs under its lock "
                         "(the lock is not re-entrant)");
+        return -1;
+    }
+    if (thread_holds.full()) {
+        PyErr_SetString(PyExc_RuntimeError,
+                        "ToolHealthTracker operations nested too deeply through host code");
         return -1;
     }
     return 0;
@@ -297,7 +302,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
     Ref rec = find_or_insert(self, &TrackerObject::state, name,
                              [&] { return new_tool_state(st, self->module); });
     if (!rec) return nullptr;
-    PyObject* limits = self->limits;  // never reassigned once the tracker is ready
+    PyObject* limits = self->limits;  // never replaced once the tracker is ready (see __init__)
     double now;
     if (is_native_state(st, rec.get())) {
         ToolStateObject* s = as_state(rec.get());
@@ -472,11 +477,10 @@ static PyObject* tracker_new(PyTypeObject* type, PyObject*, PyObject*) {
     return self;
 }
 
-// `_lock` = lock, with its acquire and release bound now. Refused with
-// TypeError unless both are callable.
-static int set_lock(ModuleState* st, TrackerObject* self, PyObject* lock) noexcept {
-    Ref acquire(PyObject_GetAttr(lock, st->s_acquire));
-    Ref release = acquire ? Ref(PyObject_GetAttr(lock, st->s_release)) : Ref();
+// The bound acquire() and release() of `lock`: TypeError unless both are callable.
+static int lock_methods(ModuleState* st, PyObject* lock, Ref& acquire, Ref& release) noexcept {
+    acquire.reset(PyObject_GetAttr(lock, st->s_acquire));
+    if (acquire) release.reset(PyObject_GetAttr(lock, st->s_release));
     if (!acquire || !release) {
         if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return -1;
         PyErr_Clear();
@@ -488,13 +492,19 @@ static int set_lock(ModuleState* st, TrackerObject* self, PyObject* lock) noexce
                      Py_TYPE(lock)->tp_name);
         return -1;
     }
-    // The old lock's bound methods are dropped last: an operation that holds
-    // that lock keeps its own reference to them.
-    Ref old_lock(self->lock), old_acquire(self->acquire.method), old_release(self->release.method);
+    return 0;
+}
+
+// Puts `lock` and its methods in place; the replaced ones go to `old`, to be
+// dropped by the caller once its fields are consistent (dropping may run host code).
+static void install_lock(TrackerObject* self, PyObject* lock, Ref& acquire, Ref& release,
+                         Ref old[3]) noexcept {
+    old[0].reset(self->lock);
+    old[1].reset(self->acquire.method);
+    old[2].reset(self->release.method);
     self->lock = Py_NewRef(lock);
     self->acquire.bind(acquire.release());
     self->release.bind(release.release());
-    return 0;
 }
 
 static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds) {
@@ -506,10 +516,12 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
                                      const_cast<char**>(kwlist), &repository, &limits)) {
         return -1;
     }
-    if (self->ready) {
+    auto refuse_ready = [&] {
+        if (!self->ready) return 0;
         PyErr_SetString(PyExc_RuntimeError, "ToolHealthTracker is already initialized");
         return -1;
-    }
+    };
+    if (refuse_ready() < 0) return -1;
     Ref repository_ref = Ref::borrow(repository), limits_ref = Ref::borrow(limits);
     if (limits == Py_None) {
         Ref config_cls = module_attr(self->module, st->s_ToolsConfig);
@@ -521,20 +533,34 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     if (!threading) return -1;
     Ref lock = call_method(threading.get(), st->s_Lock, {});
     if (!lock) return -1;
+    Ref acquire, release;
+    if (lock_methods(st, lock.get(), acquire, release) < 0) return -1;
     Ref state(PyDict_New());
     if (!state) return -1;
     Ref dirty(PySet_New(nullptr));
     if (!dirty) return -1;
     Ref usage(PyDict_New());
     if (!usage) return -1;
-    if (set_lock(st, self, lock.get()) < 0) return -1;
-    Py_XSETREF(self->repo, repository_ref.release());
-    Py_XSETREF(self->limits, limits_ref.release());
-    Py_XSETREF(self->state, state.release());
-    Py_XSETREF(self->dirty, dirty.release());
-    Py_XSETREF(self->usage, usage.release());
+    // Everything above may have run host code, another __init__ of this
+    // tracker included: a ready tracker's fields are never replaced. From
+    // here to `ready` nothing runs host code; what the fields held before is
+    // dropped only afterwards.
+    if (refuse_ready() < 0) return -1;
+    Ref old[8];
+    install_lock(self, lock.get(), acquire, release, old);
+    old[3].reset(self->repo);
+    self->repo = repository_ref.release();
+    old[4].reset(self->limits);
+    self->limits = limits_ref.release();
+    old[5].reset(self->state);
+    self->state = state.release();
+    old[6].reset(self->dirty);
+    self->dirty = dirty.release();
+    old[7].reset(self->usage);
+    self->usage = usage.release();
     self->usage_dirty = false;
     self->ready = true;
+    for (Ref& field : old) field.reset();
     if (!call_own(self, st->s__load, tracker_load)) return -1;
     if (!call_own(self, st->s__load_usage, tracker_load_usage)) return -1;
     return 0;
@@ -636,7 +662,12 @@ static int set_dirty(PyObject* op, PyObject* value, void*) {
 static int set_lock_attr(PyObject* op, PyObject* value, void*) {
     if (refuse_delete(value, "_lock") < 0) return -1;
     TrackerObject* self = as_tracker(op);
-    return guarded<int>(-1, [&] { return set_lock(state_of(self->module), self, value); });
+    Ref lock = Ref::borrow(value), acquire, release;
+    if (lock_methods(state_of(self->module), lock.get(), acquire, release) < 0) return -1;
+    // An operation that holds the old lock keeps its own references to it.
+    Ref old[3];
+    install_lock(self, lock.get(), acquire, release, old);
+    return 0;
 }
 
 static PyObject* get_limits(PyObject* op, void*) {

@@ -43,31 +43,30 @@ inline TrackerObject* as_tracker(PyObject* self) noexcept {
     return reinterpret_cast<TrackerObject*>(self);
 }
 
-// The trackers whose lock this thread holds through an operation, innermost
-// last. Kept per thread rather than per tracker: another thread may take a
-// lock that host code assigned to `_lock` meanwhile.
+// The trackers, and the lock objects, that this thread holds through an
+// operation, innermost last. Kept per thread rather than per tracker: another
+// thread may take a lock that host code assigned to `_lock` meanwhile. The
+// lock objects count too, since two trackers may share one lock.
 struct ThreadHolds {
-    static constexpr int kMax = 8;
-    TrackerObject* held[kMax];
+    static constexpr int kMax = 16;
+    struct Hold {
+        const TrackerObject* tracker;
+        const PyObject* lock;
+    };
+    Hold held[kMax];
     int count;
 
-    bool holds(const TrackerObject* t) const noexcept {
-        for (int i = 0; i < count && i < kMax; ++i) {
-            if (held[i] == t) return true;
+    bool holds(const TrackerObject* t, const PyObject* lock) const noexcept {
+        for (int i = 0; i < count; ++i) {
+            if (held[i].tracker == t || held[i].lock == lock) return true;
         }
         return false;
     }
-    void push(TrackerObject* t) noexcept {
-        if (count < kMax) held[count] = t;
-        ++count;  // deeper nesting is counted, not remembered
-    }
+    bool full() const noexcept { return count == kMax; }
+    void push(const TrackerObject* t, const PyObject* lock) noexcept { held[count++] = Hold{t, lock}; }
     void pop(const TrackerObject* t) noexcept {
-        if (count > kMax || held[count - 1] == t) {
-            --count;
-            return;
-        }
-        for (int i = count - 2; i >= 0; --i) {  // released out of order
-            if (held[i] == t) {
+        for (int i = count - 1; i >= 0; --i) {  // the innermost, unless released out of order
+            if (held[i].tracker == t) {
                 for (int j = i; j + 1 < count; ++j) held[j] = held[j + 1];
                 --count;
                 return;
@@ -105,23 +104,22 @@ public:
 
     int acquire() noexcept {
         if (thread_holds.count > 0 && refuse_under_own_lock(t_) < 0) return -1;
-        // The acquire and release of one lock, kept alive through the hold: a
+        // The lock and its acquire and release, kept alive through the hold: a
         // host acquire, or another thread while this one waits, may assign a
-        // new `_lock`. A builtin method is kept by the object it is bound to
-        // (the real lock: one reference for both), anything else by itself.
+        // new `_lock`. The lock object keeps builtin methods bound to it (the
+        // real lock: one reference for all), anything else is kept itself.
         const BoundCall acquire = t_->acquire;
         release_ = t_->release;
+        keep_ = Ref::borrow(t_->lock);
         Ref keep_acquire;
-        if (acquire.function != nullptr && release_.function != nullptr &&
-            acquire.self == release_.self) {
-            keep_ = Ref::borrow(release_.self);
-        } else {
+        if (acquire.function == nullptr || release_.function == nullptr ||
+            acquire.self != keep_.get() || release_.self != keep_.get()) {
             keep_acquire = Ref::borrow(acquire.method);
             keep_method_ = Ref::borrow(release_.method);
         }
         // The thread counts as holding the lock from before its acquire until
         // after its release: a host lock's methods may call back too.
-        thread_holds.push(t_);
+        thread_holds.push(t_, keep_.get());
         PyObject* r = acquire(state_of(t_->module)->empty_tuple);
         if (r == nullptr) {
             thread_holds.pop(t_);
@@ -148,8 +146,8 @@ public:
 private:
     TrackerObject* t_;
     BoundCall release_{};  // the acquired lock's release
-    Ref keep_;             // what keeps release_ callable (see acquire)
-    Ref keep_method_;
+    Ref keep_;             // the acquired lock object
+    Ref keep_method_;      // its release method, unless the lock object keeps it
     bool held_ = false;
 };
 

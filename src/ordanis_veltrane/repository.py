@@ -25,12 +25,14 @@ SCHEMA = (
 class Database:
     """One SQLite connection shared by the daemon's threads, serialised by a lock.
 
-    Every ``execute``/``executemany`` is its own committed transaction.
+    Every ``execute``/``executemany`` is its own committed transaction. The lock is
+    re-entrant: code that the collector runs inside a statement (a finalizer) may use
+    the database from the same thread without waiting for itself.
     """
 
     def __init__(self, path: str | Path) -> None:
         self.path = str(path)
-        self._lock = threading.Lock()
+        self._lock = threading.RLock()
         self._conn = sqlite3.connect(self.path, check_same_thread=False, isolation_level=None)
         self._conn.execute("PRAGMA journal_mode=WAL")
         self._conn.execute("PRAGMA busy_timeout=5000")
