@@ -14,6 +14,7 @@ namespace {
 template <class T, class Less>
 int stable_sort(std::vector<T>& items, Less&& less) {
     const size_t n = items.size();
+    if (n < 2) return 0;
     std::vector<T> buffer(n);
     for (size_t width = 1; width < n; width *= 2) {
         for (size_t lo = 0; lo < n; lo += 2 * width) {
