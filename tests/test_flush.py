@@ -150,3 +150,31 @@ def test_no_statement_under_the_lock(clock, recording, make_tracker, repo, regis
     pytest.raises(ValueError, tracker.flush)
     del recording.fail["execute"]
     assert tracker.flush() == 1 and violations == [] and recording.lock_violations == 0
+
+
+class Columns:  # a column list that is not a str: formatted at every use, never cached
+    def __init__(self, text: str) -> None:
+        self.text, self.formats = text, 0
+
+    def __format__(self, spec: str) -> str:
+        self.formats += 1
+        return self.text
+
+
+def test_health_statements_follow_the_column_list(clock, registry, monkeypatch) -> None:
+    """Both statements naming the health columns are composed from the module's current _TOOL_HEALTH_COLUMNS."""
+    spaced = "tool_name,call_count ,error_count,last_error,disabled_at,updated_at"
+    seen: list[str] = []
+    db = MemDb(rows=[("a", 1, 0, None, None, NOW_TEXT)])
+    db.fetchall = lambda sql: seen.append(sql) or db.rows  # type: ignore[method-assign]
+    db.executemany = lambda sql, rows: seen.append(sql)  # type: ignore[method-assign]
+    columns = Columns(spaced)
+    for value in (spaced, columns, health._TOOL_HEALTH_COLUMNS, spaced):
+        monkeypatch.setattr(health, "_TOOL_HEALTH_COLUMNS", value)
+        tracker = tracker_over(db)
+        tracker.record_success("a")
+        tracker.flush()
+        text = value.text if isinstance(value, Columns) else value
+        assert seen[-2:] == [f"SELECT {text} FROM tool_health", UPSERT_HEALTH.replace(
+            "tool_name, call_count, error_count, last_error, disabled_at, updated_at", text)]
+    assert columns.formats == 2  # once for each statement: a non-str value is not cached
