@@ -308,14 +308,19 @@ void restore_marks(TrackerObject* self, Restore&& restore) {
 }
 
 // Adds every name of `names` (a list only this flush holds) to the tracker's
-// _dirty as it is now.
+// _dirty as it is now. A name whose hash or eq fails is passed over: the
+// others keep their marks. -1 when any failed.
 int add_all(TrackerObject* self, PyObject* names) {
+    int status = 0;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
         Ref name = Ref::borrow(PyList_GET_ITEM(names, i));
         Ref dirty = Ref::borrow(self->dirty);  // adding runs the name's hash and eq
-        if (PySet_Add(dirty.get(), name.get()) < 0) return -1;
+        if (PySet_Add(dirty.get(), name.get()) < 0) {
+            PyErr_Clear();
+            status = -1;
+        }
     }
-    return 0;
+    return status;
 }
 
 // The health row of one tool, copied from its record.
