@@ -29,6 +29,12 @@ NativeState, NativeUsage = health._ToolState, health._Usage
 FIELDS = ("call_count", "error_count", "last_error", "disabled_at", "updated_at", "consecutive_errors")
 
 
+def child_env() -> dict[str, str]:
+    """The environment as it is (a sanitizer preload included), with the package under test first."""
+    return {**os.environ, "PYTHONPATH": os.pathsep.join([str(Path(health.__file__).parents[2]),
+                                                         os.environ.get("PYTHONPATH", "")])}
+
+
 def batch_problem(done: subprocess.CompletedProcess[str] | None, stderr: str) -> str | None:
     if done is None:
         return "hang: killed at the subprocess timeout"
@@ -47,8 +53,7 @@ def batch_problem(done: subprocess.CompletedProcess[str] | None, stderr: str) ->
 def test_fuzz_batches(tmp_path: Path, mode: str) -> None:
     """Seeded batches in child processes until this mode's half of REENTRANCY_SECONDS is spent (at least 2).
     The child inherits the environment (a sanitizer preload included), with the package under test first."""
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(Path(health.__file__).parents[2]),
-                                                        os.environ.get("PYTHONPATH", "")])}
+    env = child_env()
     first = seed = BASE_SEED + (mode == "counting") * 10**6
     deadline, failures = time.monotonic() + SECONDS / 2, []
     while seed - first < 2 or time.monotonic() < deadline:
@@ -400,3 +405,72 @@ def test_failed_write_puts_back_every_mark_it_can(env: FakeClock) -> None:
     with pytest.raises(Boom):
         t.flush()
     assert {"b", "c"} <= t._dirty and t.has_unsaved_changes
+
+
+def run_child(code: str) -> subprocess.CompletedProcess[str]:
+    """Code that crashed the interpreter once runs in a child, so a regression is a failed test, not a dead run."""
+    return subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=60, env=child_env())
+
+
+@pytest.mark.parametrize("code", [
+    # the module's __name__ deleted: a missing attribute's error is still made
+    "from ordanis_veltrane.tool_handlers import health as h\ndel h.__name__\ndel h.TOOLS\n"
+    "try: h._known('x', None)\nexcept AttributeError as e: assert 'TOOLS' in str(e)",
+    # a metaclass answering bytes for __qualname__: repr still text
+    "from ordanis_veltrane.tool_handlers import health as h\n"
+    "M = type('M', (type,), {'__getattribute__': lambda c, n: b'q' if n == '__qualname__' else"
+    " type.__getattribute__(c, n)})\nassert repr(M('R', (h._ToolState,), {})()).startswith(\"b'q'(\")",
+    # a million records chained through last_error, then a chain of trackers through their repositories
+    "from ordanis_veltrane.tool_handlers import health as h\nimport types\nr = h._ToolState()\n"
+    "for _ in range(10**6): r = h._ToolState(last_error=r)\ndel r\n"
+    "h.logger = types.SimpleNamespace(warning=lambda *a: None)\nt = None\n"
+    "for _ in range(10**5): t = h.ToolHealthTracker(t)\ndel t",
+])
+def test_once_crashing_host_code(code: str) -> None:
+    done = run_child(code)
+    assert done.returncode == 0, done.stderr[-2000:]
+
+
+def test_init_finishing_inside_init_leaves_the_fields_alone(env: FakeClock) -> None:
+    """A second __init__ that completes while the first runs host code wins; the first is refused."""
+    t = health.ToolHealthTracker.__new__(health.ToolHealthTracker)
+    inner_limits = types.SimpleNamespace(disable_after_errors=1, disable_cooldown_s=5)
+
+    class Config:  # the default ToolsConfig of the first call runs the second __init__
+        def __init__(self) -> None:
+            health.ToolHealthTracker.__init__(t, types.SimpleNamespace(db=MemDb()), inner_limits)
+    with pytest.MonkeyPatch.context() as m:
+        m.setattr(health, "ToolsConfig", Config)
+        with pytest.raises(RuntimeError, match="already initialized"):
+            health.ToolHealthTracker.__init__(t, types.SimpleNamespace(db=MemDb()))
+    assert t.limits is inner_limits
+    t.record_error("t1", "x")
+    assert t.is_disabled("t1") == (True, "x")
+
+
+def nest(trackers: list[Any], last: Any) -> Any:
+    """Each tracker's clock runs the next tracker's record_success; the innermost one calls `last`."""
+    depth = [0]
+
+    class Clock:
+        @staticmethod
+        def time() -> float:
+            depth[0] += 1
+            (trackers[depth[0]].record_success if depth[0] < len(trackers) else last)("x")
+            return NOW
+    return Clock
+
+
+@pytest.mark.parametrize(("trackers", "share_lock"), [(2, True), (16, False), (17, False)])
+def test_nested_trackers_refuse_instead_of_deadlocking(monkeypatch: pytest.MonkeyPatch, trackers: int,
+                                                       share_lock: bool) -> None:
+    ts = [tracker_over(MemDb()) for _ in range(trackers)]
+    if share_lock:
+        ts[1]._lock = ts[0]._lock
+    monkeypatch.setattr(health, "time", nest(ts, ts[0].record_success))  # the innermost re-enters the first
+    done: list[BaseException] = []
+    worker = threading.Thread(target=lambda: done.append(pytest.raises(RuntimeError, ts[0].record_success, "x").value))
+    worker.start()
+    worker.join(10)
+    assert not worker.is_alive() and done, "deadlocked"
+    assert not any(t._lock.locked() for t in ts)
