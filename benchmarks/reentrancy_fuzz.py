@@ -8,7 +8,7 @@ non-locking members or re-enters a locking operation of the same tracker. Severa
 operations at once with a 1 us switch interval. Every outcome is accepted except a SystemError, an unraisable
 exception, a crash, a hang, a lock left held and a tracker that no longer works afterwards.
 
-  python tests/reentrancy_fuzz.py --seed 7 [--ops 300 --threads 4 --mode hostile|counting --log calls.log]
+  python benchmarks/reentrancy_fuzz.py --seed 7 [--ops 300 --threads 4 --mode hostile|counting --log calls.log]
 
 In "counting" mode callbacks never touch the maps nor answer what would corrupt a count; the tracker's counts
 must then lie between the tallies of the operations that returned and those plus the ones that raised, and a

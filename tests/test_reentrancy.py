@@ -1,7 +1,7 @@
 """Host code that runs inside an operation may do anything Python code may: clear or replace the tracker's
 maps, delete the entry being processed, re-enter the tracker. The answer is then computed from what the
 operation saw when it started, or an ordinary error; never a crash, a SystemError, a deadlock or a lock left
-held. The seeded fuzzer (tests/reentrancy_fuzz.py) runs in child processes, so a crash comes with its seed:
+held. The seeded fuzzer (benchmarks/reentrancy_fuzz.py) runs in child processes, so a crash comes with its seed:
   REENTRANCY_SECONDS=90 REENTRANCY_SEED=123 tools/asan.sh tests/test_reentrancy.py
 """
 
@@ -20,7 +20,7 @@ from conftest import NOW, FakeClock, HostToolState, HostUsage, MemDb, make_regis
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 
-FUZZ = Path(__file__).with_name("reentrancy_fuzz.py")
+FUZZ = Path(__file__).parents[1] / "benchmarks" / "reentrancy_fuzz.py"
 SECONDS = float(os.environ.get("REENTRANCY_SECONDS", "15"))  # the whole fuzz run, both modes
 BASE_SEED = int(os.environ.get("REENTRANCY_SEED", "20240611"))
 STALL_S, BATCH_S = 30, 300 + SECONDS  # no operation finished for 30 s, or a batch past 5 min: a hang
