@@ -14,13 +14,19 @@ pytestmark = pytest.mark.skipif(sys.version_info < (3, 12), reason="a GIL per in
 
 ROUNDS = 3000
 
-# One interpreter's session. phase1 gives the module a registry of its own (the default tools plus one named after
-# the interpreter), records, flushes and answers; phase2, once every interpreter has done so, reads what the
-# module's registry holds and reloads a tracker from the file alone.
+# One interpreter's session. phase1 gives the module a registry of its own (the default tools and one named after the
+# interpreter), records, flushes and answers; phase2, once every interpreter is past phase1, reads the registry back
+# and reloads a tracker from the file alone.
 SESSION = r'''
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ToolRegistry, ToolSpec
+
+def calls(name, rounds):  # (tool, action, outcome, alias_hit, error message or None)
+    for i in range(rounds):
+        tool, failed = ("search", "read_file", "only_in_" + name)[i % 3], i % 7 == 0
+        yield tool, "text" if tool == "search" else None, "error" if failed else "ok", i % 5 == 0, \
+            f"{name} failure {i}" if failed else None
 
 def answer(tracker):
     return {r["tool_name"]: [r["call_count"], r["error_count"], r["last_error"],
@@ -29,25 +35,18 @@ def answer(tracker):
 
 def phase1(name, rounds, path):
     global repo
-    own = "only_in_" + name
-    health.TOOLS = ToolRegistry({**health.TOOLS.specs, own: ToolSpec(own)})
-    repo = Repository(path)
-    tracker = health.ToolHealthTracker(repo)
-    for i in range(rounds):
-        tool, failed = ("search", "read_file", own)[i % 3], i % 7 == 0
+    health.TOOLS = ToolRegistry({**health.TOOLS.specs, "only_in_" + name: ToolSpec("only_in_" + name)})
+    tracker = health.ToolHealthTracker(repo := Repository(path))
+    for i, (tool, action, outcome, alias_hit, error) in enumerate(calls(name, rounds)):
         assert tracker.is_disabled(tool) == (False, None)
-        if failed:
-            tracker.record_error(tool, f"{name} failure {i}")
-        else:
-            tracker.record_success(tool)
-        tracker.record_call(tool, "text" if tool == "search" else None, "error" if failed else "ok",
-                            alias_hit=i % 5 == 0, duration_ms=1.0)
+        tracker.record_error(tool, error) if error else tracker.record_success(tool)
+        tracker.record_call(tool, action, outcome, alias_hit=alias_hit, duration_ms=1.0)
         if i % 500 == 499:
             tracker.flush()
     tracker.flush()
-    reports = [list(health.handle_get_tool_performance_stats()), list(health.thread_census_report(64))[-1]]
-    return {"summary": answer(tracker), "reports": reports, "unsaved": tracker.has_unsaved_changes,
-            "ids": [id(health), id(health.ToolHealthTracker), id(health._ToolState)]}
+    assert not tracker.has_unsaved_changes and list(health.handle_get_tool_performance_stats()) == ["tools"]
+    assert list(health.thread_census_report(64))[-1] in ("budget", "warning")  # the reports work here too
+    return {"summary": answer(tracker), "ids": [id(health), id(health.ToolHealthTracker), id(health._ToolState)]}
 
 def phase2():
     return {"tools": sorted(t for t in health.TOOLS if t.startswith("only_in_")),
@@ -58,94 +57,76 @@ def phase2():
 # two threads; after both are destroyed a third loads the module afresh. Prints every answer as JSON.
 CHILD = r'''
 import json, os, sqlite3, sys, threading
+from concurrent.futures import ThreadPoolExecutor
 out, rounds, session = sys.argv[1], int(sys.argv[2]), sys.argv[3]
-try:
-    import _interpreters as xi  # 3.13+
+if sys.version_info >= (3, 13):
+    import _interpreters as xi
 
     def create():
-        interp = xi.create("isolated")
-        config = xi.get_config(interp)
+        config = xi.get_config(interp := xi.create("isolated"))
         assert config.gil == "own" and config.check_multi_interp_extensions and not config.use_main_obmalloc
         return interp
-
-    def run(interp, code):
-        failure = xi.exec(interp, code)
-        if failure is not None:
-            raise RuntimeError(getattr(failure, "formatted", failure))
-except ImportError:
-    import _xxsubinterpreters as xi  # 3.12
-
-    def create():
-        return xi.create(isolated=True)  # own GIL, own allocator, single-phase modules refused
-
-    run = xi.run_string
-
+else:
+    import _xxsubinterpreters as xi
+    create = lambda: xi.create(isolated=True)  # own GIL and allocator, single-phase modules refused
 if sys.version_info < (3, 12, 4):
-    # CPython before 3.12.4 (gh-119213) keeps the keyword tuple of an extension function's argument parser in a
-    # static, made by whichever interpreter first passes keywords and freed by the main one at exit. A
-    # subinterpreter that calls sqlite3.connect(..., check_same_thread=False) first leaves it dangling and the
-    # process aborts at exit. A first keyword call here makes the main interpreter its owner.
+    # Before 3.12.4 (gh-119213) the static keyword tuple of an extension function is made by the first interpreter to
+    # pass keywords and freed by the main one at exit: if a subinterpreter's sqlite3.connect(check_same_thread=False)
+    # makes it, the process aborts at exit. A first keyword call here makes the main interpreter its owner.
     sqlite3.connect(":memory:", check_same_thread=False).close()
-
-answers, errors, barrier = {}, [], threading.Barrier(3)  # main, a and b meet between the phases
-
-
-def run_phase(interp, name, phase):
-    path = os.path.join(out, f"{name}-{phase}.json")
-    call = f"phase1({name!r}, {rounds}, {os.path.join(out, name + '.db')!r})" if phase == 1 else "phase2()"
-    run(interp, f"{session}\nimport json\nwith open({path!r}, 'w') as f:\n    json.dump({call}, f)\n")
-    with open(path) as f:
-        answers.setdefault(name, {})[f"phase{phase}"] = json.load(f)
+answers, errors, barrier, main = {}, [], threading.Barrier(3), {}  # main, a and b meet between the phases
 
 
-def in_sub(name, meet):
-    # One thread creates, runs and destroys its interpreter: on 3.12 destroying it from another thread than the
-    # one that imported threading in it hangs in threading._shutdown.
-    interp = None
+def run(interp, code):  # 3.12 raises what the code raised, 3.13 answers it
+    assert (failure := xi.run_string(interp, code)) is None, getattr(failure, "formatted", failure)
+
+
+def dump(go, name, expr):  # the value of `expr` in an interpreter, through a file
+    go(f"import json\nwith open({os.path.join(out, name + '.json')!r}, 'w') as f:\n    json.dump({expr}, f)")
+    with open(os.path.join(out, name + ".json")) as f:
+        return json.load(f)
+
+
+def session_in(name, meet, interp=None):
+    # A subinterpreter is created, run and destroyed by one thread: on 3.12 destroying it from another thread than
+    # the one that imported threading in it hangs in threading._shutdown. `interp` given: the main interpreter.
+    sub = interp is None
     try:
-        interp = create()
-        for phase in (1, 2):
-            if phase == 2 and meet:
-                barrier.wait(120)
-            run_phase(interp, name, phase)
+        interp = create() if sub else interp
+        go = (lambda code: run(interp, code)) if sub else (lambda code: exec(code, interp))
+        go(f"{session}\nfirst = phase1({name!r}, {rounds}, {os.path.join(out, name + '.db')!r})")
+        if meet:
+            barrier.wait(120)
+        answers[name] = dump(go, name, "{'phase1': first, 'phase2': phase2()}")
     except BaseException as error:
-        errors.append(f"{name}: {error}")
+        errors.append(f"{name}: {error!r}")
         barrier.abort()
     finally:
-        if interp is not None:
+        if sub and interp is not None:
             xi.destroy(interp)
 
 
-main = {}
-exec(session, main)
-threads = [threading.Thread(target=in_sub, args=(name, True)) for name in ("a", "b")]
-for thread in threads:
-    thread.start()
-answers["main"] = {"phase1": main["phase1"]("main", rounds, os.path.join(out, "main.db"))}
+with ThreadPoolExecutor(2) as pool:  # a and b, each on a thread of its own
+    for name in ("a", "b"):
+        pool.submit(session_in, name, True)
+    session_in("main", True, main)
+session_in("late", False)  # after those are destroyed, a new interpreter loads the module afresh
 try:
-    barrier.wait(120)
-except threading.BrokenBarrierError:
-    errors.append("main: a subinterpreter did not reach phase 2")
-answers["main"]["phase2"] = main["phase2"]()
-for thread in threads:
-    thread.join()
-in_sub("late", False)  # after those are destroyed, a new interpreter loads the module afresh
-answers["main"]["last"] = main["phase2"]()  # the main interpreter's module, after the others are gone
-print(json.dumps({"answers": answers, "errors": errors}))
+    answers["main"]["last"] = dump(lambda code: exec(code, main), "last", "phase2()")  # main's, after the others
+finally:
+    print(json.dumps({"answers": answers, "errors": errors}))
 '''
 
 
 def expected(name: str, rounds: int) -> dict[str, Any]:
     """The summary that phase1 of `name` answers, computed from the same calls."""
     rows: dict[str, list[Any]] = {}
-    for i in range(rounds):
-        tool, failed = ("search", "read_file", "only_in_" + name)[i % 3], i % 7 == 0
+    space: dict[str, Any] = {}
+    exec(SESSION, space)
+    for tool, *key, error in space["calls"](name, rounds):
         row = rows.setdefault(tool, [0, 0, None, {}])
-        row[0] += 1
-        if failed:
-            row[1], row[2] = row[1] + 1, f"{name} failure {i}"
-        key = ("text" if tool == "search" else None, "error" if failed else "ok", i % 5 == 0)
-        row[3][key] = row[3].get(key, 0) + 1
+        row[:3] = row[0] + 1, row[1] + (error is not None), error or row[2]
+        row[3][tuple(key)] = row[3].get(tuple(key), 0) + 1
     return {tool: [*row[:3], sorted([*key, calls] for key, calls in row[3].items())] for tool, row in rows.items()}
 
 
@@ -155,17 +136,13 @@ def test_sessions_in_isolated_subinterpreters(tmp_path: Path) -> None:
                           capture_output=True, text=True, timeout=300)
     # An object that outlives or crosses its interpreter shows up as an abort at exit, after the answers.
     assert done.returncode == 0, f"exit status {done.returncode}\n{done.stdout[-2000:]}\n{done.stderr[-4000:]}"
-    report = json.loads(done.stdout)
-    assert report["errors"] == []
-    answers = report["answers"]
-    assert sorted(answers) == ["a", "b", "late", "main"]
+    answers = (report := json.loads(done.stdout))["answers"]
+    assert report["errors"] == [] and sorted(answers) == ["a", "b", "late", "main"]
     for name, phases in answers.items():
-        first, second = phases["phase1"], phases["phase2"]
+        first = phases["phase1"]
         assert first["summary"] == expected(name, ROUNDS), name
-        assert first["reports"][0] == ["tools"] and first["reports"][1] in ("budget", "warning")
-        assert first["unsaved"] is False
         # Each module sees only the registry its own interpreter gave it; its file holds its own session.
-        assert second == {"tools": ["only_in_" + name], "reloaded": first["summary"]}, name
+        assert phases["phase2"] == {"tools": ["only_in_" + name], "reloaded": first["summary"]}, name
     assert answers["main"]["last"] == answers["main"]["phase2"]
     # Three modules alive at once: three module objects, three sets of types.
     ids = [i for name in ("main", "a", "b") for i in answers[name]["phase1"]["ids"]]
