@@ -165,23 +165,6 @@ class SlotUsage:
         self.calls, self.timed_calls, self.total_ms = calls, timed_calls, total_ms
 
 
-def test_host_record_in_a_map_of_native_records(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    repository = Repository(tmp_path / "r.db")
-    t = health.ToolHealthTracker(repository)
-    monkeypatch.setattr(health, "time", FakeClock())
-    for i in range(50):
-        t.record_success(f"tool{i}")
-        t.record_call(f"tool{i}", None, "ok", alias_hit=False, duration_ms=1.0)
-    monkeypatch.setattr(health, "_ToolState", PlainState)
-    t.record_success("host_one")
-    t.record_error("host_one", "x")
-    summary = t.get_health_summary()
-    assert summary[0] == {"tool_name": "host_one", "call_count": 2, "error_count": 1, "last_error": "x",
-                          "disabled": False, "disabled_at": None, "updated_at": "2023-11-14 22:13:20", "usage": []}
-    assert [r["tool_name"] for r in summary[1:]] == [f"tool{i}" for i in range(50)]
-    repository.close()
-
-
 @pytest.mark.parametrize(("host_state", "host_usage"), [(HostToolState, HostUsage), (PlainState, SlotUsage)])
 def test_mixed_record_kinds_answer_like_host_records(env: FakeClock, monkeypatch: pytest.MonkeyPatch,
                                                      host_state: type, host_usage: type) -> None:
