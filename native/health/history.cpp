@@ -329,13 +329,7 @@ Ref health_row(ModuleState* st, PyObject* module, PyObject* name, PyObject* rec)
     if (!disabled) return Ref();
     Ref disabled_text = late_sqlite_time(st, module, disabled.get());
     if (!disabled_text) return Ref();
-    Ref updated_text;
-    if (is_native_state(st, rec)) {
-        updated_text = late_sqlite_time(st, module, as_state(rec)->updated_at);
-    } else {
-        Ref updated = state_field(st, rec, st->s_updated_at);
-        if (updated) updated_text = late_sqlite_time(st, module, updated.get());
-    }
+    Ref updated_text = updated_at_text(st, module, rec);
     if (!updated_text) return Ref();
     Ref calls = state_field(st, rec, st->s_call_count);
     if (!calls) return Ref();

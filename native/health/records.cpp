@@ -395,6 +395,12 @@ Ref usage_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept {
     return Ref(PyObject_GetAttr(rec, field));
 }
 
+Ref updated_at_text(ModuleState* st, PyObject* module, PyObject* rec) noexcept {
+    if (is_native_state(st, rec)) return late_sqlite_time(st, module, as_state(rec)->updated_at);
+    Ref updated = state_field(st, rec, st->s_updated_at);
+    return updated ? late_sqlite_time(st, module, updated.get()) : Ref();
+}
+
 int increment_attr(PyObject* rec, PyObject* field) noexcept {
     Ref value(PyObject_GetAttr(rec, field));
     if (!value) return -1;

@@ -50,6 +50,10 @@ Ref seeded_usage(ModuleState* st, PyObject* module, PyObject* calls, PyObject* t
 Ref state_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept;
 Ref usage_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept;
 
+// `_sqlite_time(rec.updated_at)` through the module's current `_sqlite_time`,
+// the native record's time read without boxing it.
+Ref updated_at_text(ModuleState* st, PyObject* module, PyObject* rec) noexcept;
+
 // rec.field += 1 on a record of a host type.
 int increment_attr(PyObject* rec, PyObject* field) noexcept;
 // Checked 64-bit increment: OverflowError instead of wrapping.

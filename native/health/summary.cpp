@@ -304,14 +304,7 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
                      late_sqlite_time(st, module, disabled_at.get())) < 0) {
             return nullptr;
         }
-        Ref updated;
-        if (is_native_state(st, rec)) {
-            updated = late_sqlite_time(st, module, as_state(rec)->updated_at);
-        } else {
-            Ref value = state_field(st, rec, st->s_updated_at);
-            if (value) updated = late_sqlite_time(st, module, value.get());
-        }
-        if (set_item(record.get(), st->s_updated_at, updated) < 0) return nullptr;
+        if (set_item(record.get(), st->s_updated_at, updated_at_text(st, module, rec)) < 0) return nullptr;
         Ref rows(own_rows ? build_rows(st, module, t.name.get(), t.usage)
                           : call_method(reinterpret_cast<PyObject*>(self), st->s__usage_rows,
                                         {t.name.get()})
