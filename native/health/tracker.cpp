@@ -390,7 +390,7 @@ static PyObject* tracker_is_disabled(PyObject* op, PyObject* const* args, Py_ssi
                                      PyObject* kwnames) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     PyObject* name = one_name_arg(st, "is_disabled", args, nargs, kwnames);
     if (name == nullptr) return nullptr;
     return with_lock(self, [&] { return is_disabled_locked(st, self, name); });
@@ -400,7 +400,7 @@ static PyObject* tracker_record_success(PyObject* op, PyObject* const* args, Py_
                                         PyObject* kwnames) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     PyObject* name = one_name_arg(st, "record_success", args, nargs, kwnames);
     if (name == nullptr) return nullptr;
     return with_lock(self, [&] { return record_success_locked(st, self, name); });
@@ -410,7 +410,7 @@ static PyObject* tracker_record_error(PyObject* op, PyObject* const* args, Py_ss
                                       PyObject* kwnames) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     PyObject* values[2];
     if (nargs == 2 && kwnames == nullptr) {
         values[0] = args[0];
@@ -428,7 +428,7 @@ static PyObject* tracker_record_call(PyObject* op, PyObject* const* args, Py_ssi
                                      PyObject* kwnames) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     PyObject* values[5];
     // The usual call: three by position, then alias_hit= and duration_ms=.
     if (nargs == 3 && kwnames != nullptr && PyTuple_GET_SIZE(kwnames) == 2 &&
@@ -474,6 +474,7 @@ static PyObject* tracker_new(PyTypeObject* type, PyObject*, PyObject*) {
     PyObject* self = type->tp_alloc(type, 0);
     if (self == nullptr) return nullptr;
     as_tracker(self)->module = Py_NewRef(module);
+    as_tracker(self)->st = state_of(module);
     return self;
 }
 

@@ -26,6 +26,7 @@ struct BoundCall {
 struct TrackerObject {
     PyObject_HEAD
     PyObject* module;   // the module whose attributes every operation reads
+    ModuleState* st;    // its state, which lives as long as the module
     PyObject* repo;     // _repo
     PyObject* limits;   // _limits
     PyObject* lock;     // _lock
@@ -82,6 +83,11 @@ struct ThreadHolds {
 #else
 #define HEALTH_TLS_MODEL
 #endif
+#if defined(__GNUC__)
+#define HEALTH_ALWAYS_INLINE __attribute__((always_inline)) inline
+#else
+#define HEALTH_ALWAYS_INLINE inline
+#endif
 extern HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
 
 // Raises RuntimeError for a tracker whose __init__ has not run.
@@ -102,7 +108,7 @@ public:
     LockHold& operator=(const LockHold&) = delete;
     ~LockHold();
 
-    int acquire() noexcept {
+    HEALTH_ALWAYS_INLINE int acquire() noexcept {
         if (thread_holds.count > 0 && refuse_under_own_lock(t_) < 0) return -1;
         // The lock and its acquire and release, kept alive through the hold: a
         // host acquire, or another thread while this one waits, may assign a
@@ -120,7 +126,7 @@ public:
         // The thread counts as holding the lock from before its acquire until
         // after its release: a host lock's methods may call back too.
         thread_holds.push(t_, keep_.get());
-        PyObject* r = acquire(state_of(t_->module)->empty_tuple);
+        PyObject* r = acquire(t_->st->empty_tuple);
         if (r == nullptr) {
             thread_holds.pop(t_);
             return -1;
@@ -134,7 +140,7 @@ public:
     int release() noexcept {
         if (!held_) return 0;
         held_ = false;
-        PyObject* r = release_(state_of(t_->module)->empty_tuple);
+        PyObject* r = release_(t_->st->empty_tuple);
         thread_holds.pop(t_);
         keep_.reset();
         keep_method_.reset();
