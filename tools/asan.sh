@@ -6,7 +6,7 @@
 #   tools/asan.sh                          # the whole suite
 #   tools/asan.sh tests/test_hostile.py -x # any pytest arguments
 #
-# The sanitized build goes to build/asan and never into src/: the script copies the
+# The sanitized build goes to build/asan-<interpreter> and never into src/: the script copies the
 # Python package into a temporary tree, puts the sanitized .so there and runs with
 # only that tree on PYTHONPATH. A `PYTHONPATH=src pytest` running meanwhile keeps
 # loading the normal build (which would fail to load the sanitized one without the
@@ -16,7 +16,9 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 # The real interpreter, not a wrapper script such as a pyenv shim: the preloaded
 # runtime belongs in the Python process, not in a shell in front of it.
 python=$("${PYTHON:-python3}" -c 'import sys; print(sys.executable)')
-build="$top/build/asan"
+# One build tree per interpreter: the .so names differ by version, and a tree shared
+# between versions would hold two of them.
+build="$top/build/asan-$("$python" -c 'import sys; print(sys.implementation.cache_tag)')"
 
 # The same configuration as `HEALTH_SANITIZE=ON tools/dev-build.sh`, without its copy into src/.
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo} \

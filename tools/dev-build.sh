@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
-# Builds the extension in place for development: build/dev (or build/asan with
-# HEALTH_SANITIZE=ON) and copies it next to the Python sources, so that
-# `PYTHONPATH=src python -m pytest` runs against it.
+# Builds the extension in place for development: build/dev-<interpreter> (or
+# build/asan-<interpreter> with HEALTH_SANITIZE=ON) and copies it next to the Python
+# sources, so that `PYTHONPATH=src python -m pytest` runs against it. One build tree per
+# interpreter, so that switching PYTHON never mixes two versions' objects in one tree.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 sanitize=${HEALTH_SANITIZE:-OFF}
 kind=$([ "$sanitize" = ON ] && echo asan || echo dev)
-build="$top/build/$kind"
 python=${PYTHON:-python3}
+tag=$("$python" -c 'import sys; print(sys.implementation.cache_tag)')
+build="$top/build/$kind-$tag"
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo} \
   -DHEALTH_SANITIZE="$sanitize" -DPython_EXECUTABLE="$(command -v "$python")" >/dev/null
 cmake --build "$build"
