@@ -171,7 +171,7 @@ int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
 }
 
 PyObject* load(TrackerObject* self) {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref rows;
     if (read_health_rows(st, self, rows) < 0) {
@@ -226,7 +226,7 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
         if (!tool) return -1;
         Ref action = member(item.get(), st->s_action);
         Ref outcome = action ? member(item.get(), st->s_outcome) : Ref();
-        if (!tool || !action || !outcome) return -1;
+        if (!action || !outcome) return -1;
         outcome.reset(PyObject_Str(outcome.get()));
         Ref alias = outcome ? member(item.get(), st->s_alias_hit) : Ref();
         if (!alias) return -1;
@@ -249,7 +249,7 @@ int read_usage_document(ModuleState* st, TrackerObject* self, Ref& loaded) {
 }
 
 PyObject* load_usage(TrackerObject* self) {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref loaded;
     if (read_usage_document(st, self, loaded) < 0) {
@@ -342,7 +342,7 @@ Ref health_row(ModuleState* st, PyObject* module, PyObject* name, PyObject* rec)
 }
 
 PyObject* flush_health(TrackerObject* self) {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     if (refuse_under_own_lock(self) < 0) return nullptr;
     Ref names, rows;
     PyObject* copied = with_lock(self, [&]() -> PyObject* {
@@ -418,7 +418,7 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
 }
 
 PyObject* flush_usage(TrackerObject* self) {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     if (refuse_under_own_lock(self) < 0) return nullptr;
     std::vector<DocumentRow> rows;
     bool wanted = false;
@@ -492,7 +492,7 @@ PyObject* tracker_flush_usage(PyObject* op, PyObject*) {
 PyObject* tracker_flush(PyObject* op, PyObject*) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0 || refuse_under_own_lock(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     Ref health_rows = call_own(self, st->s__flush_health, tracker_flush_health);
     if (!health_rows) return nullptr;
     Ref usage_rows = call_own(self, st->s__flush_usage, tracker_flush_usage);

@@ -320,7 +320,7 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
 PyObject* tracker_get_health_summary(PyObject* op, PyObject*) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     return with_lock(self, [&] { return summary_locked(st, self); });
 }
 
@@ -328,7 +328,7 @@ PyObject* tracker_usage_rows(PyObject* op, PyObject* const* args, Py_ssize_t nar
                              PyObject* kwnames) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     PyObject* names[] = {st->s_tool_name};
     PyObject* tool_name;
     if (parse_args("_usage_rows", args, nargs, kwnames, names, 1, 1, 1, &tool_name) < 0) {

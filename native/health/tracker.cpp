@@ -89,7 +89,7 @@ LockHold::~LockHold() {
 }
 
 Ref call_own(TrackerObject* self, PyObject* name, PyCFunction native) noexcept {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     if (Py_TYPE(self) == st->tracker_type) {
         return Ref(native(reinterpret_cast<PyObject*>(self), nullptr));
     }
@@ -509,7 +509,7 @@ static void install_lock(TrackerObject* self, PyObject* lock, Ref& acquire, Ref&
 }
 
 static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds) {
-    ModuleState* st = state_of(self->module);
+    ModuleState* st = self->st;
     static const char* kwlist[] = {"repository", "limits", nullptr};
     PyObject* repository = nullptr;
     PyObject* limits = Py_None;
@@ -664,7 +664,7 @@ static int set_lock_attr(PyObject* op, PyObject* value, void*) {
     if (refuse_delete(value, "_lock") < 0) return -1;
     TrackerObject* self = as_tracker(op);
     Ref lock = Ref::borrow(value), acquire, release;
-    if (lock_methods(state_of(self->module), lock.get(), acquire, release) < 0) return -1;
+    if (lock_methods(self->st, lock.get(), acquire, release) < 0) return -1;
     // An operation that holds the old lock keeps its own references to it.
     Ref old[3];
     install_lock(self, lock.get(), acquire, release, old);
@@ -680,7 +680,7 @@ static PyObject* get_limits(PyObject* op, void*) {
 static PyObject* get_cooldown_s(PyObject* op, void*) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    return PyObject_GetAttr(self->limits, state_of(self->module)->s_disable_cooldown_s);
+    return PyObject_GetAttr(self->limits, self->st->s_disable_cooldown_s);
 }
 
 static PyObject* get_usage_dirty(PyObject* self, void*) {
