@@ -1,6 +1,7 @@
 """The type stubs: stubtest against the native module, and mypy on code written against them."""
 
 import os
+import shutil
 import subprocess
 import sys
 import sysconfig
@@ -31,11 +32,25 @@ def test_stubtest(tmp_path: Path) -> None:
     assert result.returncode == 0, result.stdout + result.stderr
 
 
+def test_verifytypes(tmp_path: Path) -> None:
+    """pyright finds every public name of the module typed (basedpyright from PyPI bundles it)."""
+    pyright = shutil.which("basedpyright")
+    if pyright is None:
+        pytest.skip("basedpyright is not installed")
+    env, root = dict(os.environ), Path(ordanis_veltrane.__file__).resolve().parent.parent
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [str(root), env.get("PYTHONPATH")]))
+    result = subprocess.run([pyright, "--verifytypes", "ordanis_veltrane.tool_handlers.health", "--pythonpath",
+                             sys.executable], cwd=tmp_path, env=env, capture_output=True, text=True, timeout=600)
+    assert result.returncode == 0 and "score: 100%" in result.stdout, result.stdout + result.stderr
+
+
 USAGE = """
+    from dataclasses import dataclass
     from typing import Any
     from ordanis_veltrane.config import ToolsConfig
     from ordanis_veltrane.repository import Repository
     from ordanis_veltrane.tool_handlers import health
+    from ordanis_veltrane.tool_registry import ToolRegistry
 
     tracker = health.ToolHealthTracker(Repository("repo.db"), limits=ToolsConfig(disable_cooldown_s=5))
     limits: ToolsConfig = tracker.limits
@@ -56,6 +71,34 @@ USAGE = """
     tracker._usage[key] = health._Usage(1, 1, 2.5)
     tracker._state["t"] = health._ToolState(call_count=1, disabled_at=None)
     name: str = health.TOOL_USAGE_KEY
+
+    # The daemon's own services, in place of the stand-ins.
+    class MySpec:
+        def action(self, name: str) -> str | None:
+            return name if name in ("log", "diff") else None
+
+    class MyRegistry:
+        def get(self, name: str) -> MySpec | None:
+            return MySpec() if name == "git" else None
+
+    @dataclass
+    class MyCensus:
+        os_threads: int | None
+        python_total: int
+        python_threads: dict[str, int]
+
+    class MyCollector:
+        def get_all_stats(self) -> list[dict[str, float]]:
+            return []
+
+    health.TOOLS = MyRegistry()
+    health.TOOLS = ToolRegistry()
+    health.is_slow_call = lambda tool_name, action: action == "rebuild"
+    health.get_timing_collector = MyCollector
+    health.thread_census = lambda: MyCensus(None, 1, {"MainThread": 1})
+    report = health.thread_census_report(8, MyCensus(3, 3, {}))
+    spec = health.TOOLS.get("git")
+    found: object = spec.action("log") if spec is not None else None
 """
 
 MISUSES = [
@@ -66,6 +109,9 @@ MISUSES = [
     ("tracker.limits = ToolsConfig()", "Property \"limits\" defined in \"ToolHealthTracker\" is read-only"),
     ("health.thread_census_report('40')", 'incompatible type "str"; expected "int"'),
     ("health._ToolState(call_count='1')", 'Argument "call_count" to "_ToolState" has incompatible type "str"'),
+    ("health.TOOLS = {'git': 'spec'}", 'expected "str": "_ToolSpec | None"'),  # a spec without action()
+    ("health.is_slow_call = lambda tool_name: False", 'variable has type "Callable[[str, str | None], bool]"'),
+    ("health.thread_census_report(8, ToolsConfig())", 'expected "_Census | None"'),
 ]
 
 

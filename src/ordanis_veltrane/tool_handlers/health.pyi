@@ -7,6 +7,7 @@ import json as json
 import logging as logging
 import threading as threading
 import time as time
+from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass as dataclass
 from datetime import datetime as datetime, timezone as timezone
 from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, ClassVar, Protocol, overload, type_check_only
@@ -14,10 +15,50 @@ from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, ClassVar, Protoco
 from typing_extensions import disjoint_base
 
 from ordanis_veltrane.config import ToolsConfig as ToolsConfig
-from ordanis_veltrane.tool_registry import TOOLS as TOOLS
-from ordanis_veltrane.tool_schemas import is_slow_call as is_slow_call
-from ordanis_veltrane.utils.process import ThreadCensus as ThreadCensus, thread_census as thread_census
-from ordanis_veltrane.utils.timing import get_timing_collector as get_timing_collector
+from ordanis_veltrane.utils.process import ThreadCensus as ThreadCensus
+
+# The daemon services below are read from the module at each use and may be replaced
+# (``health.TOOLS = my_registry``); their types say what the module asks of them.
+
+@type_check_only
+class _ToolSpec(Protocol):
+    """A tool in the registry: ``action(name)`` gives one of its actions, or None when it has none by that name."""
+
+    def action(self, name: str, /) -> object: ...
+
+@type_check_only
+class _ToolRegistry(Protocol):
+    """The daemon's tool registry: ``get(name)`` gives the tool's spec, or None for a tool it does not know."""
+
+    def get(self, name: str, /) -> _ToolSpec | None: ...
+
+@type_check_only
+class _StatsEntry(Protocol):
+    """One tool's timing stats; read by key: name, count, avg_ms, p95_ms, min_ms, max_ms, errors."""
+
+    def __getitem__(self, key: str, /) -> Any: ...
+
+@type_check_only
+class _TimingCollector(Protocol):
+    """The daemon's timing collector."""
+
+    def get_all_stats(self) -> Iterable[_StatsEntry]: ...
+
+@type_check_only
+class _Census(Protocol):
+    """A census of the process's threads: the OS count (None where unknown), Python's count, its threads by prefix."""
+
+    @property
+    def os_threads(self) -> int | None: ...
+    @property
+    def python_total(self) -> int: ...
+    @property
+    def python_threads(self) -> Mapping[str, int]: ...
+
+TOOLS: _ToolRegistry
+is_slow_call: Callable[[str, str | None], bool]
+get_timing_collector: Callable[[], _TimingCollector]
+thread_census: Callable[[], _Census]
 
 @type_check_only
 class _Database(Protocol):
@@ -126,4 +167,4 @@ class ToolHealthTracker:
     def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]: ...
 
 def handle_get_tool_performance_stats() -> dict[str, Any]: ...
-def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dict[str, Any]: ...
+def thread_census_report(budget: int, census: _Census | None = None) -> dict[str, Any]: ...
