@@ -36,7 +36,7 @@ from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolRegistry, ToolSpec
 from ordanis_veltrane.utils.process import thread_census
-from ordanis_veltrane.utils.timing import get_timing_collector
+from ordanis_veltrane.utils.timing import TimingCollector, get_timing_collector
 
 if TYPE_CHECKING:
     from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
@@ -87,6 +87,12 @@ TOOLSET: dict[str, tuple[tuple[ActionSpec, ...], ToolBehaviour]] = {
 }
 
 
+def thread_budget(workers: int, metrics: bool) -> int:
+    """The most threads the demo runs at once: the main thread, the progress line, the
+    flusher and the workers; with metrics, the server and the thread answering a scrape."""
+    return workers + 3 + (2 if metrics else 0)
+
+
 def make_registry(names: Sequence[str]) -> ToolRegistry:
     registry = ToolRegistry()
     for name in names:
@@ -125,20 +131,24 @@ def _timer_overhead_ns() -> int:
 
 
 class Daemon:
-    """The parts of the daemon that the pipeline needs: the tracker, the timing
-    collector, and a way to tell the agent that a tool was refused."""
+    """The parts of the daemon that the pipeline needs: the tool registry, the tracker,
+    the timing collector, and a way to tell the agent that a tool was refused."""
 
-    def __init__(self, db_path: Path, limits: ToolsConfig) -> None:
+    def __init__(self, db_path: Path, limits: ToolsConfig, registry: ToolRegistry) -> None:
+        # The registry goes in before the tracker: loading deletes the history of
+        # every tool that the module's TOOLS does not know.
+        self.registry: ToolRegistry = registry
+        health.TOOLS = registry
         self.db_path = db_path
         self.limits = limits
-        self.repo = Repository(db_path)
+        self.repo: Repository = Repository(db_path)
         started = time.perf_counter_ns()
-        self.tracker = health.ToolHealthTracker(self.repo, limits)
-        self.construct_ms = (time.perf_counter_ns() - started) / 1e6
-        self.collector = get_timing_collector()
+        self.tracker: health.ToolHealthTracker = health.ToolHealthTracker(self.repo, limits)
+        self.construct_ms: float = (time.perf_counter_ns() - started) / 1e6
+        self.collector: TimingCollector = get_timing_collector()
         self.flushes: list[int] = []
         self.flush_ms: list[float] = []
-        self.flush_lock = threading.Lock()
+        self.flush_lock: threading.Lock = threading.Lock()
         self.refusals: list[str] = []
 
     def flush(self) -> int:
@@ -166,7 +176,7 @@ def call_tool(
     """One tool call through the pipeline; answers the outcome."""
     tracker = daemon.tracker
     clock = time.perf_counter_ns
-    spec = health.TOOLS.get(tool)
+    spec = daemon.registry.get(tool)
     if spec is None:
         return "unknown_tool"
     action: str | None = None
@@ -506,10 +516,8 @@ def main(argv: Sequence[str] | None = None) -> int:
             from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
         except ImportError as exc:
             parser.error(str(exc))
-        # The budget of the served census: the workers, the flusher, the progress
-        # line, the main thread, the server and the thread answering a scrape.
         try:
-            metrics = serve_metrics(None, args.metrics_port, thread_budget=args.threads + 5)
+            metrics = serve_metrics(None, args.metrics_port, thread_budget=thread_budget(args.threads, True))
         except OSError as exc:
             parser.error(f"cannot serve metrics on 127.0.0.1:{args.metrics_port}: {exc}")
         print(f"serving tool health metrics at {metrics.url}", file=sys.stderr)
@@ -558,8 +566,7 @@ def run(args: argparse.Namespace, db_path: Path, metrics: MetricsServer | None =
     try:
         # Phase 1: every tool is in the registry.
         phase1_tools = list(TOOLSET)
-        health.TOOLS = make_registry(phase1_tools)
-        daemon = Daemon(db_path, limits)
+        daemon = Daemon(db_path, limits, make_registry(phase1_tools))
         if metrics is not None:
             metrics.collector.tracker = daemon.tracker  # the served collector follows the live tracker
         first_construct_ms = daemon.construct_ms
@@ -590,8 +597,7 @@ def run(args: argparse.Namespace, db_path: Path, metrics: MetricsServer | None =
         daemon.close()
 
         phase2_tools = [t for t in TOOLSET if t != REMOVED_TOOL]
-        health.TOOLS = make_registry(phase2_tools)
-        daemon = Daemon(db_path, limits)
+        daemon = Daemon(db_path, limits, make_registry(phase2_tools))
         if metrics is not None:
             metrics.collector.tracker = daemon.tracker
         rows_after = tool_health_rows(daemon.repo)
@@ -615,7 +621,7 @@ def run(args: argparse.Namespace, db_path: Path, metrics: MetricsServer | None =
         # Phase 2: the agent goes on against the restarted daemon; the census is
         # taken while the workers run, and the report is built from it.
         progress.phase = "phase 2: after the restart"
-        budget = args.threads + 3  # workers, flusher, progress line, main thread
+        budget = thread_budget(args.threads, metrics is not None)
 
         def take_census() -> None:
             time.sleep(0.05)
