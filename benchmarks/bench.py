@@ -21,6 +21,10 @@
    and the tracker's lock during it: the lock is replaced by a counting proxy, so the
    acquisitions of one scrape and the length of each hold are known (skipped without the
    ``metrics`` extra).
+6. A tool call over the MCP SDK's in-memory transport (``Client(server, mode="legacy")``) to a
+   sync and an async tool, behind ``ToolGuard`` and bare, measured in turns; and the guard's own
+   work per call, its wrapper called directly against the bare function (skipped without the
+   ``mcp`` extra).
 
 Every figure is the best of several repeats (time.perf_counter_ns). The default run takes
 well under a minute on 2 cores, ``--quick`` a few seconds.
@@ -901,6 +905,89 @@ def bench_metrics(b: Bench) -> None:
     b.results["metrics"] = out
 
 
+# --------------------------------------------------------------------------- 6. MCP tool-call guard
+
+
+def bench_mcp_guard(b: Bench) -> None:
+    """A tool call through the SDK's in-memory transport, with and without the guard in front of the tool."""
+    try:
+        import anyio
+        from mcp import Client
+        from mcp.server.mcpserver import MCPServer
+
+        from ordanis_veltrane.mcp_guard import ToolGuard
+        from ordanis_veltrane.utils.timing import get_timing_collector
+    except ImportError as exc:
+        b.results["mcp_guard"] = {"skipped": str(exc)}
+        b.row("mcp guard", "tool call", "skipped", "needs pip install '.[mcp]'")
+        return
+    calls, repeat, direct_calls = (200, 3, 5_000) if b.quick else (500, 7, 20_000)
+
+    def lookup(key: str, action: str = "text") -> str:
+        return key
+
+    async def lookup_async(key: str, action: str = "text") -> str:
+        return key
+
+    saved_tools = health.TOOLS
+    repo = b.repo()
+    guard = ToolGuard(repo, ToolsConfig(), flush_interval=None)  # flushing is measured in section 2
+    bare: MCPServer[Any] = MCPServer("bare")
+    guarded: MCPServer[Any] = MCPServer("guarded", lifespan=guard.lifespan)
+    for fn in (lookup, lookup_async):
+        bare.add_tool(fn)
+        guard.add_tool(guarded, fn, actions=[ActionSpec("text", ("grep",))])
+    args = {"key": "k", "action": "grep"}  # a synonym: the guard resolves it on every call
+    per_call: dict[tuple[str, str], float] = {}
+    direct: dict[str, float] = {}
+
+    async def run() -> None:
+        async with Client(bare, mode="legacy") as plain, Client(guarded, mode="legacy") as behind:
+            for _ in range(repeat):  # in turns, so that a busy moment on the machine hits them all alike
+                for tool in ("lookup", "lookup_async"):
+                    for which, client in (("bare", plain), ("guarded", behind)):
+                        t0 = ns()
+                        for _ in range(calls):
+                            await client.call_tool(tool, args)
+                        took = (ns() - t0) / calls
+                        per_call[which, tool] = min(per_call.get((which, tool), math.inf), took)
+            # The guard's own work per call: the wrapper called directly against the bare function.
+            spec = guard.registry.get("lookup")
+            assert spec is not None
+            wrapped, wrapped_async = guard._guarded("lookup", spec, lookup), guard._guarded("lookup", spec, lookup_async)
+            fns: dict[str, Callable[..., Any]] = {"bare": lookup, "guarded": wrapped, "bare_async": lookup_async,
+                                                  "guarded_async": wrapped_async}
+            for name, fn in fns.items():
+                for _ in range(repeat):
+                    t0 = ns()
+                    for _ in range(direct_calls):
+                        result = fn(key="k", action="grep")
+                        if name.endswith("async"):
+                            await result
+                    direct[name] = min(direct.get(name, math.inf), (ns() - t0) / direct_calls)
+
+    try:
+        anyio.run(run)
+    finally:
+        health.TOOLS = saved_tools
+        get_timing_collector().reset()
+        repo.close()
+
+    out: dict[str, Any] = {"calls": calls, "target_overhead": 0.05}
+    for tool, kind in (("lookup", "sync"), ("lookup_async", "async")):
+        bare_ns, guarded_ns = per_call["bare", tool], per_call["guarded", tool]
+        suffix = "_async" if kind == "async" else ""
+        own = direct[f"guarded{suffix}"] - direct[f"bare{suffix}"]
+        overhead = guarded_ns / bare_ns - 1
+        out[kind] = {"bare_ns": round(bare_ns), "guarded_ns": round(guarded_ns), "overhead": round(overhead, 4),
+                     "guard_own_ns": round(own), "guard_own_share": round(own / bare_ns, 4)}
+        b.row("mcp guard", f"{kind} tool call, in memory", f"{guarded_ns / 1000:.0f} us",
+              f"bare {bare_ns / 1000:.0f} us: {overhead:+.1%} ({verdict(overhead <= 0.05)}: <= 5%); the guard's own "
+              f"work {own / 1000:.1f} us = {own / bare_ns:.1%} of a bare call")
+    out["pass"] = all(out[k]["overhead"] <= 0.05 for k in ("sync", "async"))
+    b.results["mcp_guard"] = out
+
+
 # --------------------------------------------------------------------------- main
 
 
@@ -937,6 +1024,7 @@ def main(argv: list[str] | None = None) -> int:
     parser = argparse.ArgumentParser(description="Benchmarks of the tool-health component.")
     parser.add_argument("--json", action="store_true", help="print the figures as JSON")
     parser.add_argument("--quick", action="store_true", help="fewer repeats and shorter runs")
+    parser.add_argument("--no-mcp", action="store_true", help="leave out the MCP tool-call guard section")
     args = parser.parse_args(argv)
     started = time.perf_counter()
     with tempfile.TemporaryDirectory(prefix="health-bench-") as tmp:
@@ -947,6 +1035,8 @@ def main(argv: list[str] | None = None) -> int:
         bench_summary(b)
         bench_mixed(b)
         bench_metrics(b)
+        if not args.no_mcp:
+            bench_mcp_guard(b)
     b.results["seconds"] = round(time.perf_counter() - started, 2)
     if args.json:
         print(json.dumps(b.results, indent=2))

@@ -1,0 +1,267 @@
+"""The tool-call guard behind a real MCP server, called by the SDK's own client: the example server over stdio
+as a subprocess, and servers in memory."""
+
+import itertools
+import json
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import threading
+from contextlib import asynccontextmanager
+from pathlib import Path
+from typing import Any, AsyncIterator, Awaitable, Callable, Iterable, Iterator
+
+import pytest
+
+pytest.importorskip("mcp")
+
+import anyio  # noqa: E402
+from mcp import Client, ClientSession, StdioServerParameters, stdio_client  # noqa: E402
+from mcp.server.mcpserver import MCPServer  # noqa: E402
+from mcp.types import CallToolResult, TextContent  # noqa: E402
+
+from ordanis_veltrane.config import ToolsConfig  # noqa: E402
+from ordanis_veltrane.mcp_guard import ToolGuard  # noqa: E402
+from ordanis_veltrane.repository import Repository  # noqa: E402
+from ordanis_veltrane.tool_handlers import health  # noqa: E402
+from ordanis_veltrane.tool_registry import ActionSpec  # noqa: E402
+from ordanis_veltrane.utils.timing import get_timing_collector  # noqa: E402
+
+ENV = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))  # the example server imports the package this run does
+
+
+@pytest.fixture(autouse=True)
+def restore(monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
+    monkeypatch.setattr(health, "TOOLS", health.TOOLS)  # the guard installs its own registry
+    get_timing_collector().reset()
+    yield
+    get_timing_collector().reset()
+
+
+def text(result: CallToolResult) -> str:
+    assert isinstance(result.content[0], TextContent)
+    return result.content[0].text
+
+
+def stored(db: Path) -> tuple[dict[str, tuple[Any, ...]], dict[tuple[Any, ...], int]]:
+    """The `tool_health` rows (calls, errors, last error) by tool, and the usage counts by key."""
+    with sqlite3.connect(db) as conn:
+        health_rows = conn.execute("SELECT tool_name, call_count, error_count, last_error FROM tool_health")
+        (doc,) = conn.execute("SELECT value FROM schema_info WHERE key = 'tool_usage'").fetchone()
+        return ({r[0]: r[1:] for r in health_rows},
+                {(u["tool"], u["action"], u["outcome"], u["alias_hit"]): u["calls"] for u in json.loads(doc)})
+
+
+@asynccontextmanager
+async def stdio(tmp_path: Path, *flags: str) -> AsyncIterator[Callable[..., Awaitable[CallToolResult]]]:
+    """A ClientSession over stdio with `python -m ordanis_veltrane.mcp_server --db tmp_path/repo.db *flags`."""
+    server = ["-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"), *flags]
+    params = StdioServerParameters(command=sys.executable, args=server, env=ENV)
+    with open(tmp_path / "server.log", "a") as errlog:
+        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
+            await session.initialize()
+            yield session.call_tool
+
+
+def test_example_server_over_stdio_disables_keeps_it_across_a_restart_and_reports(tmp_path: Path) -> None:
+    async def scenario() -> None:
+        # Only the final flush writes (interval 0): the restart shows that it ran.
+        async with stdio(tmp_path, "--disable-after", "2", "--cooldown", "30", "--flush-interval", "0") as call:
+            seen = [await call("always_fails") for _ in range(3)]
+            assert not (await call("search", {"query": "x", "action": "grep"})).is_error
+            status = json.loads(text(await call("status")))
+            perf = {t["name"]: t for t in json.loads(text(await call("get_tool_performance_stats")))["tools"]}
+        async with stdio(tmp_path, "--disable-after", "2", "--cooldown", "30") as call:
+            seen.append(await call("always_fails"))  # a fresh process would count from attempt 1
+            restarted = json.loads(text(await call("status")))
+        refused = "is disabled after repeated errors; last error: the backend is unreachable (attempt 2)"
+        expected = ("(attempt 1)", "(attempt 2)", refused, refused)
+        assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
+        health_of = {t["tool_name"]: t for t in status["tool_health"]}
+        assert health_of["always_fails"]["disabled"] and health_of["always_fails"]["error_count"] == 2
+        assert [(u["action"], u["alias_hit"], u["calls"]) for u in health_of["search"]["usage"]] == [("text", True, 1)]
+        assert {"python", "budget"} <= status["threads"].keys()
+        assert (perf["always_fails"]["count"], perf["always_fails"]["errors"], perf["search"]["count"]) == (2, 2, 1)
+        assert {t["tool_name"]: t["call_count"] for t in restarted["tool_health"]}["search"] == 1
+
+    anyio.run(scenario)
+    assert "Traceback" in (tmp_path / "server.log").read_text()  # a crash's traceback stays on the server
+
+
+@pytest.mark.skipif(sys.platform == "win32", reason="POSIX signals")
+def test_example_server_writes_its_changes_when_terminated_while_stdin_is_open(tmp_path: Path) -> None:
+    server = subprocess.Popen(
+        [sys.executable, "-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"), "--flush-interval",
+         "0"],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=ENV)
+    assert server.stdin is not None and server.stdout is not None
+    try:
+        hello = {"protocolVersion": "2025-06-18", "capabilities": {}, "clientInfo": {"name": "t", "version": "1"}}
+        for message in ({"id": 1, "method": "initialize", "params": hello},
+                        {"method": "notifications/initialized"},
+                        {"id": 2, "method": "tools/call", "params": {"name": "always_fails", "arguments": {}}}):
+            server.stdin.write(json.dumps({"jsonrpc": "2.0", **message}) + "\n")
+            server.stdin.flush()
+            assert "id" not in message or json.loads(server.stdout.readline())["id"] == message["id"]
+        server.send_signal(signal.SIGTERM)
+        assert server.wait(10) == 0
+    finally:
+        server.kill()
+    assert stored(tmp_path / "repo.db")[0] == {"always_fails": (1, 1, "the backend is unreachable (attempt 1)")}
+
+
+class GatedDb:
+    """A real database whose writes wait while `hold` is clear (setting `waiting`) and raise while `fail`
+    counts down; records the thread of every statement."""
+
+    def __init__(self, inner: Any) -> None:
+        self.inner, self.hold, self.waiting, self.fail = inner, threading.Event(), threading.Event(), 0
+        self.threads: list[int] = []
+        self.hold.set()
+
+    def __getattr__(self, op: str) -> Callable[..., Any]:
+        def run(*args: Any) -> Any:
+            self.threads.append(threading.get_ident())
+            if op.startswith("exec"):
+                self.waiting.set()
+                assert self.hold.wait(10)
+                if self.fail:
+                    self.fail -= 1
+                    raise sqlite3.OperationalError("database is locked")
+            return getattr(self.inner, op)(*args)
+        return run
+
+
+def make_server(repository: Any, keep: Iterable[str] | None = None, flush: float | None = None
+                ) -> tuple[MCPServer[Any], ToolGuard, threading.Event]:
+    """Guarded sync and async tools: failing ones (disabled after 2 errors for 0.3 s), `ok` with actions and
+    synonyms, and `blocks`, which waits for the event answered."""
+    guard = ToolGuard(repository, ToolsConfig(disable_after_errors=2, disable_cooldown_s=0.3), flush_interval=flush)
+    server: MCPServer[Any] = MCPServer("test", lifespan=guard.lifespan)
+    runs, gate = itertools.count(1), threading.Event()
+
+    def fails() -> str:
+        raise ValueError(f"bad input {next(runs)}")
+
+    async def fails_async() -> str:
+        raise ValueError(f"bad input {next(runs)}")
+
+    def error_result() -> CallToolResult:
+        return CallToolResult(content=[TextContent(type="text", text=f"bad input {next(runs)}")], is_error=True)
+
+    def ok(action: str = "text") -> str:
+        return action
+
+    async def ok_async() -> str:
+        return "done"
+
+    def blocks() -> str:
+        return str(gate.wait(10))
+
+    for fn in (fails, fails_async, error_result, ok, ok_async, blocks):
+        if keep is None or fn.__name__ in keep:
+            guard.add_tool(server, fn, actions=[ActionSpec("text", ("grep",)), "symbol"] if fn is ok else None)
+    guard.add_status_tools(server)
+    return server, guard, gate
+
+
+@pytest.mark.parametrize("tool", ["fails", "fails_async", "error_result"])
+def test_failing_tool_is_disabled_with_its_last_error_and_runs_again_after_the_cooldown(
+        tmp_path: Path, tool: str) -> None:
+    server, guard, _ = make_server(tmp_path / "repo.db")
+
+    async def scenario() -> None:
+        async with Client(server, mode="legacy") as client:
+            seen = [await client.call_tool(tool, {}) for _ in range(3)]
+            await anyio.sleep(0.35)
+            seen.append(await client.call_tool(tool, {}))  # the cooldown is over: the handler runs again
+        expected = ("bad input 1", "bad input 2", "is disabled after repeated errors; last error: bad input 2",
+                    "bad input 3")
+        assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
+
+    anyio.run(scenario)
+    assert guard.tracker is None
+    assert stored(tmp_path / "repo.db") == ({tool: (3, 3, "bad input 3")}, {
+        (tool, None, "error", False): 3, (tool, None, "disabled", False): 1})
+
+
+def test_fifty_concurrent_calls_count_exactly_while_a_failing_flush_waits_off_the_loop(tmp_path: Path) -> None:
+    repo = Repository(tmp_path / "repo.db")
+    db = repo.db = GatedDb(repo.db)  # type: ignore[assignment]
+    db.fail = 1  # the first flush fails; its changes stay marked for the next
+    server, _, _ = make_server(repo, flush=0.02)
+    calls = [("ok", {"action": "grep"}), ("ok", {"action": "symbol"}), ("ok", {}), ("ok_async", {}), ("fails", {})]
+
+    async def scenario() -> None:
+        async with Client(server, mode="legacy") as client:
+            db.hold.clear()
+            await client.call_tool("ok", {})
+            assert await anyio.to_thread.run_sync(db.waiting.wait, 5)  # a flush now waits on the database
+            async with anyio.create_task_group() as tg:
+                for tool, args in calls * 10:
+                    tg.start_soon(client.call_tool, tool, args)
+            assert not (await client.call_tool("status", {})).is_error
+            db.hold.set()
+
+    anyio.run(scenario)
+    db.inner.close()
+    assert threading.get_ident() not in db.threads  # no statement ran on the event loop
+    rows, counts = stored(tmp_path / "repo.db")
+    errors = counts.pop(("fails", None, "error", False))  # calls that passed is_disabled before 2 errors were in
+    assert errors >= 2 and counts == {
+        ("ok", "text", "ok", True): 10, ("ok", "symbol", "ok", False): 10, ("ok", "text", "ok", False): 11,
+        ("ok_async", None, "ok", False): 10, ("fails", None, "disabled", False): 10 - errors,
+        ("status", None, "ok", False): 1}
+    assert {k: v[:2] for k, v in rows.items()} == {
+        "ok": (31, 0), "ok_async": (10, 0), "fails": (errors, errors), "status": (1, 0)}
+    perf = {t["name"]: (t["count"], t["errors"]) for t in health.handle_get_tool_performance_stats()["tools"]}
+    assert perf == {"ok": (31, 0), "ok_async": (10, 0), "fails": (errors, errors), "status": (1, 0)}
+
+
+def test_a_blocked_handler_stalls_neither_other_calls_nor_another_connection(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    server, _, gate = make_server(tmp_path / "repo.db")
+    census, threads = health.thread_census, list[int]()
+
+    def recording_census() -> Any:
+        threads.append(threading.get_ident())
+        return census()
+    monkeypatch.setattr(health, "thread_census", recording_census)
+
+    async def scenario() -> None:
+        async with Client(server, mode="legacy") as first:
+            await first.call_tool("ok", {})
+            async with anyio.create_task_group() as tg:
+                tg.start_soon(first.call_tool, "blocks", {})
+                async with Client(server, mode="legacy") as second:  # shares the first connection's tracker
+                    with anyio.fail_after(5):
+                        for tool in ("ok", "ok_async", "status", "get_tool_performance_stats") * 5:
+                            assert not (await second.call_tool(tool, {})).is_error
+                gate.set()
+
+    anyio.run(scenario)
+    assert threads and threading.get_ident() not in threads  # the census is taken off the event loop
+    assert {k: v[0] for k, v in stored(tmp_path / "repo.db")[0].items()} == {
+        "blocks": 1, "ok": 6, "ok_async": 5, "status": 5, "get_tool_performance_stats": 5}
+
+
+def test_a_tool_removed_from_the_server_is_pruned_at_the_next_start_and_the_others_keep_their_history(
+        tmp_path: Path) -> None:
+    db = tmp_path / "repo.db"
+
+    async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) -> dict[str, Any]:
+        async with Client(server, mode="legacy") as client:
+            for tool, args in calls:
+                await client.call_tool(tool, args)
+            status = json.loads(text(await client.call_tool("status", {})))
+        return {t["tool_name"]: t for t in status["tool_health"]}
+
+    # "ok" by a synonym and by a name that is no action of it; that action's counts go too.
+    anyio.run(session, make_server(db)[0], ("ok", {"action": "grep"}), ("ok", {"action": "sym"}), ("fails", {}))
+    after = anyio.run(session, make_server(db, keep=("ok",))[0])
+    rows, counts = stored(db)
+    assert set(after) == set(rows) == {"ok", "status"} and after["ok"]["call_count"] == 2
+    assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("text", True)]
+    assert {k[0] for k in counts} == {"ok", "status"}
