@@ -799,6 +799,86 @@ def bench_mixed(b: Bench) -> None:
     )
 
 
+def scaling_run(names: list[str], n_workers: int, seconds: float, shared: bool) -> tuple[int, float]:
+    """The mixed load of one tool call each (is_disabled, record_success, record_call) on
+    `n_workers` threads, over one tracker (`shared`) or a tracker each, as a daemon keeps
+    one per repository; a flusher flushes them all. Returns tracker ops and seconds."""
+    repos = [Repository(Path(tempfile.mkdtemp(prefix="health-scaling-")) / "s.db")
+             for _ in range(1 if shared else n_workers)]
+    trackers = [health.ToolHealthTracker(r, ToolsConfig(disable_after_errors=3, disable_cooldown_s=0.01))
+                for r in repos]
+    stop = threading.Event()
+    start = threading.Barrier(n_workers + 2)
+    counts = [0] * n_workers
+
+    def worker(index: int) -> None:
+        tracker = trackers[0 if shared else index]
+        rng = random.Random(index)
+        # Names of its own, as a server parses them from each request: strings shared between
+        # threads would add the benchmark's own reference counting to the figure.
+        mine = [name.encode().decode() for name in names]
+        plan = [(mine[rng.randrange(len(mine))], f"a{rng.randrange(3)}", rng.random() < 0.2) for _ in range(1024)]
+        is_disabled, ok, call = tracker.is_disabled, tracker.record_success, tracker.record_call
+        n = 0
+        start.wait()
+        while not stop.is_set():
+            for tool, action, alias in plan:
+                is_disabled(tool)
+                ok(tool)
+                call(tool, action, "ok", alias_hit=alias, duration_ms=0.25)
+            n += 3 * len(plan)
+        counts[index] = n
+
+    def flusher() -> None:
+        start.wait()
+        while not stop.is_set():
+            for tracker in trackers:
+                if tracker.has_unsaved_changes:
+                    tracker.flush()
+            time.sleep(0.01)
+
+    threads = [threading.Thread(target=worker, args=(i,)) for i in range(n_workers)]
+    threads.append(threading.Thread(target=flusher))
+    for t in threads:
+        t.start()
+    start.wait()
+    t0 = ns()
+    time.sleep(seconds)
+    stop.set()
+    for t in threads:
+        t.join()
+    elapsed = (ns() - t0) / 1e9
+    for tracker, repo in zip(trackers, repos):
+        tracker.flush()
+        repo.close()
+    return sum(counts), elapsed
+
+
+def bench_scaling(b: Bench) -> None:
+    """Whether a second recording thread adds throughput. Only where threads run at once (a
+    free-threaded build) can it; with the GIL they take turns. On one tracker every operation
+    holds its one lock, so two threads mostly hand that lock and the maps back and forth."""
+    seconds = 1.0 if b.quick else 2.0
+    registry, names = registry_of(50, 3, prefix="scale")
+    saved = health.TOOLS
+    health.TOOLS = registry
+    try:
+        rate = {(kind, n): (lambda r: r[0] / r[1])(scaling_run(names, n, seconds, kind == "shared"))
+                for kind in ("own", "shared") for n in (1, 2)}
+    finally:
+        health.TOOLS = saved
+    gil = bool(getattr(sys, "_is_gil_enabled", lambda: True)())
+    out: dict[str, Any] = {"gil": gil, "target": 1.3}
+    for kind, label in (("own", "a tracker per thread"), ("shared", "one shared tracker")):
+        ratio = rate[(kind, 2)] / rate[(kind, 1)]
+        out[kind] = {"ops_per_s_1": round(rate[(kind, 1)]), "ops_per_s_2": round(rate[(kind, 2)]),
+                     "ratio": round(ratio, 3)}
+        note = "GIL on: the threads take turns" if gil else f"target >= 1.3x: {verdict(ratio >= 1.3)}"
+        b.row("scaling", f"mixed load, 2 threads against 1, {label}", f"{ratio:.2f}x",
+              f"{rate[(kind, 1)] / 1e6:.2f} -> {rate[(kind, 2)] / 1e6:.2f} M tracker ops/s, with a flusher ({note})")
+    b.results["scaling"] = out
+
+
 # --------------------------------------------------------------------------- 5. metrics scrape
 
 
@@ -1034,6 +1114,7 @@ def main(argv: list[str] | None = None) -> int:
         bench_flush_load(b)
         bench_summary(b)
         bench_mixed(b)
+        bench_scaling(b)
         bench_metrics(b)
         if not args.no_mcp:
             bench_mcp_guard(b)

@@ -506,7 +506,10 @@ class Batch:
             lambda: t._usage_rows(target if isinstance(target, str) else self.text(rng, TOOL_NAMES)),
             lambda: [repr(r) for r in records],
             lambda: [a == b for a in records for b in records + [NativeState()]],
-            lambda: [getattr(r, f, None) for r in records for f in STATE_FIELDS + USAGE_FIELDS]])()
+            lambda: [getattr(r, f, None) for r in records for f in STATE_FIELDS + USAGE_FIELDS],
+            # Written back as read, racing the tracker's own updates on other threads; no count among them.
+            lambda: [setattr(r, f, getattr(r, f)) for r in records if isinstance(r, NativeState)
+                     for f in ("last_error", "disabled_at", "updated_at")]])()
 
     def mutate(self, rng: random.Random, t: Any, action: str, target: Any) -> None:
         if action == "clear":  # some of the maps, or what the host handed the module last

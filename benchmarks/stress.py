@@ -173,12 +173,16 @@ def usage_keys(names: list[str], count: int, seed: int) -> list[tuple[Any, ...]]
 
 
 def _worker(tracker: Any, names: list[str], keys: list[tuple[Any, ...]], calls: int, seed: int,
-            start: threading.Barrier) -> Tally:
+            start: threading.Barrier, overlapped: threading.Event) -> Tally:
     rng = random.Random(seed)
     tally = Tally()
     messages = [f"failure {i}" for i in range(4)] + ["x" * 600, ""]
     start.wait()
-    for _ in range(calls):
+    for i in range(calls):
+        if i == calls // 2:
+            # Halfway, until the background threads have had their turn: without the GIL
+            # the workers could otherwise finish before any flush or summary ran among them.
+            overlapped.wait(30)
         r = rng.random()
         name = names[rng.randrange(len(names))]
         if r < 0.25:
@@ -227,8 +231,8 @@ def _check_summary(summary: list[dict[str, Any]], previous: dict[str, tuple[int,
     return problems
 
 
-def _background(name: str, stop: threading.Event, step: Callable[[], None], problems: list[str]) -> Callable[[], int]:
-    count = [0]
+def _background(name: str, stop: threading.Event, step: Callable[[], None], problems: list[str],
+                count: list[int]) -> Callable[[], int]:
 
     def loop() -> None:
         try:
@@ -316,18 +320,21 @@ def run(
                 problems.append(f"_known lost {names[index]!r} while TOOLS was replaced")
             time.sleep(pause_s / 2)
 
+        rounds = [[0], [0], [0]]
         joins = [
-            _background("flush", stop, flush_step, problems),
-            _background("summary", stop, summary_step, problems),
-            _background("replace", stop, replace_step, problems),
+            _background("flush", stop, flush_step, problems, rounds[0]),
+            _background("summary", stop, summary_step, problems, rounds[1]),
+            _background("replace", stop, replace_step, problems, rounds[2]),
         ]
+        overlapped = threading.Event()
         keys = usage_keys(names, tools, seed)
         start = threading.Barrier(threads + 1)
         tallies: list[Tally | None] = [None] * threads
 
         def work(i: int) -> None:
             try:
-                tallies[i] = _worker(tracker, names, keys, calls // threads + (i < calls % threads), seed * 1000 + i, start)
+                tallies[i] = _worker(tracker, names, keys, calls // threads + (i < calls % threads), seed * 1000 + i,
+                                     start, overlapped)
             except BaseException:
                 problems.append(f"worker {i} failed:\n{traceback.format_exc()}")
 
@@ -336,6 +343,14 @@ def run(
             worker.start()
         start.wait()
         began = time.perf_counter()
+        # Released once every background thread has run a round since the workers began and a
+        # flush has written something, all while the workers were recording.
+        baseline = [r[0] for r in rounds]
+        deadline = began + 30
+        while time.perf_counter() < deadline and not (
+                flushed[0] > 0 and all(r[0] > b for r, b in zip(rounds, baseline))):
+            time.sleep(0.0005)
+        overlapped.set()
         for worker in workers:
             worker.join()
         seconds = time.perf_counter() - began

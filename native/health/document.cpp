@@ -549,15 +549,15 @@ int add_row(ModuleState* st, Strings& strings, const ParsedRow& row, PyObject* l
 
 int read_document_fast(ModuleState* st, PyObject* module, PyObject* text, PyObject* loaded) {
     if (!PyUnicode_IS_ASCII(text)) return 0;
-    PyObject* json = module_attr_borrowed(module, st->s_json);
-    if (json == nullptr) return -1;
-    if (json != st->json_module) return 0;
+    Ref json = module_attr(module, st->s_json);
+    if (!json) return -1;
+    if (json.get() != st->json_module) return 0;
     Ref loads(PyObject_GetAttr(st->json_module, st->s_loads));
     if (!loads) return -1;
     if (loads.get() != st->json_loads) return 0;
-    PyObject* usage_cls = module_attr_borrowed(module, st->s__Usage);
-    if (usage_cls == nullptr) return -1;
-    if (usage_cls != reinterpret_cast<PyObject*>(st->usage_type)) return 0;
+    Ref usage_cls = module_attr(module, st->s__Usage);
+    if (!usage_cls) return -1;
+    if (usage_cls.get() != reinterpret_cast<PyObject*>(st->usage_type)) return 0;
 
     // Rows go into `loaded` as they are read; a document that turns out to
     // need the general reader leaves it empty again.

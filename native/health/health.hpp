@@ -1,7 +1,7 @@
 // Module state and the helpers that every part of the module shares.
 #pragma once
 
-#include "ref.hpp"
+#include "sync.hpp"
 
 #include <cstdint>
 #include <initializer_list>
@@ -76,18 +76,15 @@ inline ModuleState* state_of(PyObject* module) noexcept {
 // The module attribute `name`, as it is now (a new reference), or null with
 // AttributeError set.
 Ref module_attr(PyObject* module, PyObject* name) noexcept;
-// The same, borrowed: valid only until Python code runs, so only for an
-// identity test or to be held at once.
-PyObject* module_attr_borrowed(PyObject* module, PyObject* name) noexcept;
 
 // One entry of a map, held.
 struct Item {
     Ref key;
     Ref value;
 };
-// Every entry of the dict `map` in its order, held, taken with no Python code
-// in between: one consistent view that later steps may walk while host code
-// changes the map itself.
+// Every entry of the dict `map` in its order, held, taken under the map's
+// critical section with no Python code in between: one consistent view that
+// later steps may walk while host code, or another thread, changes the map.
 int snapshot_items(PyObject* map, std::vector<Item>& out);
 
 // The statements that name the health columns, from the module's current

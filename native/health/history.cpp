@@ -29,10 +29,14 @@ const char kUpsertTail[] =
 int health_statements(ModuleState* st, PyObject* module, Ref* select, Ref* upsert) noexcept {
     Ref columns = module_attr(module, st->s__TOOL_HEALTH_COLUMNS);
     if (!columns) return -1;
-    if (columns.get() == st->health_columns) {
-        if (select) *select = Ref::borrow(st->sql_select_health);
-        if (upsert) *upsert = Ref::borrow(st->sql_upsert_health);
-        return 0;
+    {
+        // The cache is the module's: threads that flush or load meet here.
+        ObjectLock cache(module);
+        if (columns.get() == st->health_columns) {
+            if (select) *select = Ref::borrow(st->sql_select_health);
+            if (upsert) *upsert = Ref::borrow(st->sql_upsert_health);
+            return 0;
+        }
     }
     const bool cacheable = PyUnicode_CheckExact(columns.get());
     Ref text = cacheable ? Ref::borrow(columns.get())
@@ -43,9 +47,14 @@ int health_statements(ModuleState* st, PyObject* module, Ref* select, Ref* upser
     Ref upsert_text(PyUnicode_FromFormat("INSERT INTO tool_health (%U%s", text.get(), kUpsertTail));
     if (!upsert_text) return -1;
     if (cacheable) {
-        Py_XSETREF(st->health_columns, Py_NewRef(columns.get()));
-        Py_XSETREF(st->sql_select_health, Py_NewRef(select_text.get()));
-        Py_XSETREF(st->sql_upsert_health, Py_NewRef(upsert_text.get()));
+        Ref old[3];
+        ObjectLock cache(module);
+        old[0].reset(st->health_columns);
+        old[1].reset(st->sql_select_health);
+        old[2].reset(st->sql_upsert_health);
+        st->health_columns = Py_NewRef(columns.get());
+        st->sql_select_health = Py_NewRef(select_text.get());
+        st->sql_upsert_health = Py_NewRef(upsert_text.get());
     }
     if (select) *select = std::move(select_text);
     if (upsert) *upsert = std::move(upsert_text);
@@ -164,7 +173,7 @@ int seed_health(ModuleState* st, TrackerObject* self, PyObject* rows) {
         Ref record = seeded_tool_state(st, module, call_count, error_count, last_error.get(),
                                        disabled_at.get(), updated_at.get());
         if (!record) return -1;
-        Ref state = Ref::borrow(self->state);  // as it is now: the steps above ran host code
+        Ref state = load_field(self, &TrackerObject::state);  // as it is now: the steps above ran host code
         if (PyDict_SetItem(state.get(), name.get(), record.get()) < 0) return -1;
     }
     return PyErr_Occurred() ? -1 : 0;
@@ -272,20 +281,20 @@ PyObject* load_usage(TrackerObject* self) {
     }
     const bool dropped = kept.size() < entries.size();
     return with_lock(self, [&]() -> PyObject* {
-        Ref usage = Ref::borrow(self->usage);
+        Ref usage = load_field(self, &TrackerObject::usage);
         if (!dropped) {
             // Every entry kept: a dict update adds them in order, and into the
             // empty map of a new tracker it copies the table in one go.
             if (PyDict_Update(usage.get(), loaded.get()) < 0) return nullptr;
         } else {
             for (const Item& entry : kept) {
-                usage = Ref::borrow(self->usage);  // an insertion may run host code
+                usage = load_field(self, &TrackerObject::usage);  // an insertion may run host code
                 if (PyDict_SetItem(usage.get(), entry.key.get(), entry.value.get()) < 0) {
                     return nullptr;
                 }
             }
         }
-        self->usage_dirty = dropped;
+        self->usage_dirty.set(dropped);
         Py_RETURN_NONE;
     });
 }
@@ -314,7 +323,7 @@ int add_all(TrackerObject* self, PyObject* names) {
     int status = 0;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names); ++i) {
         Ref name = Ref::borrow(PyList_GET_ITEM(names, i));
-        Ref dirty = Ref::borrow(self->dirty);  // adding runs the name's hash and eq
+        Ref dirty = load_field(self, &TrackerObject::dirty);  // adding runs the name's hash and eq
         if (PySet_Add(dirty.get(), name.get()) < 0) {
             PyErr_Clear();
             status = -1;
@@ -323,8 +332,36 @@ int add_all(TrackerObject* self, PyObject* names) {
     return status;
 }
 
-// The health row of one tool, copied from its record.
+// The health row of one tool, copied from its record: a native record's
+// fields in one read under its lock.
 Ref health_row(ModuleState* st, PyObject* module, PyObject* name, PyObject* rec) {
+    if (is_native_state(st, rec)) {
+        const ToolStateObject* s = as_state(rec);
+        int64_t calls, errors;
+        bool has_disabled;
+        double disabled_at, updated_at;
+        Ref last;
+        {
+            RecordLock lock(rec);
+            calls = s->call_count;
+            errors = s->error_count;
+            last = Ref::borrow(s->last_error);
+            has_disabled = s->has_disabled_at;
+            disabled_at = s->disabled_at;
+            updated_at = s->updated_at;
+        }
+        Ref disabled_text = has_disabled ? late_sqlite_time(st, module, disabled_at)
+                                         : late_sqlite_time(st, module, Py_None);
+        if (!disabled_text) return Ref();
+        Ref updated_text = late_sqlite_time(st, module, updated_at);
+        if (!updated_text) return Ref();
+        Ref calls_obj(PyLong_FromLongLong(calls));
+        if (!calls_obj) return Ref();
+        Ref errors_obj(PyLong_FromLongLong(errors));
+        if (!errors_obj) return Ref();
+        return Ref(PyTuple_Pack(6, name, calls_obj.get(), errors_obj.get(), last.get(),
+                                disabled_text.get(), updated_text.get()));
+    }
     Ref disabled = state_field(st, rec, st->s_disabled_at);
     if (!disabled) return Ref();
     Ref disabled_text = late_sqlite_time(st, module, disabled.get());
@@ -348,7 +385,7 @@ PyObject* flush_health(TrackerObject* self) {
     PyObject* copied = with_lock(self, [&]() -> PyObject* {
         // Taken and cleared before anything runs host code: a mark that a
         // callback adds while the names sort or the rows are copied stays.
-        Ref dirty = Ref::borrow(self->dirty);
+        Ref dirty = load_field(self, &TrackerObject::dirty);
         names.reset(PySequence_List(dirty.get()));
         if (!names || PySet_Clear(dirty.get()) < 0) return nullptr;
         if (PyList_Sort(names.get()) < 0) return nullptr;
@@ -356,13 +393,11 @@ PyObject* flush_health(TrackerObject* self) {
         if (!rows) return nullptr;
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names.get()); ++i) {
             Ref name = Ref::borrow(PyList_GET_ITEM(names.get(), i));
-            Ref state = Ref::borrow(self->state);
-            PyObject* found = PyDict_GetItemWithError(state.get(), name.get());
-            if (found == nullptr) {
-                if (PyErr_Occurred()) return nullptr;
-                continue;
-            }
-            Ref rec = Ref::borrow(found);
+            Ref state = load_field(self, &TrackerObject::state);
+            Ref rec;
+            const int found = dict_get_ref(state.get(), name.get(), rec);
+            if (found < 0) return nullptr;
+            if (found == 0) continue;
             Ref row = health_row(st, self->module, name.get(), rec.get());
             if (!row || PyList_Append(rows.get(), row.get()) < 0) return nullptr;
         }
@@ -398,11 +433,16 @@ int copy_document_row(ModuleState* st, PyObject* key, PyObject* usage, DocumentR
         if (!r.key) return -1;
     }
     if (is_native_usage(st, usage)) {
-        UsageObject* u = as_usage(usage);
+        const UsageObject* u = as_usage(usage);
         r.native = true;
-        r.calls = u->calls;
-        r.timed_calls = u->timed_calls;
-        r.total_ms = round_half_even(u->total_ms, 3);
+        double total;
+        {
+            RecordLock lock(usage);
+            r.calls = u->calls;
+            r.timed_calls = u->timed_calls;
+            total = u->total_ms;
+        }
+        r.total_ms = round_half_even(total, 3);
         return 0;
     }
     r.calls_obj = usage_field(st, usage, st->s_calls);
@@ -423,12 +463,14 @@ PyObject* flush_usage(TrackerObject* self) {
     std::vector<DocumentRow> rows;
     bool wanted = false;
     PyObject* copied = with_lock(self, [&]() -> PyObject* {
-        if (!self->usage_dirty) Py_RETURN_NONE;
-        self->usage_dirty = false;
+        if (!self->usage_dirty.get()) Py_RETURN_NONE;
+        self->usage_dirty.set(false);
         wanted = true;
         // The rows come from a snapshot: reading a host record or key runs host code.
         std::vector<Item> entries;
-        if (snapshot_items(self->usage, entries) < 0) return nullptr;
+        if (snapshot_items(load_field(self, &TrackerObject::usage).get(), entries) < 0) {
+            return nullptr;
+        }
         rows.resize(entries.size());
         for (size_t i = 0; i < entries.size(); ++i) {
             if (copy_document_row(st, entries[i].key.get(), entries[i].value.get(), rows[i]) < 0) {
@@ -438,7 +480,7 @@ PyObject* flush_usage(TrackerObject* self) {
         Py_RETURN_NONE;
     });
     auto set_mark = [&] {
-        self->usage_dirty = true;
+        self->usage_dirty.set(true);
         return 0;
     };
     if (copied == nullptr) {
@@ -505,7 +547,8 @@ PyObject* tracker_has_unsaved_changes(PyObject* op, void*) {
     if (check_ready(self) < 0) return nullptr;
     return with_lock(self, [&]() -> PyObject* {
         // Read once the lock is held: taking a host lock runs host code.
-        return PyBool_FromLong(PySet_GET_SIZE(self->dirty) > 0 || self->usage_dirty);
+        Ref dirty = load_field(self, &TrackerObject::dirty);
+        return PyBool_FromLong(PySet_GET_SIZE(dirty.get()) > 0 || self->usage_dirty.get());
     });
 }
 

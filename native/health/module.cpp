@@ -262,10 +262,12 @@ PyModuleDef_Slot module_slots[] = {
     // of its own.
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
-    // No Py_mod_gil slot: a free-threaded build keeps the GIL on while the module is loaded.
-    // The module relies on the GIL for its borrowed references (module attributes, items of
-    // the tracker's maps) and for the plain C fields of its records, which Python code reads
-    // and sets without the tracker's lock.
+#if PY_VERSION_HEX >= 0x030D0000
+    // Safe without the GIL: every lookup holds what it finds, every walk of a map runs under
+    // the map's critical section, and the fields of the records and the tracker are read and
+    // written under their object's own (sync.hpp).
+    {Py_mod_gil, Py_MOD_GIL_NOT_USED},
+#endif
     {0, nullptr},
 };
 

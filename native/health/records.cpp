@@ -38,28 +38,40 @@ static PyObject* tool_state_new(PyTypeObject* type, PyObject*, PyObject*) {
     return tool_state_alloc(type);
 }
 
-static int set_disabled_at(ToolStateObject* s, PyObject* value) {
-    if (value == Py_None) {
-        s->has_disabled_at = false;
-        s->disabled_at = 0.0;
-        return 0;
-    }
-    double d;
-    if (as_double(value, &d) < 0) {
-        return -1;
-    }
-    s->disabled_at = d;
-    s->has_disabled_at = true;
-    return 0;
-}
+// `disabled_at` as given: absent for None, otherwise a double (converting
+// it may run host code, so it happens before the record is locked).
+struct DisabledAt {
+    bool present = false;
+    double value = 0.0;
 
+    int read(PyObject* v) {
+        present = v != Py_None;
+        return present ? as_double(v, &value) : 0;
+    }
+    void store(ToolStateObject* s) const {
+        s->has_disabled_at = present;
+        s->disabled_at = present ? value : 0.0;
+    }
+};
+
+// Every field is read and written under the record's lock (sync.hpp); a value
+// is converted before the lock is taken, since conversion may run host code.
 #define HEALTH_INT_FIELD(Type, cast, field)                                   \
     static PyObject* get_##Type##_##field(PyObject* self, void*) {            \
-        return int_field(cast(self)->field);                                  \
+        int64_t v;                                                            \
+        {                                                                     \
+            RecordLock lock(self);                                            \
+            v = cast(self)->field;                                            \
+        }                                                                     \
+        return int_field(v);                                                  \
     }                                                                         \
     static int set_##Type##_##field(PyObject* self, PyObject* value, void*) { \
         if (reject_delete(value, #field) < 0) return -1;                      \
-        return as_int64(value, &cast(self)->field);                           \
+        int64_t v;                                                            \
+        if (as_int64(value, &v) < 0) return -1;                               \
+        RecordLock lock(self);                                                \
+        cast(self)->field = v;                                                \
+        return 0;                                                             \
     }
 
 HEALTH_INT_FIELD(state, as_state, call_count)
@@ -69,37 +81,72 @@ HEALTH_INT_FIELD(usage, as_usage, calls)
 HEALTH_INT_FIELD(usage, as_usage, timed_calls)
 #undef HEALTH_INT_FIELD
 
+Ref last_error_of(PyObject* rec) noexcept {
+    RecordLock lock(rec);
+    return Ref::borrow(as_state(rec)->last_error);
+}
+
+void replace_last_error(PyObject* rec, Ref value) noexcept {
+    {
+        RecordLock lock(rec);
+        PyObject* old = as_state(rec)->last_error;
+        as_state(rec)->last_error = value.release();
+        value.reset(old);
+    }
+    // The old message is dropped here, once the record is unlocked: its
+    // destructor may run host code.
+}
+
 static PyObject* get_state_last_error(PyObject* self, void*) {
-    return Py_NewRef(as_state(self)->last_error);
+    return last_error_of(self).release();
 }
 static int set_state_last_error(PyObject* self, PyObject* value, void*) {
     if (reject_delete(value, "last_error") < 0) return -1;
-    Py_SETREF(as_state(self)->last_error, Py_NewRef(value));
+    replace_last_error(self, Ref::borrow(value));
     return 0;
 }
+static Ref disabled_at_of(PyObject* self) {
+    DisabledAt d;
+    {
+        RecordLock lock(self);
+        d.present = as_state(self)->has_disabled_at;
+        d.value = as_state(self)->disabled_at;
+    }
+    return d.present ? Ref(PyFloat_FromDouble(d.value)) : Ref::borrow(Py_None);
+}
 static PyObject* get_state_disabled_at(PyObject* self, void*) {
-    ToolStateObject* s = as_state(self);
-    if (!s->has_disabled_at) Py_RETURN_NONE;
-    return PyFloat_FromDouble(s->disabled_at);
+    return disabled_at_of(self).release();
 }
 static int set_state_disabled_at(PyObject* self, PyObject* value, void*) {
     if (reject_delete(value, "disabled_at") < 0) return -1;
-    return set_disabled_at(as_state(self), value);
+    DisabledAt d;
+    if (d.read(value) < 0) return -1;
+    RecordLock lock(self);
+    d.store(as_state(self));
+    return 0;
 }
-static PyObject* get_state_updated_at(PyObject* self, void*) {
-    return PyFloat_FromDouble(as_state(self)->updated_at);
-}
-static int set_state_updated_at(PyObject* self, PyObject* value, void*) {
-    if (reject_delete(value, "updated_at") < 0) return -1;
-    return as_double(value, &as_state(self)->updated_at);
-}
-static PyObject* get_usage_total_ms(PyObject* self, void*) {
-    return PyFloat_FromDouble(as_usage(self)->total_ms);
-}
-static int set_usage_total_ms(PyObject* self, PyObject* value, void*) {
-    if (reject_delete(value, "total_ms") < 0) return -1;
-    return as_double(value, &as_usage(self)->total_ms);
-}
+
+#define HEALTH_DOUBLE_FIELD(Type, cast, field)                                \
+    static PyObject* get_##Type##_##field(PyObject* self, void*) {            \
+        double v;                                                             \
+        {                                                                     \
+            RecordLock lock(self);                                            \
+            v = cast(self)->field;                                            \
+        }                                                                     \
+        return PyFloat_FromDouble(v);                                         \
+    }                                                                         \
+    static int set_##Type##_##field(PyObject* self, PyObject* value, void*) { \
+        if (reject_delete(value, #field) < 0) return -1;                      \
+        double v;                                                             \
+        if (as_double(value, &v) < 0) return -1;                              \
+        RecordLock lock(self);                                                \
+        cast(self)->field = v;                                                \
+        return 0;                                                             \
+    }
+
+HEALTH_DOUBLE_FIELD(state, as_state, updated_at)
+HEALTH_DOUBLE_FIELD(usage, as_usage, total_ms)
+#undef HEALTH_DOUBLE_FIELD
 
 static const char* const tool_state_fields[] = {"call_count",  "error_count", "last_error",
                                                 "disabled_at", "updated_at",  "consecutive_errors",
@@ -116,17 +163,28 @@ static int tool_state_init(PyObject* self, PyObject* args, PyObject* kwds) {
     // Held: converting one value runs host code (__index__, __float__).
     Ref held[6];
     for (int i = 0; i < 6; ++i) held[i] = Ref::borrow(values[i]);
+    // Converted first, stored together: __init__ may run again on a record
+    // another thread already reads.
     ToolStateObject* s = as_state(self);
-    if ((values[0] && as_int64(values[0], &s->call_count) < 0) ||
-        (values[1] && as_int64(values[1], &s->error_count) < 0) ||
-        (values[3] && set_disabled_at(s, values[3]) < 0) ||
-        (values[4] && as_double(values[4], &s->updated_at) < 0) ||
-        (values[5] && as_int64(values[5], &s->consecutive_errors) < 0)) {
+    int64_t calls = 0, errors = 0, run = 0;
+    double updated = 0.0;
+    DisabledAt disabled;
+    if ((values[0] && as_int64(values[0], &calls) < 0) ||
+        (values[1] && as_int64(values[1], &errors) < 0) ||
+        (values[3] && disabled.read(values[3]) < 0) ||
+        (values[4] && as_double(values[4], &updated) < 0) ||
+        (values[5] && as_int64(values[5], &run) < 0)) {
         return -1;
     }
-    if (values[2]) {
-        Py_SETREF(s->last_error, Py_NewRef(values[2]));
+    {
+        RecordLock lock(self);
+        if (values[0]) s->call_count = calls;
+        if (values[1]) s->error_count = errors;
+        if (values[3]) disabled.store(s);
+        if (values[4]) s->updated_at = updated;
+        if (values[5]) s->consecutive_errors = run;
     }
+    if (values[2]) replace_last_error(self, Ref::borrow(values[2]));
     return 0;
 }
 
@@ -138,12 +196,18 @@ static int usage_init(PyObject* self, PyObject* args, PyObject* kwds) {
     }
     Ref held[3];
     for (int i = 0; i < 3; ++i) held[i] = Ref::borrow(values[i]);
-    UsageObject* u = as_usage(self);
-    if ((values[0] && as_int64(values[0], &u->calls) < 0) ||
-        (values[1] && as_int64(values[1], &u->timed_calls) < 0) ||
-        (values[2] && as_double(values[2], &u->total_ms) < 0)) {
+    int64_t calls = 0, timed = 0;
+    double total = 0.0;
+    if ((values[0] && as_int64(values[0], &calls) < 0) ||
+        (values[1] && as_int64(values[1], &timed) < 0) ||
+        (values[2] && as_double(values[2], &total) < 0)) {
         return -1;
     }
+    UsageObject* u = as_usage(self);
+    RecordLock lock(self);
+    if (values[0]) u->calls = calls;
+    if (values[1]) u->timed_calls = timed;
+    if (values[2]) u->total_ms = total;
     return 0;
 }
 
@@ -215,13 +279,19 @@ static PyObject* tool_state_richcompare(PyObject* self, PyObject* other, int op)
     }
     ToolStateObject* a = as_state(self);
     ToolStateObject* b = as_state(other);
-    bool equal = a->call_count == b->call_count && a->error_count == b->error_count &&
-                 a->has_disabled_at == b->has_disabled_at &&
-                 (!a->has_disabled_at || a->disabled_at == b->disabled_at) &&
-                 a->updated_at == b->updated_at && a->consecutive_errors == b->consecutive_errors;
+    bool equal;
+    // Held: comparing the messages runs host code, which may assign another last_error.
+    Ref mine, theirs;
+    {
+        RecordLock2 lock(self, other);
+        equal = a->call_count == b->call_count && a->error_count == b->error_count &&
+                a->has_disabled_at == b->has_disabled_at &&
+                (!a->has_disabled_at || a->disabled_at == b->disabled_at) &&
+                a->updated_at == b->updated_at && a->consecutive_errors == b->consecutive_errors;
+        mine = Ref::borrow(a->last_error);
+        theirs = Ref::borrow(b->last_error);
+    }
     if (equal) {
-        // Held: comparing runs host code, which may assign another last_error.
-        Ref mine = Ref::borrow(a->last_error), theirs = Ref::borrow(b->last_error);
         const int same = PyObject_RichCompareBool(mine.get(), theirs.get(), Py_EQ);
         if (same < 0) return nullptr;
         equal = same == 1;
@@ -235,8 +305,11 @@ static PyObject* usage_richcompare(PyObject* self, PyObject* other, int op) {
     }
     UsageObject* a = as_usage(self);
     UsageObject* b = as_usage(other);
-    const bool equal =
-        a->calls == b->calls && a->timed_calls == b->timed_calls && a->total_ms == b->total_ms;
+    bool equal;
+    {
+        RecordLock2 lock(self, other);
+        equal = a->calls == b->calls && a->timed_calls == b->timed_calls && a->total_ms == b->total_ms;
+    }
     return PyBool_FromLong((op == Py_EQ) == equal);
 }
 
@@ -309,23 +382,21 @@ PyType_Spec usage_spec = {
 // still its own type, otherwise through whatever the host put there.
 
 Ref new_tool_state(ModuleState* st, PyObject* module) noexcept {
-    PyObject* cls = module_attr_borrowed(module, st->s__ToolState);
-    if (cls == nullptr) return Ref();
-    if (cls == reinterpret_cast<PyObject*>(st->tool_state_type)) {
+    Ref cls = module_attr(module, st->s__ToolState);
+    if (!cls) return Ref();
+    if (cls.get() == reinterpret_cast<PyObject*>(st->tool_state_type)) {
         return Ref(tool_state_alloc(st->tool_state_type));
     }
-    Ref holder = Ref::borrow(cls);
-    return Ref(PyObject_CallNoArgs(cls));
+    return Ref(PyObject_CallNoArgs(cls.get()));
 }
 
 Ref new_usage(ModuleState* st, PyObject* module) noexcept {
-    PyObject* cls = module_attr_borrowed(module, st->s__Usage);
-    if (cls == nullptr) return Ref();
-    if (cls == reinterpret_cast<PyObject*>(st->usage_type)) {
+    Ref cls = module_attr(module, st->s__Usage);
+    if (!cls) return Ref();
+    if (cls.get() == reinterpret_cast<PyObject*>(st->usage_type)) {
         return Ref(st->usage_type->tp_alloc(st->usage_type, 0));
     }
-    Ref holder = Ref::borrow(cls);
-    return Ref(PyObject_CallNoArgs(cls));
+    return Ref(PyObject_CallNoArgs(cls.get()));
 }
 
 Ref seeded_tool_state(ModuleState* st, PyObject* module, int64_t call_count, int64_t error_count,
@@ -335,13 +406,16 @@ Ref seeded_tool_state(ModuleState* st, PyObject* module, int64_t call_count, int
     if (cls.get() == reinterpret_cast<PyObject*>(st->tool_state_type)) {
         Ref rec(tool_state_alloc(st->tool_state_type));
         if (!rec) return Ref();
+        // Not yet seen by any other thread: no lock needed.
         ToolStateObject* s = as_state(rec.get());
-        s->call_count = call_count;
-        s->error_count = error_count;
-        Py_SETREF(s->last_error, Py_NewRef(last_error));
-        if (set_disabled_at(s, disabled_at) < 0 || as_double(updated_at, &s->updated_at) < 0) {
+        DisabledAt disabled;
+        if (disabled.read(disabled_at) < 0 || as_double(updated_at, &s->updated_at) < 0) {
             return Ref();
         }
+        s->call_count = call_count;
+        s->error_count = error_count;
+        disabled.store(s);
+        Py_SETREF(s->last_error, Py_NewRef(last_error));
         return rec;
     }
     Ref calls(PyLong_FromLongLong(call_count));
@@ -374,29 +448,34 @@ Ref seeded_usage(ModuleState* st, PyObject* module, PyObject* calls, PyObject* t
 
 Ref state_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept {
     if (is_native_state(st, rec)) {
-        ToolStateObject* s = as_state(rec);
-        if (field == st->s_call_count) return Ref(int_field(s->call_count));
-        if (field == st->s_error_count) return Ref(int_field(s->error_count));
-        if (field == st->s_last_error) return Ref::borrow(s->last_error);
-        if (field == st->s_disabled_at) return Ref(get_state_disabled_at(rec, nullptr));
-        if (field == st->s_updated_at) return Ref(PyFloat_FromDouble(s->updated_at));
-        if (field == st->s_consecutive_errors) return Ref(int_field(s->consecutive_errors));
+        if (field == st->s_call_count) return Ref(get_state_call_count(rec, nullptr));
+        if (field == st->s_error_count) return Ref(get_state_error_count(rec, nullptr));
+        if (field == st->s_last_error) return last_error_of(rec);
+        if (field == st->s_disabled_at) return disabled_at_of(rec);
+        if (field == st->s_updated_at) return Ref(get_state_updated_at(rec, nullptr));
+        if (field == st->s_consecutive_errors) return Ref(get_state_consecutive_errors(rec, nullptr));
     }
     return Ref(PyObject_GetAttr(rec, field));
 }
 
 Ref usage_field(ModuleState* st, PyObject* rec, PyObject* field) noexcept {
     if (is_native_usage(st, rec)) {
-        UsageObject* u = as_usage(rec);
-        if (field == st->s_calls) return Ref(int_field(u->calls));
-        if (field == st->s_timed_calls) return Ref(int_field(u->timed_calls));
-        if (field == st->s_total_ms) return Ref(PyFloat_FromDouble(u->total_ms));
+        if (field == st->s_calls) return Ref(get_usage_calls(rec, nullptr));
+        if (field == st->s_timed_calls) return Ref(get_usage_timed_calls(rec, nullptr));
+        if (field == st->s_total_ms) return Ref(get_usage_total_ms(rec, nullptr));
     }
     return Ref(PyObject_GetAttr(rec, field));
 }
 
 Ref updated_at_text(ModuleState* st, PyObject* module, PyObject* rec) noexcept {
-    if (is_native_state(st, rec)) return late_sqlite_time(st, module, as_state(rec)->updated_at);
+    if (is_native_state(st, rec)) {
+        double updated;
+        {
+            RecordLock lock(rec);
+            updated = as_state(rec)->updated_at;
+        }
+        return late_sqlite_time(st, module, updated);
+    }
     Ref updated = state_field(st, rec, st->s_updated_at);
     return updated ? late_sqlite_time(st, module, updated.get()) : Ref();
 }
@@ -640,29 +719,26 @@ PyObject* fn_epoch(PyObject*, PyObject* text) {
 }
 
 Ref late_sqlite_time(ModuleState* st, PyObject* module, PyObject* value) noexcept {
-    PyObject* fn = module_attr_borrowed(module, st->s__sqlite_time);
-    if (fn == nullptr) return Ref();
-    if (fn == st->sqlite_time_fn) return sqlite_time_obj(value);
-    Ref holder = Ref::borrow(fn);
-    return call(fn, {value});
+    Ref fn = module_attr(module, st->s__sqlite_time);
+    if (!fn) return Ref();
+    if (fn.get() == st->sqlite_time_fn) return sqlite_time_obj(value);
+    return call(fn.get(), {value});
 }
 
 Ref late_sqlite_time(ModuleState* st, PyObject* module, double value) noexcept {
-    PyObject* fn = module_attr_borrowed(module, st->s__sqlite_time);
-    if (fn == nullptr) return Ref();
-    if (fn == st->sqlite_time_fn) return sqlite_time_of(value);
-    Ref holder = Ref::borrow(fn);
+    Ref fn = module_attr(module, st->s__sqlite_time);
+    if (!fn) return Ref();
+    if (fn.get() == st->sqlite_time_fn) return sqlite_time_of(value);
     Ref boxed(PyFloat_FromDouble(value));
     if (!boxed) return Ref();
-    return call(fn, {boxed.get()});
+    return call(fn.get(), {boxed.get()});
 }
 
 Ref late_epoch(ModuleState* st, PyObject* module, PyObject* value) noexcept {
-    PyObject* fn = module_attr_borrowed(module, st->s__epoch);
-    if (fn == nullptr) return Ref();
-    if (fn == st->epoch_fn) return Ref(epoch_result(value));
-    Ref holder = Ref::borrow(fn);
-    return call(fn, {value});
+    Ref fn = module_attr(module, st->s__epoch);
+    if (!fn) return Ref();
+    if (fn.get() == st->epoch_fn) return Ref(epoch_result(value));
+    return call(fn.get(), {value});
 }
 
 // ---------------------------------------------------------------------------
@@ -693,11 +769,10 @@ PyObject* fn_known(PyObject* module, PyObject* const* args, Py_ssize_t nargs, Py
 }
 
 int late_known(ModuleState* st, PyObject* module, PyObject* tool, PyObject* action) noexcept {
-    PyObject* fn = module_attr_borrowed(module, st->s__known);
-    if (fn == nullptr) return -1;
-    if (fn == st->known_fn) return known(st, module, tool, action);
-    Ref holder = Ref::borrow(fn);
-    Ref answer = call(fn, {tool, action});
+    Ref fn = module_attr(module, st->s__known);
+    if (!fn) return -1;
+    if (fn.get() == st->known_fn) return known(st, module, tool, action);
+    Ref answer = call(fn.get(), {tool, action});
     if (!answer) return -1;
     return PyObject_IsTrue(answer.get());
 }

@@ -6,6 +6,14 @@
 
 namespace health {
 
+// A native record's fields are read and written only under its lock: host
+// code may read or set them from any thread, without the tracker's lock. An
+// operation holds it across its whole update of one record (the host code it
+// calls meanwhile suspends it, see sync.hpp); the getters and setters hold it
+// for one field.
+using RecordLock = ObjectLock;
+using RecordLock2 = ObjectLock2;
+
 struct ToolStateObject {
     PyObject_HEAD
     int64_t call_count;
@@ -34,6 +42,11 @@ inline ToolStateObject* as_state(PyObject* rec) noexcept {
     return reinterpret_cast<ToolStateObject*>(rec);
 }
 inline UsageObject* as_usage(PyObject* rec) noexcept { return reinterpret_cast<UsageObject*>(rec); }
+
+// A native record's last_error (held), and its replacement by `value`; the
+// old message is dropped once the record is unlocked.
+Ref last_error_of(PyObject* rec) noexcept;
+void replace_last_error(PyObject* rec, Ref value) noexcept;
 
 // A default record made through the module's current `_ToolState` / `_Usage`.
 Ref new_tool_state(ModuleState* st, PyObject* module) noexcept;

@@ -98,11 +98,18 @@ struct UsageRow {
 
 Ref average_ms(ModuleState* st, PyObject* usage, UsageRow& row) {
     if (is_native_usage(st, usage)) {
-        UsageObject* u = as_usage(usage);
+        const UsageObject* u = as_usage(usage);
+        int64_t timed;
+        double total;
+        {
+            RecordLock lock(usage);
+            row.calls.value = u->calls;
+            timed = u->timed_calls;
+            total = u->total_ms;
+        }
         row.calls.native = true;
-        row.calls.value = u->calls;
-        if (u->timed_calls == 0) return Ref::borrow(Py_None);
-        const double mean = u->total_ms / static_cast<double>(u->timed_calls);
+        if (timed == 0) return Ref::borrow(Py_None);
+        const double mean = total / static_cast<double>(timed);
         return Ref(PyFloat_FromDouble(round_half_even(mean, 2)));
     }
     Ref timed(PyObject_GetAttr(usage, st->s_timed_calls));
@@ -194,7 +201,7 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
 // The entries of the usage map whose tool equals `tool_name`, from a snapshot.
 int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<Item>& out) {
     std::vector<Item> entries;
-    if (snapshot_items(self->usage, entries) < 0) return -1;
+    if (snapshot_items(load_field(self, &TrackerObject::usage).get(), entries) < 0) return -1;
     for (Item& entry : entries) {
         Ref tool = sequence_item(entry.key.get(), 0);
         if (!tool) return -1;
@@ -209,6 +216,7 @@ int entries_of(TrackerObject* self, PyObject* tool_name, std::vector<Item>& out)
 int read_count(ModuleState* st, PyObject* rec, PyObject* field, int64_t ToolStateObject::*native,
                Count& out) {
     if (is_native_state(st, rec)) {
+        RecordLock lock(rec);
         out.native = true;
         out.value = as_state(rec)->*native;
         return 0;
@@ -222,7 +230,8 @@ PyObject* summary_locked(ModuleState* st, TrackerObject* self) {
     // Both maps as they are at this instant: what follows runs host code
     // (hash and eq of names, key items, record getters, is_slow_call, ...).
     std::vector<Item> health, usage;
-    if (snapshot_items(self->state, health) < 0 || snapshot_items(self->usage, usage) < 0) {
+    if (snapshot_items(load_field(self, &TrackerObject::state).get(), health) < 0 ||
+        snapshot_items(load_field(self, &TrackerObject::usage).get(), usage) < 0) {
         return nullptr;
     }
     std::vector<ToolEntry> tools;

@@ -10,24 +10,21 @@
 
 namespace health {
 
-PyObject* module_attr_borrowed(PyObject* module, PyObject* name) noexcept {
-    PyObject* dict = PyModule_GetDict(module);  // borrowed, never fails for a module
-    PyObject* value = PyDict_GetItemWithError(dict, name);
-    if (value == nullptr && !PyErr_Occurred()) {
-        // The module's __name__ may have been deleted or replaced: named only as it is.
-        Ref module_name = Ref::borrow(PyDict_GetItemString(dict, "__name__"));
-        if (module_name && PyUnicode_CheckExact(module_name.get())) {
-            PyErr_Format(PyExc_AttributeError, "module '%U' has no attribute '%U'",
-                         module_name.get(), name);
-        } else {
-            PyErr_Format(PyExc_AttributeError, "module has no attribute '%U'", name);
-        }
-    }
-    return value;
-}
-
 Ref module_attr(PyObject* module, PyObject* name) noexcept {
-    return Ref::borrow(module_attr_borrowed(module, name));
+    PyObject* dict = PyModule_GetDict(module);  // borrowed, never fails for a module
+    Ref value;
+    if (dict_get_ref(dict, name, value) != 0) return value;
+    // The module's __name__ may have been deleted or replaced: named only as it is.
+    Ref module_name;
+    Ref key(PyUnicode_FromString("__name__"));
+    if (!key || dict_get_ref(dict, key.get(), module_name) < 0) return Ref();
+    if (module_name && PyUnicode_CheckExact(module_name.get())) {
+        PyErr_Format(PyExc_AttributeError, "module '%U' has no attribute '%U'", module_name.get(),
+                     name);
+    } else {
+        PyErr_Format(PyExc_AttributeError, "module has no attribute '%U'", name);
+    }
+    return Ref();
 }
 
 int snapshot_items(PyObject* map, std::vector<Item>& out) {
@@ -36,13 +33,24 @@ int snapshot_items(PyObject* map, std::vector<Item>& out) {
         return -1;
     }
     out.clear();
-    out.reserve(static_cast<size_t>(PyDict_GET_SIZE(map)));
-    Py_ssize_t pos = 0;
-    PyObject *key, *value;
-    while (PyDict_Next(map, &pos, &key, &value)) {
-        out.push_back(Item{Ref::borrow(key), Ref::borrow(value)});
+    for (;;) {
+        // Room is made outside the section (growing may throw); the walk inside
+        // only takes references, and starts over if the map grew meanwhile.
+        out.reserve(static_cast<size_t>(PyDict_GET_SIZE(map)));
+        bool fits = false;
+        {
+            ObjectLock lock(map);
+            if (static_cast<size_t>(PyDict_GET_SIZE(map)) <= out.capacity()) {
+                fits = true;
+                Py_ssize_t pos = 0;
+                PyObject *key, *value;
+                while (PyDict_Next(map, &pos, &key, &value)) {
+                    out.push_back(Item{Ref::borrow(key), Ref::borrow(value)});
+                }
+            }
+        }
+        if (fits) return 0;
     }
-    return 0;
 }
 
 namespace {
@@ -67,13 +75,11 @@ int wall_clock(ModuleState* st, PyObject* module, double* now) noexcept {
         return -1;
     }
     if (PyModule_CheckExact(time_mod.get())) {
-        PyObject* fn = PyDict_GetItemWithError(PyModule_GetDict(time_mod.get()), st->s_time);
-        if (fn == st->time_time) {  // compared, never used: the real clock, read natively
+        Ref fn;
+        if (dict_get_ref(PyModule_GetDict(time_mod.get()), st->s_time, fn) < 0) return -1;
+        if (fn.get() == st->time_time) {  // the real clock, read natively
             *now = realtime_seconds();
             return 0;
-        }
-        if (fn == nullptr && PyErr_Occurred()) {
-            return -1;
         }
     }
     Ref fn(PyObject_GetAttr(time_mod.get(), st->s_time));

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <optional>
 #include <structmember.h>
 
 namespace health {
@@ -13,7 +14,7 @@ namespace health {
 // Lock
 
 int check_ready(TrackerObject* self) noexcept {
-    if (!self->ready) {
+    if (!self->ready.get_acquire()) {
         PyErr_SetString(PyExc_RuntimeError, "ToolHealthTracker.__init__() has not run");
         return -1;
     }
@@ -63,7 +64,12 @@ PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
 HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
 
 int refuse_under_own_lock(TrackerObject* self) noexcept {
-    if (thread_holds.holds(self, self->lock)) {
+    const PyObject* lock;
+    {
+        ObjectLock fields(self);
+        lock = self->lock;  // compared only: a lock this thread holds is kept alive
+    }
+    if (thread_holds.holds(self, lock)) {
         PyErr_SetString(PyExc_RuntimeError,
                         "ToolHealthTracker re-entered from code that runs under its lock "
                         "(the lock is not re-entrant)");
@@ -114,21 +120,20 @@ template <class Make>
 static Ref find_or_insert(TrackerObject* self, PyObject* TrackerObject::*field, PyObject* key,
                           Make&& make) noexcept {
     {
-        Ref map = Ref::borrow(self->*field);
-        PyObject* found = PyDict_GetItemWithError(map.get(), key);
-        if (found != nullptr) return Ref::borrow(found);
-        if (PyErr_Occurred()) return Ref();
+        Ref map = load_field(self, field);
+        Ref found;
+        if (dict_get_ref(map.get(), key, found) != 0) return found;  // found, or an error
     }
     Ref fresh = make();
     if (!fresh) return Ref();
-    Ref map = Ref::borrow(self->*field);
+    Ref map = load_field(self, field);
     if (PyDict_SetItem(map.get(), key, fresh.get()) < 0) return Ref();
     return fresh;
 }
 
 // Adds `name` to `_dirty` as the field is now.
 static int mark_dirty(TrackerObject* self, PyObject* name) noexcept {
-    Ref dirty = Ref::borrow(self->dirty);
+    Ref dirty = load_field(self, &TrackerObject::dirty);
     return PySet_Add(dirty.get(), name);
 }
 
@@ -215,18 +220,17 @@ static int add_duration(double* total, PyObject* duration) noexcept {
 static PyObject* is_disabled_locked(ModuleState* st, TrackerObject* self, PyObject* name) {
     Ref rec;
     {
-        Ref state = Ref::borrow(self->state);
-        PyObject* found = PyDict_GetItemWithError(state.get(), name);
-        if (found == nullptr) {
-            if (PyErr_Occurred()) return nullptr;
-            return Py_NewRef(st->not_disabled);
-        }
-        rec = Ref::borrow(found);
+        Ref state = load_field(self, &TrackerObject::state);
+        const int found = dict_get_ref(state.get(), name, rec);
+        if (found <= 0) return found < 0 ? nullptr : Py_NewRef(st->not_disabled);
     }
     const bool native = is_native_state(st, rec.get());
+    // A native record stays locked through the operation (see records.hpp).
+    std::optional<RecordLock> locked;
     double disabled_at = 0.0;
     Ref disabled_obj;
     if (native) {
+        locked.emplace(rec.get());
         if (!as_state(rec.get())->has_disabled_at) return Py_NewRef(st->not_disabled);
         disabled_at = as_state(rec.get())->disabled_at;
     } else {
@@ -250,7 +254,8 @@ static PyObject* is_disabled_locked(ModuleState* st, TrackerObject* self, PyObje
     }
     if (expired < 0) return nullptr;
     if (expired == 0) {
-        Ref last = state_field(st, rec.get(), st->s_last_error);
+        Ref last = native ? Ref::borrow(as_state(rec.get())->last_error)
+                          : state_field(st, rec.get(), st->s_last_error);
         if (!last) return nullptr;
         return PyTuple_Pack(2, Py_True, last.get());
     }
@@ -277,6 +282,7 @@ static PyObject* record_success_locked(ModuleState* st, TrackerObject* self, PyO
     if (!rec) return nullptr;
     double now;
     if (is_native_state(st, rec.get())) {
+        RecordLock locked(rec.get());
         ToolStateObject* s = as_state(rec.get());
         if (increment(&s->call_count) < 0) return nullptr;
         s->consecutive_errors = 0;
@@ -305,6 +311,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
     PyObject* limits = self->limits;  // never replaced once the tracker is ready (see __init__)
     double now;
     if (is_native_state(st, rec.get())) {
+        RecordLock locked(rec.get());
         ToolStateObject* s = as_state(rec.get());
         if (increment(&s->call_count) < 0 || increment(&s->error_count) < 0 ||
             increment(&s->consecutive_errors) < 0) {
@@ -352,6 +359,7 @@ static PyObject* record_call_locked(ModuleState* st, TrackerObject* self, PyObje
                              [&] { return new_usage(st, self->module); });
     if (!rec) return nullptr;
     if (is_native_usage(st, rec.get())) {
+        RecordLock locked(rec.get());
         UsageObject* u = as_usage(rec.get());
         if (increment(&u->calls) < 0) return nullptr;
         if (duration != Py_None) {
@@ -370,7 +378,7 @@ static PyObject* record_call_locked(ModuleState* st, TrackerObject* self, PyObje
             if (!sum || PyObject_SetAttr(r, st->s_total_ms, sum.get()) < 0) return nullptr;
         }
     }
-    self->usage_dirty = true;
+    self->usage_dirty.set(true);
     Py_RETURN_NONE;
 }
 
@@ -497,7 +505,8 @@ static int lock_methods(ModuleState* st, PyObject* lock, Ref& acquire, Ref& rele
 }
 
 // Puts `lock` and its methods in place; the replaced ones go to `old`, to be
-// dropped by the caller once its fields are consistent (dropping may run host code).
+// dropped by the caller once its fields are consistent (dropping may run host
+// code). The caller holds the tracker's field lock.
 static void install_lock(TrackerObject* self, PyObject* lock, Ref& acquire, Ref& release,
                          Ref old[3]) noexcept {
     old[0].reset(self->lock);
@@ -518,7 +527,7 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
         return -1;
     }
     auto refuse_ready = [&] {
-        if (!self->ready) return 0;
+        if (!self->ready.get_acquire()) return 0;
         PyErr_SetString(PyExc_RuntimeError, "ToolHealthTracker is already initialized");
         return -1;
     };
@@ -543,24 +552,28 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     Ref usage(PyDict_New());
     if (!usage) return -1;
     // Everything above may have run host code, another __init__ of this
-    // tracker included: a ready tracker's fields are never replaced. From
-    // here to `ready` nothing runs host code; what the fields held before is
-    // dropped only afterwards.
-    if (refuse_ready() < 0) return -1;
+    // tracker included, on this thread or another: a ready tracker's fields
+    // are never replaced. The check and the installation are one step under
+    // the field lock, where nothing runs host code; what the fields held
+    // before is dropped only afterwards.
     Ref old[8];
-    install_lock(self, lock.get(), acquire, release, old);
-    old[3].reset(self->repo);
-    self->repo = repository_ref.release();
-    old[4].reset(self->limits);
-    self->limits = limits_ref.release();
-    old[5].reset(self->state);
-    self->state = state.release();
-    old[6].reset(self->dirty);
-    self->dirty = dirty.release();
-    old[7].reset(self->usage);
-    self->usage = usage.release();
-    self->usage_dirty = false;
-    self->ready = true;
+    {
+        ObjectLock fields(self);
+        if (refuse_ready() < 0) return -1;
+        install_lock(self, lock.get(), acquire, release, old);
+        old[3].reset(self->repo);
+        self->repo = repository_ref.release();
+        old[4].reset(self->limits);
+        self->limits = limits_ref.release();
+        old[5].reset(self->state);
+        self->state = state.release();
+        old[6].reset(self->dirty);
+        self->dirty = dirty.release();
+        old[7].reset(self->usage);
+        self->usage = usage.release();
+        self->usage_dirty.set(false);
+        self->ready.set_release(true);
+    }
     for (Ref& field : old) field.reset();
     if (!call_own(self, st->s__load, tracker_load)) return -1;
     if (!call_own(self, st->s__load_usage, tracker_load_usage)) return -1;
@@ -588,7 +601,7 @@ static int tracker_traverse(PyObject* op, visitproc visit, void* arg) {
 
 static int tracker_clear(PyObject* op) {
     TrackerObject* self = as_tracker(op);
-    self->ready = false;
+    self->ready.set(false);
     Py_CLEAR(self->repo);
     Py_CLEAR(self->limits);
     Py_CLEAR(self->lock);
@@ -617,12 +630,15 @@ static void tracker_dealloc(PyObject* op) {
 // ---------------------------------------------------------------------------
 // Attributes
 
-static PyObject* field_or_none(PyObject* value) {
-    return Py_NewRef(value != nullptr ? value : Py_None);
+static PyObject* field_or_none(TrackerObject* self, PyObject* TrackerObject::*field) {
+    Ref value = load_field(self, field);
+    return value ? value.release() : Py_NewRef(Py_None);
 }
 
-#define HEALTH_FIELD_GETTER(field) \
-    static PyObject* get_##field(PyObject* self, void*) { return field_or_none(as_tracker(self)->field); }
+#define HEALTH_FIELD_GETTER(field)                                \
+    static PyObject* get_##field(PyObject* self, void*) {         \
+        return field_or_none(as_tracker(self), &TrackerObject::field); \
+    }
 HEALTH_FIELD_GETTER(repo)
 HEALTH_FIELD_GETTER(lock)
 HEALTH_FIELD_GETTER(state)
@@ -647,7 +663,12 @@ static int set_container(PyObject* op, PyObject* value, PyTypeObject* type, cons
                      Py_TYPE(value)->tp_name);
         return -1;
     }
-    Py_XSETREF(as_tracker(op)->*member, Py_NewRef(value));
+    Ref old;
+    {
+        ObjectLock fields(op);
+        old.reset(as_tracker(op)->*member);
+        as_tracker(op)->*member = Py_NewRef(value);
+    }
     return 0;
 }
 
@@ -667,7 +688,10 @@ static int set_lock_attr(PyObject* op, PyObject* value, void*) {
     if (lock_methods(self->st, lock.get(), acquire, release) < 0) return -1;
     // An operation that holds the old lock keeps its own references to it.
     Ref old[3];
-    install_lock(self, lock.get(), acquire, release, old);
+    {
+        ObjectLock fields(self);
+        install_lock(self, lock.get(), acquire, release, old);
+    }
     return 0;
 }
 
@@ -684,7 +708,7 @@ static PyObject* get_cooldown_s(PyObject* op, void*) {
 }
 
 static PyObject* get_usage_dirty(PyObject* self, void*) {
-    return PyBool_FromLong(as_tracker(self)->usage_dirty);
+    return PyBool_FromLong(as_tracker(self)->usage_dirty.get());
 }
 
 static int set_usage_dirty(PyObject* self, PyObject* value, void*) {
@@ -694,7 +718,7 @@ static int set_usage_dirty(PyObject* self, PyObject* value, void*) {
     }
     const int truth = PyObject_IsTrue(value);
     if (truth < 0) return -1;
-    as_tracker(self)->usage_dirty = truth == 1;
+    as_tracker(self)->usage_dirty.set(truth == 1);
     return 0;
 }
 

@@ -21,8 +21,10 @@ struct BoundCall {
 // The fields a host may assign (`_state`, `_usage`, `_dirty`, `_lock`) are
 // checked on assignment, so an operation always finds an exact dict, an exact
 // set and a lock with callable acquire and release. They may change whenever
-// host code runs: an operation holds what it uses and reads a field again
-// where a step names it (see ref.hpp).
+// host code runs, on this thread or another: they are read and replaced under
+// the tracker's own lock (sync.hpp), an operation holds what it read
+// (load_field) and reads a field again where a step names it (see ref.hpp).
+// `_repo` and `_limits` never change once `ready` is set.
 struct TrackerObject {
     PyObject_HEAD
     PyObject* module;   // the module whose attributes every operation reads
@@ -36,12 +38,18 @@ struct TrackerObject {
     PyObject* dirty;    // _dirty: set of tool names
     PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
     PyObject* weakrefs;
-    bool usage_dirty;   // _usage_dirty
-    bool ready;         // __init__ has set the fields
+    Flag usage_dirty;   // _usage_dirty
+    Flag ready;         // __init__ has set the fields
 };
 
 inline TrackerObject* as_tracker(PyObject* self) noexcept {
     return reinterpret_cast<TrackerObject*>(self);
+}
+
+// One of the replaceable fields as it is now, held.
+inline Ref load_field(TrackerObject* self, PyObject* TrackerObject::*field) noexcept {
+    ObjectLock lock(self);
+    return Ref::borrow(self->*field);
 }
 
 // The trackers, and the lock objects, that this thread holds through an
@@ -110,18 +118,22 @@ public:
 
     HEALTH_ALWAYS_INLINE int acquire() noexcept {
         if (thread_holds.count > 0 && refuse_under_own_lock(t_) < 0) return -1;
-        // The lock and its acquire and release, kept alive through the hold: a
-        // host acquire, or another thread while this one waits, may assign a
+        // The lock and its acquire and release, read together and kept alive
+        // through the hold: a host acquire, or another thread, may assign a
         // new `_lock`. The lock object keeps builtin methods bound to it (the
         // real lock: one reference for all), anything else is kept itself.
-        const BoundCall acquire = t_->acquire;
-        release_ = t_->release;
-        keep_ = Ref::borrow(t_->lock);
+        BoundCall acquire;
         Ref keep_acquire;
-        if (acquire.function == nullptr || release_.function == nullptr ||
-            acquire.self != keep_.get() || release_.self != keep_.get()) {
-            keep_acquire = Ref::borrow(acquire.method);
-            keep_method_ = Ref::borrow(release_.method);
+        {
+            ObjectLock fields(t_);
+            acquire = t_->acquire;
+            release_ = t_->release;
+            keep_ = Ref::borrow(t_->lock);
+            if (acquire.function == nullptr || release_.function == nullptr ||
+                acquire.self != keep_.get() || release_.self != keep_.get()) {
+                keep_acquire = Ref::borrow(acquire.method);
+                keep_method_ = Ref::borrow(release_.method);
+            }
         }
         // The thread counts as holding the lock from before its acquire until
         // after its release: a host lock's methods may call back too.
