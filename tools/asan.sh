@@ -54,8 +54,14 @@ runtime() {
 # (a C++ exception thrown in the module would otherwise hit a failed CHECK).
 export LD_PRELOAD="$(runtime libasan.so) $(runtime libstdc++.so)"
 # Every Python object from malloc: the interpreter's small-object allocator would
-# hide an overflow or a use after free of a Python object inside its own arenas.
-export PYTHONMALLOC=malloc
+# hide an overflow or a use after free of a Python object inside its own arenas. A
+# free-threaded build allocates objects with mimalloc only; its debug hooks (guard bytes,
+# freed memory overwritten) are the nearest it offers.
+if PYTHONMALLOC=malloc "$python" -c '' 2>/dev/null; then
+  export PYTHONMALLOC=malloc
+else
+  export PYTHONMALLOC=mimalloc_debug
+fi
 # detect_leaks=0: the interpreter deliberately does not free its modules, types and
 # interned objects at exit, so LeakSanitizer would report thousands of blocks that
 # are not ours. The module's reference leaks are checked by tests/test_leaks.py
