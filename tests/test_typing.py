@@ -12,6 +12,8 @@ import pytest
 
 pytest.importorskip("mypy")
 
+from mypy.version import __version__ as mypy_version  # noqa: E402
+
 import ordanis_veltrane  # noqa: E402
 
 
@@ -28,7 +30,13 @@ def run(args: list[str], tmp_path: Path) -> subprocess.CompletedProcess[str]:
 
 
 def test_stubtest(tmp_path: Path) -> None:
-    result = run(["mypy.stubtest", "ordanis_veltrane.tool_handlers.health"], tmp_path)
+    args = ["mypy.stubtest", "ordanis_veltrane.tool_handlers.health"]
+    if int(mypy_version.split(".")[0]) < 2:
+        # Before 2.0, stubtest misreads typing.Any (a class since 3.11) on CPython 3.13, and 2.x
+        # has no wheel for the free-threaded 3.13t: only the module's re-export of Any is excused.
+        (tmp_path / "allow.txt").write_text(r"ordanis_veltrane\.tool_handlers\.health\.Any(\..*)?" + "\n")
+        args += ["--allowlist", "allow.txt", "--ignore-unused-allowlist"]
+    result = run(args, tmp_path)
     assert result.returncode == 0, result.stdout + result.stderr
 
 

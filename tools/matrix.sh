@@ -1,24 +1,31 @@
 #!/usr/bin/env bash
 # Builds the wheel and runs the whole test suite against every CPython the package
-# claims (3.10 to 3.13), each in a fresh virtual environment with the [test] extra.
-# The tests run from a copy of tests/ and benchmarks/ outside the source tree, so the
-# installed wheel is what they import.
+# claims (3.10 to 3.14, and the free-threaded 3.13t), each in a fresh virtual environment
+# with the [test,mcp] extras. The tests run from a copy of tests/ and benchmarks/ outside
+# the source tree, so the installed wheel is what they import.
 #
-#   tools/matrix.sh                       # 3.10 3.11 3.12 3.13
-#   tools/matrix.sh 3.12 3.13             # some of them
+#   tools/matrix.sh                       # 3.10 3.11 3.12 3.13 3.14 3.13t
+#   tools/matrix.sh 3.12 3.13t            # some of them
 #   PYTHON3_12=/opt/py/bin/python3.12 tools/matrix.sh   # this interpreter for 3.12
 #   MATRIX_KEEP=1 tools/matrix.sh         # keep the work directory (wheels, venvs, logs)
 #
 # An interpreter is found as $PYTHON3_X, else the newest $PYENV_ROOT/versions/3.X.N,
-# else python3.X on PATH. One line per version, then the total:
+# else python3.X on PATH. Two come from ../shared/python (SHARED overrides the folder):
+#   3.14   Debian's CPython 3.14 in a root of its own (py314.sh; ROOT314, default
+#          /opt/sid-py314): the build and the suite run inside that root;
+#   3.13t  CPython 3.13 built with --disable-gil (freethreaded.sh), with the GIL off: nothing
+#          sets PYTHON_GIL. Its test tools are binary wheels only (--only-binary :all:), and
+#          without the mcp extra, whose dependencies have no such wheels.
+# One line per version, then the total:
 #   3.12.1   ok       passed 229  failed 0  errors 0  skipped 8    95 s
 # Exits non-zero when any version is missing, fails to build or fails a test; the
 # tail of a failed version's log is printed.
 set -uo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-if (($#)); then versions=("$@"); else versions=(3.10 3.11 3.12 3.13); fi
-# Nothing from the caller's environment decides what the venvs import.
-unset PYTHONPATH PYTHONHOME PYTHONSTARTUP PYTHONUSERBASE
+if (($#)); then versions=("$@"); else versions=(3.10 3.11 3.12 3.13 3.14 3.13t); fi
+shared=${SHARED:-$top/../shared}
+# Nothing from the caller's environment decides what the venvs import, nor turns the GIL on.
+unset PYTHONPATH PYTHONHOME PYTHONSTARTUP PYTHONUSERBASE PYTHON_GIL
 export PIP_DISABLE_PIP_VERSION_CHECK=1 PIP_NO_INPUT=1 PYTHONDONTWRITEBYTECODE=1
 build_timeout=${MATRIX_BUILD_TIMEOUT:-900}
 test_timeout=${MATRIX_TEST_TIMEOUT:-1800}
@@ -32,6 +39,10 @@ fi
 
 # The interpreter for version X.Y, checked to be that version.
 find_python() {
+  if [ "$1" = 3.13t ]; then
+    "$shared/python/freethreaded.sh" 2>>"$work/freethreaded.log" | tail -n 1
+    return "${PIPESTATUS[0]}"
+  fi
   local v=$1 var="PYTHON${1/./_}" c
   local candidates=()
   if [ -n "${!var:-}" ]; then
@@ -73,30 +84,58 @@ for v in "${versions[@]}"; do
   dir="$work/$v"
   log="$dir/log"
   mkdir -p "$dir"
-  if ! py=$(find_python "$v"); then
-    results+=("$(printf '%-8s %-8s no python%s on this machine%s' "$v" missing "$v" \
-      "$(var="PYTHON${v/./_}"; [ -n "${!var:-}" ] && echo " (\$$var is ${!var})")")")
-    failed+=("$v (missing)")
-    echo "${results[-1]}"
-    continue
-  fi
-  full=$("$py" -c 'import platform; print(platform.python_version())')
   start=$SECONDS
   status=ok
-  {
-    echo "== $py ($full)"
-    "$py" -m venv "$dir/venv" &&
-      timeout "$build_timeout" "$dir/venv/bin/python" -m pip wheel "$top" --no-deps -w "$dir/dist" &&
-      wheel=$(ls "$dir"/dist/*.whl) &&
-      "$dir/venv/bin/python" -m pip install "${wheel}[test]" &&
-      cp -r "$top/tests" "$top/benchmarks" "$dir/"
-  } >"$log" 2>&1 || status=build
-  if [ "$status" = ok ]; then
-    (cd "$dir" && timeout "$test_timeout" "$dir/venv/bin/python" -m pytest tests -q -ra \
-      -p no:cacheprovider --junitxml="$dir/junit.xml") >>"$log" 2>&1 || status=tests
+  if [ "$v" = 3.14 ]; then
+    # Inside the root: a copy of the tree, its own venv, wheel and suite; the report comes back.
+    root=${ROOT314:-/opt/sid-py314}
+    if ! "$shared/python/py314.sh" setup "$root" >"$log" 2>&1; then
+      results+=("$(printf '%-8s %-8s the CPython 3.14 root could not be made (%s)' "$v" missing "$root")")
+      failed+=("$v (missing)")
+      echo "${results[-1]}"
+      tail -n 20 "$log" >&2
+      continue
+    fi
+    full=$(chroot "$root" python3.14 -c 'import platform; print(platform.python_version())')
+    "$shared/python/py314.sh" run "$root" "$top" '
+      set -e
+      rm -rf /tmp/venv /tmp/dist /tmp/suite
+      python3.14 -m venv /tmp/venv
+      /tmp/venv/bin/python -m pip wheel . --no-deps -w /tmp/dist
+      /tmp/venv/bin/python -m pip install "$(ls /tmp/dist/*.whl)[test,mcp]"
+      mkdir -p /tmp/suite && cp -r tests benchmarks /tmp/suite/
+      touch /work/project/.built
+      cd /tmp/suite && timeout '"$test_timeout"' /tmp/venv/bin/python -m pytest tests -q -ra \
+        -p no:cacheprovider --junitxml=/work/project/junit.xml' >>"$log" 2>&1 || status=tests
+    [ -f "$root/work/project/.built" ] || status=build
+    [ -f "$root/work/project/junit.xml" ] && cp "$root/work/project/junit.xml" "$dir/junit.xml"
+    reporter=$(command -v python3)
+  else
+    if ! py=$(find_python "$v") || [ -z "$py" ]; then
+      results+=("$(printf '%-8s %-8s no python%s on this machine%s' "$v" missing "$v" \
+        "$(var="PYTHON${v/./_}"; [ -n "${!var:-}" ] && echo " (\$$var is ${!var})")")")
+      failed+=("$v (missing)")
+      echo "${results[-1]}"
+      continue
+    fi
+    full=$("$py" -c 'import platform, sys; print(platform.python_version() + ("t" if not getattr(sys, "_is_gil_enabled", lambda: True)() else ""))')
+    if [ "$v" = 3.13t ]; then extras="[test]"; only=(--only-binary :all:); else extras="[test,mcp]"; only=(); fi
+    {
+      echo "== $py ($full)"
+      "$py" -m venv "$dir/venv" &&
+        timeout "$build_timeout" "$dir/venv/bin/python" -m pip wheel "$top" --no-deps -w "$dir/dist" &&
+        wheel=$(ls "$dir"/dist/*.whl) &&
+        "$dir/venv/bin/python" -m pip install "${only[@]}" "${wheel}${extras}" &&
+        cp -r "$top/tests" "$top/benchmarks" "$dir/"
+    } >"$log" 2>&1 || status=build
+    if [ "$status" = ok ]; then
+      (cd "$dir" && timeout "$test_timeout" "$dir/venv/bin/python" -m pytest tests -q -ra \
+        -p no:cacheprovider --junitxml="$dir/junit.xml") >>"$log" 2>&1 || status=tests
+    fi
+    reporter="$dir/venv/bin/python"
   fi
   seconds=$((SECONDS - start))
-  if [ -f "$dir/junit.xml" ] && read -r n_pass n_fail n_err n_skip < <(counts "$dir/venv/bin/python" "$dir/junit.xml"); then
+  if [ -f "$dir/junit.xml" ] && read -r n_pass n_fail n_err n_skip < <(counts "$reporter" "$dir/junit.xml"); then
     line=$(printf '%-8s %-8s passed %3d  failed %d  errors %d  skipped %d  %4d s' \
       "$full" "$([ "$status" = ok ] && echo ok || echo FAILED)" "$n_pass" "$n_fail" "$n_err" "$n_skip" "$seconds")
   else
