@@ -1,4 +1,4 @@
-// ToolHealthTracker: construction, the lock, and the four operations on every
+// ToolHealthTracker: construction, and the four operations on every
 // tool call. These change only memory: each takes the tracker's lock, looks one
 // record up, updates a few fields and marks what the mirror must receive.
 #include "tracker.hpp"
@@ -11,88 +11,7 @@
 namespace health {
 
 // ---------------------------------------------------------------------------
-// Lock
-
-int check_ready(TrackerObject* self) noexcept {
-    if (!self->ready.get_acquire()) {
-        PyErr_SetString(PyExc_RuntimeError, "ToolHealthTracker.__init__() has not run");
-        return -1;
-    }
-    return 0;
-}
-
-void BoundCall::bind(PyObject* bound) noexcept {
-    method = bound;
-    function = nullptr;
-    self = nullptr;
-    flags = 0;
-    if (bound != nullptr && PyCFunction_Check(bound)) {
-        const int f = PyCFunction_GET_FLAGS(bound);
-        const int kinds = METH_VARARGS | METH_KEYWORDS | METH_NOARGS | METH_FASTCALL;
-        if ((f & ~kinds & ~METH_COEXIST) == 0 && PyCFunction_GET_SELF(bound) != nullptr) {
-            function = PyCFunction_GET_FUNCTION(bound);
-            self = PyCFunction_GET_SELF(bound);
-            flags = f & kinds;
-        }
-    }
-}
-
-PyObject* BoundCall::operator()(PyObject* empty_tuple) const noexcept {
-    using WithKeywords = PyObject* (*)(PyObject*, PyObject*, PyObject*);
-    using Fast = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t);
-    using FastWithKeywords = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t, PyObject*);
-    auto as = [](PyCFunction f) { return reinterpret_cast<void (*)(void)>(f); };
-    PyObject* result;
-    switch (function != nullptr ? flags : -1) {
-        case METH_NOARGS: result = function(self, nullptr); break;
-        case METH_VARARGS: result = function(self, empty_tuple); break;
-        case METH_VARARGS | METH_KEYWORDS:
-            result = reinterpret_cast<WithKeywords>(as(function))(self, empty_tuple, nullptr);
-            break;
-        case METH_FASTCALL: result = reinterpret_cast<Fast>(as(function))(self, nullptr, 0); break;
-        case METH_FASTCALL | METH_KEYWORDS:
-            result = reinterpret_cast<FastWithKeywords>(as(function))(self, nullptr, 0, nullptr);
-            break;
-        default: return PyObject_Vectorcall(method, nullptr, 0, nullptr);
-    }
-    if (result == nullptr && !PyErr_Occurred()) {
-        PyErr_SetString(PyExc_SystemError, "a lock method failed without an exception");
-    }
-    return result;
-}
-
-HEALTH_TLS_MODEL thread_local ThreadHolds thread_holds;
-
-int refuse_under_own_lock(TrackerObject* self) noexcept {
-    const PyObject* lock;
-    {
-        ObjectLock fields(self);
-        lock = self->lock;  // compared only: a lock this thread holds is kept alive
-    }
-    if (thread_holds.holds(self, lock)) {
-        PyErr_SetString(PyExc_RuntimeError,
-                        "ToolHealthTracker re-entered from code that runs under its lock "
-                        "(the lock is not re-entrant)");
-        return -1;
-    }
-    if (thread_holds.full()) {
-        PyErr_SetString(PyExc_RuntimeError,
-                        "ToolHealthTracker operations nested too deeply through host code");
-        return -1;
-    }
-    return 0;
-}
-
-LockHold::~LockHold() {
-    if (!held_) return;
-    if (PyErr_Occurred()) {
-        // Keep the operation's own error; a failing release cannot replace it.
-        PendingError keep;
-        if (release() < 0) PyErr_Clear();
-    } else if (release() < 0) {
-        PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(t_));
-    }
-}
+// Construction's own calls
 
 Ref call_own(TrackerObject* self, PyObject* name, PyCFunction native) noexcept {
     ModuleState* st = self->st;
@@ -486,37 +405,6 @@ static PyObject* tracker_new(PyTypeObject* type, PyObject*, PyObject*) {
     return self;
 }
 
-// The bound acquire() and release() of `lock`: TypeError unless both are callable.
-static int lock_methods(ModuleState* st, PyObject* lock, Ref& acquire, Ref& release) noexcept {
-    acquire.reset(PyObject_GetAttr(lock, st->s_acquire));
-    if (acquire) release.reset(PyObject_GetAttr(lock, st->s_release));
-    if (!acquire || !release) {
-        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return -1;
-        PyErr_Clear();
-    }
-    if (!acquire || !release || !PyCallable_Check(acquire.get()) ||
-        !PyCallable_Check(release.get())) {
-        PyErr_Format(PyExc_TypeError,
-                     "_lock must have callable acquire() and release(), not %.100s",
-                     Py_TYPE(lock)->tp_name);
-        return -1;
-    }
-    return 0;
-}
-
-// Puts `lock` and its methods in place; the replaced ones go to `old`, to be
-// dropped by the caller once its fields are consistent (dropping may run host
-// code). The caller holds the tracker's field lock.
-static void install_lock(TrackerObject* self, PyObject* lock, Ref& acquire, Ref& release,
-                         Ref old[3]) noexcept {
-    old[0].reset(self->lock);
-    old[1].reset(self->acquire.method);
-    old[2].reset(self->release.method);
-    self->lock = Py_NewRef(lock);
-    self->acquire.bind(acquire.release());
-    self->release.bind(release.release());
-}
-
 static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds) {
     ModuleState* st = self->st;
     static const char* kwlist[] = {"repository", "limits", nullptr};
@@ -560,7 +448,7 @@ static int tracker_init_impl(TrackerObject* self, PyObject* args, PyObject* kwds
     {
         ObjectLock fields(self);
         if (refuse_ready() < 0) return -1;
-        install_lock(self, lock.get(), acquire, release, old);
+        install_lock(self->lock, lock.get(), acquire, release, old);
         old[3].reset(self->repo);
         self->repo = repository_ref.release();
         old[4].reset(self->limits);
@@ -590,9 +478,9 @@ static int tracker_traverse(PyObject* op, visitproc visit, void* arg) {
     Py_VISIT(self->module);
     Py_VISIT(self->repo);
     Py_VISIT(self->limits);
-    Py_VISIT(self->lock);
-    Py_VISIT(self->acquire.method);
-    Py_VISIT(self->release.method);
+    Py_VISIT(self->lock.object);
+    Py_VISIT(self->lock.acquire.method);
+    Py_VISIT(self->lock.release.method);
     Py_VISIT(self->state);
     Py_VISIT(self->dirty);
     Py_VISIT(self->usage);
@@ -604,11 +492,7 @@ static int tracker_clear(PyObject* op) {
     self->ready.set(false);
     Py_CLEAR(self->repo);
     Py_CLEAR(self->limits);
-    Py_CLEAR(self->lock);
-    Py_CLEAR(self->acquire.method);
-    Py_CLEAR(self->release.method);
-    self->acquire.bind(nullptr);
-    self->release.bind(nullptr);
+    clear_lock(self->lock);
     Py_CLEAR(self->state);
     Py_CLEAR(self->dirty);
     Py_CLEAR(self->usage);
@@ -640,7 +524,6 @@ static PyObject* field_or_none(TrackerObject* self, PyObject* TrackerObject::*fi
         return field_or_none(as_tracker(self), &TrackerObject::field); \
     }
 HEALTH_FIELD_GETTER(repo)
-HEALTH_FIELD_GETTER(lock)
 HEALTH_FIELD_GETTER(state)
 HEALTH_FIELD_GETTER(dirty)
 HEALTH_FIELD_GETTER(usage)
@@ -681,6 +564,12 @@ static int set_usage(PyObject* op, PyObject* value, void*) {
 static int set_dirty(PyObject* op, PyObject* value, void*) {
     return set_container(op, value, &PySet_Type, "_dirty", &TrackerObject::dirty);
 }
+static PyObject* get_lock(PyObject* op, void*) {
+    TrackerObject* self = as_tracker(op);
+    ObjectLock fields(self);
+    return Py_NewRef(self->lock.object != nullptr ? self->lock.object : Py_None);
+}
+
 static int set_lock_attr(PyObject* op, PyObject* value, void*) {
     if (refuse_delete(value, "_lock") < 0) return -1;
     TrackerObject* self = as_tracker(op);
@@ -690,7 +579,7 @@ static int set_lock_attr(PyObject* op, PyObject* value, void*) {
     Ref old[3];
     {
         ObjectLock fields(self);
-        install_lock(self, lock.get(), acquire, release, old);
+        install_lock(self->lock, lock.get(), acquire, release, old);
     }
     return 0;
 }
