@@ -1,5 +1,8 @@
 """The health summary: order, map shapes, mean times, slow calls, an oracle (a raising is_slow_call: test_hostile)."""
 
+import enum
+import json
+import types
 from datetime import datetime, timezone
 from typing import Any
 
@@ -34,8 +37,7 @@ def oracle(tracker: Any, is_slow: Any) -> list[dict[str, Any]]:
                  "avg_ms": None if u.timed_calls == 0 else round(u.total_ms / u.timed_calls, 2),
                  "slow": is_slow(name, action)}
                 for (tool, action, outcome, alias), u in tracker._usage.items() if tool == name]
-        rows.sort(key=lambda r: (-r["calls"], "None" if r["action"] is None else r["action"], r["outcome"],
-                                 r["alias_hit"]))
+        rows.sort(key=lambda r: (-r["calls"], str(r["action"]), r["outcome"], r["alias_hit"]))
         out.append({"tool_name": name, "call_count": s.call_count if s else 0, "error_count": s.error_count if s else 0,
                     "last_error": s.last_error if s else None, "disabled": bool(s and s.disabled_at is not None),
                     "disabled_at": stamp(s.disabled_at) if s else None, "updated_at": stamp(s.updated_at if s else 0.0),
@@ -72,13 +74,18 @@ def test_tool_order_and_default_records() -> None:
     assert tracker.get_health_summary()[3]["usage"] and tracker._dirty == set() and tracker._usage_dirty is False
 
 
+class Kind(enum.Enum):  # an action that is no text: it sorts as its text
+    TEXT = "text"
+    SYM = "sym"
+
+
 names = st.sampled_from(["a", "b", "c", "ab", "é", "B"])
 states = st.dictionaries(names, st.tuples(
     st.integers(0, 3), st.integers(0, 3), st.sampled_from([None, "", "boom"]),
     st.sampled_from([None, 0.0, 1.5, 1_700_000_000.25, -1.5]), st.sampled_from([0.0, 59.9, 1_700_000_000.75]),
     st.integers(0, 2)), max_size=5)
 usages = st.lists(st.tuples(
-    st.tuples(names, st.sampled_from([None, "None", "", "A", "a", "N", "Z", "x"]),
+    st.tuples(names, st.sampled_from([None, "None", "", "A", "a", "N", "Z", "x", Kind.TEXT, Kind.SYM, 7, b"x"]),
               st.sampled_from(["ok", "error", "Ok"]), st.booleans()),
     st.tuples(st.integers(0, 3), st.integers(0, 3), st.floats(0, 1e4, allow_nan=False))), max_size=14)
 
@@ -103,3 +110,15 @@ def test_summary_matches_oracle(monkeypatch, state_fields, usage) -> None:
     assert got == oracle(tracker, is_slow) and shape(got) == shape(oracle(tracker, is_slow))
     # asked once per row: the tools in the summary's order, each tool's keys in the map's order
     assert seen == [(r["tool_name"], k[1]) for r in got for k in tracker._usage if k[0] == r["tool_name"]]
+
+
+def test_actions_of_any_kind_sort_as_their_text(monkeypatch: pytest.MonkeyPatch) -> None:
+    """Enum members, numbers (also as read back from the document) and bytes beside text: ordered by str()."""
+    monkeypatch.setattr(health, "TOOLS", {"t": types.SimpleNamespace(action=lambda action: action)})
+    db = MemDb((), (json.dumps([{"tool": "t", "action": a, "outcome": "ok", "alias_hit": False, "calls": 1,
+                                  "timed_calls": 0, "total_ms": 0.0} for a in (12, "b", None, 3.5)]),))
+    tracker = tracker_over(db)
+    for action in (Kind.SYM, b"a", "None", Kind.TEXT, 12):
+        tracker.record_call("t", action, "ok", alias_hit=False, duration_ms=None)
+    got = [(r["action"], r["calls"]) for r in tracker.get_health_summary()[0]["usage"]]
+    assert got == [(12, 2), (3.5, 1), (Kind.SYM, 1), (Kind.TEXT, 1), (None, 1), ("None", 1), ("b", 1), (b"a", 1)]

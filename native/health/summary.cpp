@@ -91,7 +91,8 @@ struct ToolEntry {
 struct UsageRow {
     Ref row;
     Count calls;
-    Ref action_text;  // the action, or "None" for a null action
+    Ref action;
+    Ref action_text;  // str() of the action: "None" for a null action
     Ref outcome;
     Ref alias_hit;
 };
@@ -175,9 +176,19 @@ PyObject* build_rows(ModuleState* st, PyObject* module, PyObject* tool_name,
             PyDict_SetItem(row.get(), st->s_slow, slow.get()) < 0) {
             return nullptr;
         }
-        r.action_text = Ref::borrow(action.get() == Py_None ? st->none_str : action.get());
+        r.action = std::move(action);
         r.row = std::move(row);
         rows.push_back(std::move(r));
+    }
+    // An action takes part in the order as its text, whatever object it is (an enum member,
+    // a number read from the document, bytes): each row's text is taken once, in order,
+    // after every row is built, as a sort key is. Text and a null action need no call.
+    for (UsageRow& r : rows) {
+        PyObject* action = r.action.get();
+        r.action_text = PyUnicode_CheckExact(action) ? Ref::borrow(action)
+                        : action == Py_None         ? Ref::borrow(st->none_str)
+                                                    : Ref(PyObject_Str(action));
+        if (!r.action_text) return nullptr;
     }
     if (box_if_mixed(rows, &UsageRow::calls) < 0) return nullptr;
     // Most calls first, then action text, outcome, and alias_hit False before True.
