@@ -18,7 +18,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 python=$("${PYTHON:-python3}" -c 'import sys; print(sys.executable)')
 # One build tree per interpreter: the .so names differ by version, and a tree shared
 # between versions would hold two of them.
-build="$top/build/asan-$("$python" -c 'import sys; print(sys.implementation.cache_tag)')"
+build="$top/build/asan-$("$python" -c 'import sys, sysconfig; print(sys.implementation.cache_tag + ("t" if sysconfig.get_config_var("Py_GIL_DISABLED") else ""))')"
 
 # The same configuration as `HEALTH_SANITIZE=ON tools/dev-build.sh`, without its copy into src/.
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo} \

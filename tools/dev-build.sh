@@ -8,7 +8,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 sanitize=${HEALTH_SANITIZE:-OFF}
 kind=$([ "$sanitize" = ON ] && echo asan || echo dev)
 python=${PYTHON:-python3}
-tag=$("$python" -c 'import sys; print(sys.implementation.cache_tag)')
+tag=$("$python" -c 'import sys, sysconfig; print(sys.implementation.cache_tag + ("t" if sysconfig.get_config_var("Py_GIL_DISABLED") else ""))')
 build="$top/build/$kind-$tag"
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=${BUILD_TYPE:-RelWithDebInfo} \
   -DHEALTH_SANITIZE="$sanitize" -DPython_EXECUTABLE="$(command -v "$python")" >/dev/null

@@ -13,7 +13,7 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 shared=${SHARED:-$top/../shared}
 python=${TSAN_PYTHON:-$(TSAN=1 "$shared/python/freethreaded.sh" | tail -n 1)}
-build="$top/build/tsan-$("$python" -c 'import sys; print(sys.implementation.cache_tag)')"
+build="$top/build/tsan-$("$python" -c 'import sys, sysconfig; print(sys.implementation.cache_tag + ("t" if sysconfig.get_config_var("Py_GIL_DISABLED") else ""))')"
 
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DHEALTH_SANITIZE=thread -DPython_EXECUTABLE="$python" >/dev/null
