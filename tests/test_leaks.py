@@ -1,8 +1,11 @@
 """Reference leaks: every operation and failure path, run thousands of times, leaves the allocated blocks flat."""
 
+import copy
+import dataclasses
 import gc
 import json
 import logging
+import pickle
 import sys
 import threading
 import types
@@ -104,6 +107,7 @@ GROUPS: dict[str, dict[str, Any]] = {
         "hash(w.rec)": TypeError, "U(), U(1, 2, 3.5)": None, "U(2**63)": OverflowError,
         "U(1, 1, 'x')": (TypeError, ValueError), "setattr(w.use, 'calls', 1), setattr(w.use, 'total_ms', 0.5)": None,
         "setattr(w.use, 'total_ms', None)": TypeError,
+        "pickle.loads(pickle.dumps(w.rec)), copy.deepcopy(w.use), dataclasses.replace(w.rec, call_count=2)": None,
     },
     "load": {
         "T(ROWS, (DOC,), limits=ToolsConfig())": None, "h.ToolHealthTracker(repository=NS(db=MemDb()))": None,

@@ -1,6 +1,9 @@
 """The health and usage records, and the registry test for usage keys."""
 
+import copy
+import dataclasses
 import gc
+import pickle
 import weakref
 from typing import Any
 
@@ -15,6 +18,25 @@ USAGE = (health._Usage, ("calls", "timed_calls", "total_ms"), (7, 6, 12.5))
 
 def fields(record: Any, names: tuple[str, ...]) -> tuple[Any, ...]:
     return tuple(getattr(record, n) for n in names)
+
+
+@pytest.mark.parametrize(("cls", "names", "values"), [STATE, USAGE])
+def test_records_behave_as_their_dataclass(cls: type, names: tuple[str, ...], values: tuple) -> None:
+    twin = dataclasses.make_dataclass(cls.__name__, [(n, Any, d) for n, d in zip(names, fields(cls(), names))])
+    record, expected = cls(*values), twin(*values)
+    assert dataclasses.is_dataclass(record) and dataclasses.is_dataclass(cls)
+    assert [(f.name, f.default) for f in dataclasses.fields(record)] == [(f.name, f.default)
+                                                                           for f in dataclasses.fields(expected)]
+    assert dataclasses.asdict(record) == dataclasses.asdict(expected) and cls.__match_args__ == names
+    changed = dataclasses.replace(record, **{names[-1]: 9})
+    assert type(changed) is cls and fields(changed, names) == (*values[:-1], 9) and fields(record, names) == values
+    copies = [copy.copy(record), copy.deepcopy(record)] + [pickle.loads(pickle.dumps(record, p)) for p in (0, 2, 5)]
+    assert all(type(c) is cls and c == record and c is not record for c in copies)
+    match record:
+        case cls(first, second):  # type: ignore[misc]
+            assert (first, second) == values[:2]
+    with pytest.raises(TypeError):
+        hash(record)
 
 
 @pytest.mark.parametrize(("cls", "names", "values"), [STATE, USAGE])

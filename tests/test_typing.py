@@ -53,6 +53,7 @@ def test_verifytypes(tmp_path: Path) -> None:
 
 
 USAGE = """
+    import dataclasses
     from dataclasses import dataclass
     from typing import Any
     from ordanis_veltrane.config import ToolsConfig
@@ -78,6 +79,10 @@ USAGE = """
     key: health._UsageKey = ("search", None, "ok", False)
     tracker._usage[key] = health._Usage(1, 1, 2.5)
     tracker._state["t"] = health._ToolState(call_count=1, disabled_at=None)
+    counts: dict[str, Any] = dataclasses.asdict(dataclasses.replace(tracker._usage[key], calls=2))
+    match tracker._state["t"]:
+        case health._ToolState(calls, errors):
+            total: int = calls + errors
     name: str = health.TOOL_USAGE_KEY
 
     # The daemon's own services, in place of the stand-ins.

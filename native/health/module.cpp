@@ -186,6 +186,7 @@ int exec_impl(PyObject* module) {
         add_function(module, &epoch_def, &st->epoch_fn) < 0 ||
         add_type(module, &tool_state_spec, &st->tool_state_type) < 0 ||
         add_type(module, &usage_spec, &st->usage_type) < 0 ||
+        describe_records_as_dataclasses(st) < 0 ||
         add_function(module, &known_def, &st->known_fn) < 0 ||
         add_type(module, &tracker_spec, &st->tracker_type) < 0 ||
         add_function(module, &stats_def, nullptr) < 0 ||

@@ -313,6 +313,55 @@ static PyObject* usage_richcompare(PyObject* self, PyObject* other, int op) {
     return PyBool_FromLong((op == Py_EQ) == equal);
 }
 
+// (type(self), its fields in declaration order): what copy, deepcopy and pickle
+// rebuild a record from, as they would a dataclass with the same fields.
+static PyObject* tool_state_reduce(PyObject* self, PyObject*) {
+    const ToolStateObject* s = as_state(self);
+    long long calls, errors, run;
+    DisabledAt disabled;
+    double updated;
+    Ref last;
+    {
+        RecordLock lock(self);
+        calls = s->call_count;
+        errors = s->error_count;
+        run = s->consecutive_errors;
+        disabled.present = s->has_disabled_at;
+        disabled.value = s->disabled_at;
+        updated = s->updated_at;
+        last = Ref::borrow(s->last_error);
+    }
+    Ref disabled_obj = disabled.present ? Ref(PyFloat_FromDouble(disabled.value)) : Ref::borrow(Py_None);
+    if (!disabled_obj) return nullptr;
+    return Py_BuildValue("(O(LLOOdL))", Py_TYPE(self), calls, errors, last.get(), disabled_obj.get(),
+                         updated, run);
+}
+
+static PyObject* usage_reduce(PyObject* self, PyObject*) {
+    const UsageObject* u = as_usage(self);
+    long long calls, timed;
+    double total;
+    {
+        RecordLock lock(self);
+        calls = u->calls;
+        timed = u->timed_calls;
+        total = u->total_ms;
+    }
+    return Py_BuildValue("(O(LLd))", Py_TYPE(self), calls, timed, total);
+}
+
+static PyMethodDef tool_state_methods[] = {
+    {"__reduce__", tool_state_reduce, METH_NOARGS,
+     "__reduce__($self, /)\n--\n\nThe record's type and its fields, for copy and pickle."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+static PyMethodDef usage_methods[] = {
+    {"__reduce__", usage_reduce, METH_NOARGS,
+     "__reduce__($self, /)\n--\n\nThe record's type and its fields, for copy and pickle."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 static PyGetSetDef tool_state_getset[] = {
     {"call_count", get_state_call_count, set_state_call_count, "Calls reported as a success or an error.", nullptr},
     {"error_count", get_state_error_count, set_state_error_count, "Errors reported.", nullptr},
@@ -344,6 +393,7 @@ static PyType_Slot tool_state_slots[] = {
     {Py_tp_richcompare, reinterpret_cast<void*>(tool_state_richcompare)},
     {Py_tp_hash, reinterpret_cast<void*>(PyObject_HashNotImplemented)},
     {Py_tp_getset, tool_state_getset},
+    {Py_tp_methods, tool_state_methods},
     {0, nullptr},
 };
 
@@ -358,6 +408,7 @@ static PyType_Slot usage_slots[] = {
     {Py_tp_richcompare, reinterpret_cast<void*>(usage_richcompare)},
     {Py_tp_hash, reinterpret_cast<void*>(PyObject_HashNotImplemented)},
     {Py_tp_getset, usage_getset},
+    {Py_tp_methods, usage_methods},
     {0, nullptr},
 };
 
@@ -376,6 +427,70 @@ PyType_Spec usage_spec = {
     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE,
     usage_slots,
 };
+
+// ---------------------------------------------------------------------------
+// The records as dataclasses: the dataclasses module's own description of a
+// class with the same fields (real Field objects, the parameters, the match
+// arguments) is put on each native type, so that is_dataclass, fields,
+// asdict, replace and pattern matching treat a record as they treat the
+// dataclass it stands for.
+
+namespace {
+
+struct FieldSpec {
+    const char* name;
+    PyObject* type;     // borrowed: a builtin type or a union made by the caller
+    PyObject* default_;
+};
+
+int describe_as_dataclass(PyObject* dataclasses, PyTypeObject* type, const char* name,
+                          std::initializer_list<FieldSpec> specs) {
+    Ref fields(PyList_New(0));
+    if (!fields) return -1;
+    for (const FieldSpec& f : specs) {
+        Ref item(Py_BuildValue("(sOO)", f.name, f.type, f.default_));
+        if (!item || PyList_Append(fields.get(), item.get()) < 0) return -1;
+    }
+    Ref make(PyObject_GetAttrString(dataclasses, "make_dataclass"));
+    if (!make) return -1;
+    Ref class_name(PyUnicode_FromString(name));
+    if (!class_name) return -1;
+    Ref twin = call(make.get(), {class_name.get(), fields.get()});
+    if (!twin) return -1;
+    for (const char* attr : {"__dataclass_fields__", "__dataclass_params__", "__match_args__"}) {
+        Ref value(PyObject_GetAttrString(twin.get(), attr));
+        if (!value || PyObject_SetAttrString(reinterpret_cast<PyObject*>(type), attr, value.get()) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int describe_records_as_dataclasses(ModuleState* st) {
+    Ref dataclasses(PyImport_ImportModule("dataclasses"));
+    if (!dataclasses) return -1;
+    PyObject* int_type = reinterpret_cast<PyObject*>(&PyLong_Type);
+    PyObject* float_type = reinterpret_cast<PyObject*>(&PyFloat_Type);
+    Ref optional_str(PyNumber_Or(reinterpret_cast<PyObject*>(&PyUnicode_Type), Py_None));
+    Ref optional_float(PyNumber_Or(float_type, Py_None));
+    Ref zero(PyLong_FromLong(0)), zero_float(PyFloat_FromDouble(0.0));
+    if (!optional_str || !optional_float || !zero || !zero_float) return -1;
+    if (describe_as_dataclass(dataclasses.get(), st->tool_state_type, "_ToolState",
+                              {{"call_count", int_type, zero.get()},
+                               {"error_count", int_type, zero.get()},
+                               {"last_error", optional_str.get(), Py_None},
+                               {"disabled_at", optional_float.get(), Py_None},
+                               {"updated_at", float_type, zero_float.get()},
+                               {"consecutive_errors", int_type, zero.get()}}) < 0) {
+        return -1;
+    }
+    return describe_as_dataclass(dataclasses.get(), st->usage_type, "_Usage",
+                                 {{"calls", int_type, zero.get()},
+                                  {"timed_calls", int_type, zero.get()},
+                                  {"total_ms", float_type, zero_float.get()}});
+}
 
 // ---------------------------------------------------------------------------
 // Records as the tracker makes them: natively while the module's attribute is

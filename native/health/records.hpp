@@ -48,6 +48,9 @@ inline UsageObject* as_usage(PyObject* rec) noexcept { return reinterpret_cast<U
 Ref last_error_of(PyObject* rec) noexcept;
 void replace_last_error(PyObject* rec, Ref value) noexcept;
 
+// Puts the dataclass description of the two record types on them (module exec).
+int describe_records_as_dataclasses(ModuleState* st);
+
 // A default record made through the module's current `_ToolState` / `_Usage`.
 Ref new_tool_state(ModuleState* st, PyObject* module) noexcept;
 Ref new_usage(ModuleState* st, PyObject* module) noexcept;

@@ -8,11 +8,11 @@ import logging as logging
 import threading as threading
 import time as time
 from collections.abc import Callable, Iterable, Mapping
-from dataclasses import dataclass as dataclass
+from dataclasses import Field, dataclass as dataclass
 from datetime import datetime as datetime, timezone as timezone
 from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, ClassVar, Protocol, overload, type_check_only
 
-from typing_extensions import disjoint_base
+from typing_extensions import Self, disjoint_base
 
 from ordanis_veltrane.config import ToolsConfig as ToolsConfig
 from ordanis_veltrane.utils.process import ThreadCensus as ThreadCensus
@@ -108,6 +108,10 @@ class _ToolState:
     updated_at: float
     consecutive_errors: int
     __hash__: ClassVar[None]  # type: ignore[assignment]
+    # Described as the dataclass it stands for: dataclasses.fields, asdict and replace work on it.
+    __dataclass_fields__: ClassVar[dict[str, Field[Any]]]
+    __dataclass_params__: ClassVar[Any]
+    __match_args__ = ("call_count", "error_count", "last_error", "disabled_at", "updated_at", "consecutive_errors")
     def __init__(
         self,
         call_count: int = 0,
@@ -118,6 +122,7 @@ class _ToolState:
         consecutive_errors: int = 0,
     ) -> None: ...
     def __eq__(self, value: object, /) -> bool: ...
+    def __reduce__(self) -> tuple[type[Self], tuple[int, int, Any, float | None, float, int]]: ...
 
 @disjoint_base
 class _Usage:
@@ -125,8 +130,12 @@ class _Usage:
     timed_calls: int
     total_ms: float
     __hash__: ClassVar[None]  # type: ignore[assignment]
+    __dataclass_fields__: ClassVar[dict[str, Field[Any]]]
+    __dataclass_params__: ClassVar[Any]
+    __match_args__ = ("calls", "timed_calls", "total_ms")
     def __init__(self, calls: int = 0, timed_calls: int = 0, total_ms: float = 0.0) -> None: ...
     def __eq__(self, value: object, /) -> bool: ...
+    def __reduce__(self) -> tuple[type[Self], tuple[int, int, float]]: ...
 
 @disjoint_base
 class ToolHealthTracker:
