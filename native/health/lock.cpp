@@ -109,8 +109,7 @@ int LockHold::refuse_current() noexcept {
     return refuse_held(owner_, lock);
 }
 
-LockHold::~LockHold() {
-    if (!held_) return;
+void LockHold::release_after_error() noexcept {
     if (PyErr_Occurred()) {
         // Keep the operation's own error; a failing release cannot replace it.
         PendingError keep;

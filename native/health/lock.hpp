@@ -119,7 +119,9 @@ public:
         : owner_(reinterpret_cast<PyObject*>(t)), fields_(&t->lock), empty_tuple_(t->st->empty_tuple) {}
     LockHold(const LockHold&) = delete;
     LockHold& operator=(const LockHold&) = delete;
-    ~LockHold();
+    ~LockHold() {
+        if (held_) release_after_error();
+    }
 
     HEALTH_ALWAYS_INLINE int acquire() noexcept {
         if (thread_holds.count > 0 && refuse_current() < 0) return -1;
@@ -168,6 +170,7 @@ public:
 
 private:
     int refuse_current() noexcept;
+    void release_after_error() noexcept;
 
     PyObject* owner_;          // the tracker
     const LockFields* fields_;  // its lock fields, read under its field lock
