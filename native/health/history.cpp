@@ -395,7 +395,7 @@ PyObject* flush_health(TrackerObject* self) {
             Ref name = Ref::borrow(PyList_GET_ITEM(names.get(), i));
             Ref state = load_field(self, &TrackerObject::state);
             Ref rec;
-            const int found = dict_get_ref(state.get(), name.get(), rec);
+            const int found = dict_get_ref_locked(state.get(), name.get(), rec);
             if (found < 0) return nullptr;
             if (found == 0) continue;
             Ref row = health_row(st, self->module, name.get(), rec.get());

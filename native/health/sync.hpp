@@ -90,6 +90,17 @@ inline int dict_get_ref(PyObject* dict, PyObject* key, Ref& out) noexcept {
 #endif
 }
 
+// dict[key] as dict_get_ref gives it, with the dict's critical section held, so
+// that no resize, clear or removal runs during the lookup. CPython 3.13 looks
+// a key up without a lock, and a lookup that read the old table of a dict
+// being resized can take a reference through it to a value that another
+// thread has since removed and freed. The tracker's maps, which host code may
+// change from any thread, are read this way.
+inline int dict_get_ref_locked(PyObject* dict, PyObject* key, Ref& out) noexcept {
+    ObjectLock lock(dict);
+    return dict_get_ref(dict, key, out);
+}
+
 // A boolean field that any thread may read or set. An acquire load sees
 // everything a thread wrote before its release store (the tracker's fields
 // before `ready`); the other uses are relaxed.

@@ -41,7 +41,7 @@ static Ref find_or_insert(TrackerObject* self, PyObject* TrackerObject::*field, 
     {
         Ref map = load_field(self, field);
         Ref found;
-        if (dict_get_ref(map.get(), key, found) != 0) return found;  // found, or an error
+        if (dict_get_ref_locked(map.get(), key, found) != 0) return found;  // found, or an error
     }
     Ref fresh = make();
     if (!fresh) return Ref();
@@ -140,7 +140,7 @@ static PyObject* is_disabled_locked(ModuleState* st, TrackerObject* self, PyObje
     Ref rec;
     {
         Ref state = load_field(self, &TrackerObject::state);
-        const int found = dict_get_ref(state.get(), name, rec);
+        const int found = dict_get_ref_locked(state.get(), name, rec);
         if (found <= 0) return found < 0 ? nullptr : Py_NewRef(st->not_disabled);
     }
     const bool native = is_native_state(st, rec.get());
