@@ -54,25 +54,30 @@ struct DisabledAt {
     }
 };
 
+static PyObject* double_field(double v) { return PyFloat_FromDouble(v); }
+
 // Every field is read and written under the record's lock (sync.hpp); a value
 // is converted before the lock is taken, since conversion may run host code.
-#define HEALTH_INT_FIELD(Type, cast, field)                                   \
+#define HEALTH_FIELD(Type, cast, field, ctype, to_python, from_python)        \
     static PyObject* get_##Type##_##field(PyObject* self, void*) {            \
-        int64_t v;                                                            \
+        ctype v;                                                              \
         {                                                                     \
             RecordLock lock(self);                                            \
             v = cast(self)->field;                                            \
         }                                                                     \
-        return int_field(v);                                                  \
+        return to_python(v);                                                  \
     }                                                                         \
     static int set_##Type##_##field(PyObject* self, PyObject* value, void*) { \
         if (reject_delete(value, #field) < 0) return -1;                      \
-        int64_t v;                                                            \
-        if (as_int64(value, &v) < 0) return -1;                               \
+        ctype v;                                                              \
+        if (from_python(value, &v) < 0) return -1;                            \
         RecordLock lock(self);                                                \
         cast(self)->field = v;                                                \
         return 0;                                                             \
     }
+#define HEALTH_INT_FIELD(Type, cast, field) HEALTH_FIELD(Type, cast, field, int64_t, int_field, as_int64)
+#define HEALTH_DOUBLE_FIELD(Type, cast, field) \
+    HEALTH_FIELD(Type, cast, field, double, double_field, as_double)
 
 HEALTH_INT_FIELD(state, as_state, call_count)
 HEALTH_INT_FIELD(state, as_state, error_count)
@@ -126,27 +131,10 @@ static int set_state_disabled_at(PyObject* self, PyObject* value, void*) {
     return 0;
 }
 
-#define HEALTH_DOUBLE_FIELD(Type, cast, field)                                \
-    static PyObject* get_##Type##_##field(PyObject* self, void*) {            \
-        double v;                                                             \
-        {                                                                     \
-            RecordLock lock(self);                                            \
-            v = cast(self)->field;                                            \
-        }                                                                     \
-        return PyFloat_FromDouble(v);                                         \
-    }                                                                         \
-    static int set_##Type##_##field(PyObject* self, PyObject* value, void*) { \
-        if (reject_delete(value, #field) < 0) return -1;                      \
-        double v;                                                             \
-        if (as_double(value, &v) < 0) return -1;                              \
-        RecordLock lock(self);                                                \
-        cast(self)->field = v;                                                \
-        return 0;                                                             \
-    }
-
 HEALTH_DOUBLE_FIELD(state, as_state, updated_at)
 HEALTH_DOUBLE_FIELD(usage, as_usage, total_ms)
 #undef HEALTH_DOUBLE_FIELD
+#undef HEALTH_FIELD
 
 static const char* const tool_state_fields[] = {"call_count",  "error_count", "last_error",
                                                 "disabled_at", "updated_at",  "consecutive_errors",
