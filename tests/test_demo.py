@@ -1,22 +1,22 @@
 """The demo session end to end: its answers and the restart through a real file."""
 
 import json
-import os
 import subprocess
 import sys
 from pathlib import Path
 
 import pytest
 
+from conftest import child_env
+
 
 @pytest.mark.parametrize("extra", [[], ["--metrics-port", "0"]], ids=["plain", "metrics"])
 def test_session_answers_and_restart(tmp_path: Path, extra: list[str]) -> None:
     if extra:
         pytest.importorskip("prometheus_client")
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))  # the package this run imports
     done = subprocess.run([sys.executable, "-m", "ordanis_veltrane.demo", "--json", "--calls", "300", "--threads", "3",
-                           "--seed", "5", "--db", str(tmp_path / "kept.db"), *extra], env=env, capture_output=True,
-                          text=True, timeout=120)
+                           "--seed", "5", "--db", str(tmp_path / "kept.db"), *extra], env=child_env(),
+                          capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stderr
     answer = json.loads(done.stdout)
     restart, removed = answer["restart"], answer["restart"]["removed_tool"]  # rows and counts of a removed tool go
@@ -32,3 +32,7 @@ def test_session_answers_and_restart(tmp_path: Path, extra: list[str]) -> None:
     assert sum(answer["session"]["outcomes"].values()) >= 300 and min(answer["flush_rows"]) > 0
     assert {t["name"] for t in answer["performance_stats"]["tools"]} >= set(by_name)
     assert list(answer["thread_census"])[-1] == "budget"  # the demo's own threads fit its budget
+    if extra:  # the endpoint serves the tracker made at the restart
+        worst = summary[0]
+        assert f'veltrane_tool_calls_total{{tool="{worst["tool_name"]}"}} {worst["call_count"]:.1f}' \
+            in answer["metrics"]["excerpt"]

@@ -3,7 +3,6 @@ as a subprocess, and servers in memory."""
 
 import itertools
 import json
-import os
 import signal
 import sqlite3
 import subprocess
@@ -22,6 +21,7 @@ from mcp import Client, ClientSession, StdioServerParameters, stdio_client  # no
 from mcp.server.mcpserver import MCPServer  # noqa: E402
 from mcp.types import CallToolResult, TextContent  # noqa: E402
 
+from conftest import child_env  # noqa: E402
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
 from ordanis_veltrane.mcp_guard import ToolGuard  # noqa: E402
 from ordanis_veltrane.repository import Repository  # noqa: E402
@@ -29,7 +29,7 @@ from ordanis_veltrane.tool_handlers import health  # noqa: E402
 from ordanis_veltrane.tool_registry import ActionSpec  # noqa: E402
 from ordanis_veltrane.utils.timing import get_timing_collector  # noqa: E402
 
-ENV = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))  # the example server imports the package this run does
+REFUSED = "is disabled after repeated errors; last error: "
 
 
 @pytest.fixture(autouse=True)
@@ -58,7 +58,7 @@ def stored(db: Path) -> tuple[dict[str, tuple[Any, ...]], dict[tuple[Any, ...], 
 async def stdio(tmp_path: Path, *flags: str) -> AsyncIterator[Callable[..., Awaitable[CallToolResult]]]:
     """A ClientSession over stdio with `python -m ordanis_veltrane.mcp_server --db tmp_path/repo.db *flags`."""
     server = ["-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"), *flags]
-    params = StdioServerParameters(command=sys.executable, args=server, env=ENV)
+    params = StdioServerParameters(command=sys.executable, args=server, env=child_env())
     with open(tmp_path / "server.log", "a") as errlog:
         async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
             await session.initialize()
@@ -76,7 +76,7 @@ def test_example_server_over_stdio_disables_keeps_it_across_a_restart_and_report
         async with stdio(tmp_path, "--disable-after", "2", "--cooldown", "30") as call:
             seen.append(await call("always_fails"))  # a fresh process would count from attempt 1
             restarted = json.loads(text(await call("status")))
-        refused = "is disabled after repeated errors; last error: the backend is unreachable (attempt 2)"
+        refused = REFUSED + "the backend is unreachable (attempt 2)"
         expected = ("(attempt 1)", "(attempt 2)", refused, refused)
         assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
         health_of = {t["tool_name"]: t for t in status["tool_health"]}
@@ -92,15 +92,13 @@ def test_example_server_over_stdio_disables_keeps_it_across_a_restart_and_report
 
 @pytest.mark.skipif(sys.platform == "win32", reason="POSIX signals")
 def test_example_server_writes_its_changes_when_terminated_while_stdin_is_open(tmp_path: Path) -> None:
-    server = subprocess.Popen(
-        [sys.executable, "-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"), "--flush-interval",
-         "0"],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=ENV)
+    server = subprocess.Popen([sys.executable, "-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"),
+                               "--flush-interval", "0"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              stderr=subprocess.DEVNULL, text=True, env=child_env())
     assert server.stdin is not None and server.stdout is not None
     try:
         hello = {"protocolVersion": "2025-06-18", "capabilities": {}, "clientInfo": {"name": "t", "version": "1"}}
-        for message in ({"id": 1, "method": "initialize", "params": hello},
-                        {"method": "notifications/initialized"},
+        for message in ({"id": 1, "method": "initialize", "params": hello}, {"method": "notifications/initialized"},
                         {"id": 2, "method": "tools/call", "params": {"name": "always_fails", "arguments": {}}}):
             server.stdin.write(json.dumps({"jsonrpc": "2.0", **message}) + "\n")
             server.stdin.flush()
@@ -167,31 +165,48 @@ def make_server(repository: Any, keep: Iterable[str] | None = None, flush: float
     return server, guard, gate
 
 
+async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) -> tuple[list[Any], dict[str, Any]]:
+    """The answers of the calls, in order, and the status tool's health by tool afterwards."""
+    async with Client(server, mode="legacy") as client:
+        seen = []
+        for tool, args in calls:
+            seen.append(await client.call_tool(tool, args) if tool else await anyio.sleep(args["s"]))
+        status = json.loads(text(await client.call_tool("status", {})))
+    return [s for s in seen if s is not None], {t["tool_name"]: t for t in status["tool_health"]}
+
+
 @pytest.mark.parametrize("tool", ["fails", "fails_async", "error_result"])
-def test_failing_tool_is_disabled_with_its_last_error_and_runs_again_after_the_cooldown(
-        tmp_path: Path, tool: str) -> None:
-    server, guard, _ = make_server(tmp_path / "repo.db")
-
-    async def scenario() -> None:
-        async with Client(server, mode="legacy") as client:
-            seen = [await client.call_tool(tool, {}) for _ in range(3)]
-            await anyio.sleep(0.35)
-            seen.append(await client.call_tool(tool, {}))  # the cooldown is over: the handler runs again
-        expected = ("bad input 1", "bad input 2", "is disabled after repeated errors; last error: bad input 2",
-                    "bad input 3")
-        assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
-
-    anyio.run(scenario)
+def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_once_removed(tmp_path: Path,
+                                                                                           tool: str) -> None:
+    """The client sees each error, then the refusal with the last one; after the cooldown the handler runs again.
+    At the next start without that tool its history goes, the others keep theirs (an action the tool does not
+    have, given to `ok`, goes too)."""
+    db, server, guard, _ = tmp_path / "repo.db", *make_server(tmp_path / "repo.db")
+    calls = [(tool, {})] * 3 + [("", {"s": 0.35}), (tool, {}), ("ok", {"action": "grep"}), ("ok", {"action": "sym"})]
+    seen, _ = anyio.run(session, server, *calls)
+    expected = ("bad input 1", "bad input 2", REFUSED + "bad input 2", "bad input 3")
+    assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
     assert guard.tracker is None
-    assert stored(tmp_path / "repo.db") == ({tool: (3, 3, "bad input 3")}, {
-        (tool, None, "error", False): 3, (tool, None, "disabled", False): 1})
+    assert stored(db) == ({tool: (3, 3, "bad input 3"), "ok": (2, 0, None), "status": (1, 0, None)}, {
+        (tool, None, "error", False): 3, (tool, None, "disabled", False): 1, ("ok", "text", "ok", True): 1,
+        ("ok", "sym", "ok", False): 1, ("status", None, "ok", False): 1})
+    _, after = anyio.run(session, make_server(db, keep=("ok",))[0])
+    rows, counts = stored(db)
+    assert set(after) == set(rows) == {"ok", "status"} and after["ok"]["call_count"] == 2
+    assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("text", True)]
+    assert {k[0] for k in counts} == {"ok", "status"}
 
 
-def test_fifty_concurrent_calls_count_exactly_while_a_failing_flush_waits_off_the_loop(tmp_path: Path) -> None:
+def test_fifty_concurrent_calls_count_exactly_while_a_flush_waits_and_a_handler_blocks(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """A failing flush waits off the loop and a handler blocks while 50 calls run; another connection, which shares
+    the tracker, is answered meanwhile. Every call counts once; no statement and no census runs on the loop."""
     repo = Repository(tmp_path / "repo.db")
     db = repo.db = GatedDb(repo.db)  # type: ignore[assignment]
     db.fail = 1  # the first flush fails; its changes stay marked for the next
-    server, _, _ = make_server(repo, flush=0.02)
+    server, _, gate = make_server(repo, flush=0.02)
+    census, threads = health.thread_census, list[int]()
+    monkeypatch.setattr(health, "thread_census", lambda: threads.append(threading.get_ident()) or census())
     calls = [("ok", {"action": "grep"}), ("ok", {"action": "symbol"}), ("ok", {}), ("ok_async", {}), ("fails", {})]
 
     async def scenario() -> None:
@@ -200,68 +215,27 @@ def test_fifty_concurrent_calls_count_exactly_while_a_failing_flush_waits_off_th
             await client.call_tool("ok", {})
             assert await anyio.to_thread.run_sync(db.waiting.wait, 5)  # a flush now waits on the database
             async with anyio.create_task_group() as tg:
+                tg.start_soon(client.call_tool, "blocks", {})
                 for tool, args in calls * 10:
                     tg.start_soon(client.call_tool, tool, args)
-            assert not (await client.call_tool("status", {})).is_error
+                async with Client(server, mode="legacy") as second:
+                    with anyio.fail_after(5):
+                        for tool in ("ok", "status", "get_tool_performance_stats") * 2:
+                            assert not (await second.call_tool(tool, {})).is_error
+                gate.set()
             db.hold.set()
 
     anyio.run(scenario)
     db.inner.close()
-    assert threading.get_ident() not in db.threads  # no statement ran on the event loop
+    assert threads and threading.get_ident() not in db.threads + threads
     rows, counts = stored(tmp_path / "repo.db")
     errors = counts.pop(("fails", None, "error", False))  # calls that passed is_disabled before 2 errors were in
     assert errors >= 2 and counts == {
-        ("ok", "text", "ok", True): 10, ("ok", "symbol", "ok", False): 10, ("ok", "text", "ok", False): 11,
+        ("ok", "text", "ok", True): 10, ("ok", "symbol", "ok", False): 10, ("ok", "text", "ok", False): 13,
         ("ok_async", None, "ok", False): 10, ("fails", None, "disabled", False): 10 - errors,
-        ("status", None, "ok", False): 1}
-    assert {k: v[:2] for k, v in rows.items()} == {
-        "ok": (31, 0), "ok_async": (10, 0), "fails": (errors, errors), "status": (1, 0)}
-    perf = {t["name"]: (t["count"], t["errors"]) for t in health.handle_get_tool_performance_stats()["tools"]}
-    assert perf == {"ok": (31, 0), "ok_async": (10, 0), "fails": (errors, errors), "status": (1, 0)}
-
-
-def test_a_blocked_handler_stalls_neither_other_calls_nor_another_connection(
-        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    server, _, gate = make_server(tmp_path / "repo.db")
-    census, threads = health.thread_census, list[int]()
-
-    def recording_census() -> Any:
-        threads.append(threading.get_ident())
-        return census()
-    monkeypatch.setattr(health, "thread_census", recording_census)
-
-    async def scenario() -> None:
-        async with Client(server, mode="legacy") as first:
-            await first.call_tool("ok", {})
-            async with anyio.create_task_group() as tg:
-                tg.start_soon(first.call_tool, "blocks", {})
-                async with Client(server, mode="legacy") as second:  # shares the first connection's tracker
-                    with anyio.fail_after(5):
-                        for tool in ("ok", "ok_async", "status", "get_tool_performance_stats") * 5:
-                            assert not (await second.call_tool(tool, {})).is_error
-                gate.set()
-
-    anyio.run(scenario)
-    assert threads and threading.get_ident() not in threads  # the census is taken off the event loop
-    assert {k: v[0] for k, v in stored(tmp_path / "repo.db")[0].items()} == {
-        "blocks": 1, "ok": 6, "ok_async": 5, "status": 5, "get_tool_performance_stats": 5}
-
-
-def test_a_tool_removed_from_the_server_is_pruned_at_the_next_start_and_the_others_keep_their_history(
-        tmp_path: Path) -> None:
-    db = tmp_path / "repo.db"
-
-    async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) -> dict[str, Any]:
-        async with Client(server, mode="legacy") as client:
-            for tool, args in calls:
-                await client.call_tool(tool, args)
-            status = json.loads(text(await client.call_tool("status", {})))
-        return {t["tool_name"]: t for t in status["tool_health"]}
-
-    # "ok" by a synonym and by a name that is no action of it; that action's counts go too.
-    anyio.run(session, make_server(db)[0], ("ok", {"action": "grep"}), ("ok", {"action": "sym"}), ("fails", {}))
-    after = anyio.run(session, make_server(db, keep=("ok",))[0])
-    rows, counts = stored(db)
-    assert set(after) == set(rows) == {"ok", "status"} and after["ok"]["call_count"] == 2
-    assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("text", True)]
-    assert {k[0] for k in counts} == {"ok", "status"}
+        ("blocks", None, "ok", False): 1, ("status", None, "ok", False): 2,
+        ("get_tool_performance_stats", None, "ok", False): 2}
+    totals = {"ok": (33, 0), "ok_async": (10, 0), "fails": (errors, errors), "blocks": (1, 0), "status": (2, 0),
+              "get_tool_performance_stats": (2, 0)}
+    assert {k: v[:2] for k, v in rows.items()} == totals
+    assert {t["name"]: (t["count"], t["errors"]) for t in health.handle_get_tool_performance_stats()["tools"]} == totals

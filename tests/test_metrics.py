@@ -1,17 +1,12 @@
-"""Prometheus metrics of tool health: the exposition against the summary (hostile names, a flush waiting on
-the database), a live HTTP endpoint under load, and the demo's endpoint across its restart."""
+"""Prometheus metrics of tool health: the exposition against the summary (hostile names, a flush waiting on the
+database), in both formats and over HTTP (the demo's endpoint across its restart: test_demo)."""
 
-import contextlib
-import json
-import os
-import socket
 import subprocess
 import sys
 import threading
 import types
 import urllib.request
-from concurrent.futures import ThreadPoolExecutor
-from typing import Any, Callable
+from typing import Any
 
 import pytest
 
@@ -20,16 +15,14 @@ pytest.importorskip("prometheus_client")
 from prometheus_client import CollectorRegistry, generate_latest, parser  # noqa: E402
 from prometheus_client.openmetrics import exposition as om_exposition, parser as om_parser  # noqa: E402
 
-from conftest import NOW, RecordingDb, tracker_over  # noqa: E402
+from conftest import NOW, RecordingDb, child_env, tracker_over  # noqa: E402
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
 from ordanis_veltrane.tool_handlers import health, health_metrics  # noqa: E402
 from ordanis_veltrane.utils.process import ThreadCensus  # noqa: E402
 
 Series = dict[str, dict[frozenset[tuple[str, str]], float]]
-FORMATS: dict[str, tuple[Callable[[Any], bytes], Callable[[str], Any]]] = {
-    "text": (generate_latest, parser.text_string_to_metric_families),
-    "openmetrics": (om_exposition.generate_latest, om_parser.text_string_to_metric_families)}
-CALLS, USAGE = "veltrane_tool_calls_total", "veltrane_tool_usage_calls_total"
+FORMATS = {"text": (generate_latest, parser.text_string_to_metric_families),
+           "openmetrics": (om_exposition.generate_latest, om_parser.text_string_to_metric_families)}
 HOSTILE = ['quo"te', "back\\slash", "new\nline", "\\n not a newline", "ünïcødé 名前 🚀", "",
            'all\\"\n"\\ at once', "trailing\\", "tab\tand\rreturn"]
 
@@ -42,12 +35,6 @@ def parse(text: str, fmt: str = "text") -> Series:
         assert labels not in series.setdefault(sample.name, {}), f"duplicate series {sample.name}{dict(labels)}"
         series[sample.name][labels] = sample.value
     return series
-
-
-def scrape(collector: health_metrics.HealthCollector, fmt: str = "text") -> Series:
-    registry = CollectorRegistry()
-    registry.register(collector)
-    return parse(FORMATS[fmt][0](registry).decode("utf-8"), fmt)
 
 
 def fetch(url: str) -> Series:
@@ -67,8 +54,7 @@ def test_health_never_imports_it_and_the_module_names_the_extra() -> None:
     code = ("import sys\nfrom ordanis_veltrane.tool_handlers import health\n"
             "assert 'prometheus_client' not in sys.modules\nsys.modules['prometheus_client'] = None\n"
             "from ordanis_veltrane.tool_handlers import health_metrics")
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
-    done = subprocess.run([sys.executable, "-c", code], env=env, capture_output=True, text=True, timeout=60)
+    done = subprocess.run([sys.executable, "-c", code], env=child_env(), capture_output=True, text=True, timeout=60)
     last = done.stderr.splitlines()[-1]  # the error that ends the run: not an AssertionError
     assert last.startswith("ImportError: ") and "prometheus_client" in last and "[metrics]" in last, done.stderr
 
@@ -85,13 +71,9 @@ def test_exposition_equals_summary_while_a_flush_waits(repo: Any, clock: Any, mo
             waited.append(release.wait(30))  # False: something waited for this statement
         return enter(op, *args)
 
-    def acquire() -> bool:  # each take of the tracker's lock
-        acquired.append(1)
-        return lock.acquire()
-
     db._enter = blocking  # type: ignore[method-assign]
     tracker = tracker_over(db, ToolsConfig(disable_after_errors=2, disable_cooldown_s=30.5))
-    tracker._lock = types.SimpleNamespace(acquire=acquire, release=lock.release)
+    tracker._lock = types.SimpleNamespace(acquire=lambda: acquired.append(1) or lock.acquire(), release=lock.release)
     for _ in range(3):
         tracker.record_error("git", "fatal: bad revision")  # disabled at NOW
     clock.advance(5)
@@ -104,10 +86,13 @@ def test_exposition_equals_summary_while_a_flush_waits(repo: Any, clock: Any, mo
     census = ThreadCensus(os_threads, 5, {"agent-worker": 3, "MainThread": 1, 'odd "name"': 1})
     monkeypatch.setattr(health, "thread_census", lambda: census)
     collector = health_metrics.HealthCollector(tracker, 4, prefix=prefix, clock=lambda: NOW + 42.5)
+    registry = CollectorRegistry()
+    registry.register(collector)
+    scrape = lambda: parse(FORMATS[fmt][0](registry).decode("utf-8"), fmt)  # noqa: E731
     (flusher := threading.Thread(target=tracker.flush)).start()
     assert entered.wait(10)
     before = (len(db.calls), len(acquired) + 1)
-    series = scrape(collector, fmt)  # while the flush waits on its statement: one summary, no statement
+    series = scrape()  # while the flush waits on its statement: one summary, no statement
     assert (len(db.calls), len(acquired)) == before
     release.set()
     flusher.join()
@@ -134,7 +119,7 @@ def test_exposition_equals_summary_while_a_flush_waits(repo: Any, clock: Any, mo
         tracker.record_error(odd, "boom")
     for action, ms in [(None, 1.0), ("", 4.0), ("", None)]:
         tracker.record_call("m", action, "ok", alias_hit=False, duration_ms=ms)
-    again = scrape(collector, fmt)
+    again = scrape()
     assert tool_of(again, prefix + "calls_total") \
         == {**tool_of(series, prefix + "calls_total"), "1": 2.0, "lone \\ud800 surrogate after é": 1.0, "m": 0.0}
     assert usage_of(again, prefix + "usage_calls_total") \
@@ -142,63 +127,6 @@ def test_exposition_equals_summary_while_a_flush_waits(repo: Any, clock: Any, mo
     # the merged mean is weighted by calls: (1 call x 1 ms + 2 calls x 4 ms) / 3
     assert usage_of(again, prefix + "usage_handler_mean_seconds")[("m", "", "ok", "false")] \
         == pytest.approx(0.003, rel=1e-12)
-
-
-def test_http_scrape_while_threads_record(repo: Any) -> None:
-    tracker, tools, stop = health.ToolHealthTracker(repo), ["t0", "t1", "t2"], threading.Event()
-
-    def worker() -> None:
-        while not stop.is_set():
-            for tool in tools:
-                tracker.record_success(tool)
-                tracker.record_call(tool, "a", "ok", alias_hit=tool == "t1", duration_ms=0.5)
-
-    with health_metrics.serve_metrics(tracker, 0, thread_budget=1000) as server:
-        assert server.url.startswith("http://127.0.0.1:")
-        with ThreadPoolExecutor(4) as pool:
-            for _ in range(4):
-                pool.submit(worker)
-            try:
-                previous: dict[str, float] = {}
-                for _ in range(15):
-                    series = fetch(server.url)
-                    calls, usage = tool_of(series, CALLS), usage_of(series, USAGE)
-                    for tool, n in calls.items():  # one summary per scrape: a tool's counts come from one instant
-                        assert 0 <= n - sum(usage.get((tool, "a", "ok", h), 0) for h in ("true", "false")) <= 4
-                        assert n >= previous.get(tool, 0)  # counters never go back
-                    previous = calls
-            finally:
-                stop.set()
-        final = {r["tool_name"]: r["call_count"] for r in tracker.get_health_summary()}
-        assert tool_of(fetch(server.url), CALLS) == final and sorted(final) == tools
-        server.collector.tracker = None  # as while the daemon rebuilds its tracker: only threads are served
-        assert {name.rsplit("_", 1)[-1] for name in fetch(server.url)} == {"threads", "budget", "name"}
-    with pytest.raises(OSError), socket.create_connection(("127.0.0.1", server.port), timeout=2):
-        pass
-
-
-def test_demo_endpoint_follows_the_restarted_tracker(tmp_path: Any, monkeypatch: pytest.MonkeyPatch,
-                                                     capsys: pytest.CaptureFixture[str]) -> None:
-    from ordanis_veltrane import demo
-
-    scrapes: list[dict[str, float]] = []
-    serve = health_metrics.serve_metrics
-
-    def watch(url: str) -> None:  # a Prometheus server scraping every 5 ms while the session runs
-        with contextlib.suppress(OSError):  # until the demo closes the endpoint
-            while not threading.Event().wait(0.005):
-                scrapes.append(tool_of(fetch(url), CALLS))
-
-    def serve_and_watch(*args: Any, **kwargs: Any) -> health_metrics.MetricsServer:
-        server = serve(*args, **kwargs)
-        threading.Thread(target=watch, args=(server.url,), daemon=True).start()
-        return server
-
-    monkeypatch.setattr(health_metrics, "serve_metrics", serve_and_watch)
-    assert demo.main(["--json", "--calls", "400", "--threads", "2", "--db", str(tmp_path / "d.db"),
-                      "--metrics-port", "0"]) == 0
-    answer = json.loads(capsys.readouterr().out)
-    last_with = max(i for i, s in enumerate(scrapes) if demo.REMOVED_TOOL in s)  # the first tracker was served,
-    assert any(scrapes[last_with + 1:])  # then the restarted one
-    worst, excerpt = answer["health_summary"][0], parse("\n".join(answer["metrics"]["excerpt"]) + "\n")
-    assert tool_of(excerpt, CALLS) == {worst["tool_name"]: worst["call_count"]}
+    with health_metrics.serve_metrics(tracker, 0, thread_budget=4, prefix=prefix) as server:  # the same over HTTP
+        assert tool_of(fetch(server.url), prefix + "calls_total") == tool_of(again, prefix + "calls_total")
+    pytest.raises(OSError, urllib.request.urlopen, server.url, timeout=2)  # closed with its block

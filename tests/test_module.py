@@ -1,44 +1,19 @@
-"""What loading the module binds, what a failed host import does, and what the shared object exports."""
+"""Loading the module: host imports in order, a failed one fails the load, no thread and no database; the one
+symbol the shared object exports; and the thread census report (performance stats: test_mcp, test_packaging)."""
 
-import importlib
-import inspect
 import json
-import logging
-import os
 import shutil
 import subprocess
 import sys
-import typing
 from typing import Any
 
 import pytest
 
+from conftest import child_env
 from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.utils.process import ThreadCensus
 
 HOST = ["ordanis_veltrane." + m for m in ("config", "tool_registry", "tool_schemas", "utils.process", "utils.timing")]
-HOSTS = {  # the names the load binds first, in order, and the modules they come from
-    "json": "json", "logging": "logging", "threading": "threading", "time": "time", "dataclass": "dataclasses",
-    "datetime": "datetime", "timezone": "datetime", "TYPE_CHECKING": "typing", "Any": "typing", "ToolsConfig": HOST[0],
-    "TOOLS": HOST[1], "is_slow_call": HOST[2], "ThreadCensus": HOST[3], "thread_census": HOST[3],
-    "get_timing_collector": HOST[4]}
-LOAD_ORDER = [*HOSTS, "logger", "_SQLITE_TIMESTAMP", "_TOOL_HEALTH_COLUMNS", "TOOL_USAGE_KEY", "_UsageKey",
-              "_sqlite_time", "_epoch", "_ToolState", "_Usage", "_known", "ToolHealthTracker",
-              "handle_get_tool_performance_stats", "thread_census_report"]
-
-
-def test_bound_names_in_load_order_and_signatures(repo: Any) -> None:
-    assert [n for n in vars(health) if n in LOAD_ORDER] == LOAD_ORDER and "__all__" not in vars(health)
-    assert health.__name__ == "ordanis_veltrane.tool_handlers.health" and health.__doc__.strip()
-    for name, module in HOSTS.items():
-        source = importlib.import_module(module)
-        assert getattr(health, name) is (source if name in LOAD_ORDER[:4] else getattr(source, name)), name
-    assert health.logger is logging.getLogger(health.__name__) and health.TYPE_CHECKING is False
-    assert (health._SQLITE_TIMESTAMP, health._TOOL_HEALTH_COLUMNS, health.TOOL_USAGE_KEY) == (
-        "%Y-%m-%d %H:%M:%S", "tool_name, call_count, error_count, last_error, disabled_at, updated_at", "tool_usage")
-    assert typing.get_args(health._UsageKey) == (str, str | None, str, bool)
-    record_call = health.ToolHealthTracker(repo).record_call
-    assert str(inspect.signature(record_call)) == "(tool_name, action, outcome, *, alias_hit, duration_ms)"
-    assert str(inspect.signature(health.thread_census_report)) == "(budget, census=None)"
 
 
 LOAD = """
@@ -63,7 +38,7 @@ print(json.dumps([outcome, "ordanis_veltrane.tool_handlers.health" in sys.module
 @pytest.mark.parametrize("blocked", [None, "json", *HOST])
 def test_load_and_a_missing_import(blocked: str | None) -> None:
     done = subprocess.run([sys.executable, "-c", LOAD.format(blocked=blocked, host=HOST)], capture_output=True,
-                          text=True, env=dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path)), timeout=60)
+                          text=True, env=child_env(), timeout=60)
     assert done.returncode == 0, done.stderr
     outcome, loaded, imported, threads, database = json.loads(done.stdout)
     # Host modules are imported in order and the load stops at the failed one; no thread, no database.
@@ -76,3 +51,26 @@ def test_load_and_a_missing_import(blocked: str | None) -> None:
 def test_only_the_init_entry_is_exported() -> None:
     done = subprocess.run(["nm", "-D", "--defined-only", health.__file__], capture_output=True, text=True, check=True)
     assert [line.split()[-1] for line in done.stdout.splitlines() if line.strip()] == ["PyInit_health"]
+
+
+def warning(counted: int, budget: int) -> str:
+    return (f"The process holds {counted} threads, more than the {budget} its pools allow: threads are piling up. "
+            "A thread that ran the local embedding model keeps a team of torch threads, as many as "
+            "VELTRANE_EMBED_THREADS allows (0 leaves torch's own size).")
+
+
+@pytest.mark.parametrize(("os_threads", "total", "budget", "counted"), [
+    (None, 12, 10, 12), (None, 10, 10, None), (None, 11, 10, 11), (30, 50, 40, None), (45, 20, 40, 45),
+    (0, 99, 0, None), (-3, 1, -5, -3), ("taken", 7, 5, 7), ("taken", 0, 0, None)])
+def test_thread_census_report(monkeypatch, os_threads: Any, total: int, budget: int, counted: int | None) -> None:
+    """The census given, or taken (from thread_census, which knows no OS count here) when none is."""
+    by_name, taken = {"MainThread": 1, "ThreadPoolExecutor": total - 1, "": 0}, os_threads == "taken"
+    census = ThreadCensus(None if taken else os_threads, total, by_name)
+    monkeypatch.setattr(health, "thread_census", lambda: census if taken else pytest.fail("census taken"))
+    report = health.thread_census_report(budget=budget, census=None if taken else census)
+    expected = {**({} if census.os_threads is None else {"os": os_threads}), "python": total, "python_by_name": by_name,
+                "budget": budget, **({} if counted is None else {"warning": warning(counted, budget)})}
+    assert report == expected and list(report) == list(expected)
+    assert list(report["python_by_name"]) == list(by_name) and report["python_by_name"] is not by_name
+    by_name["late"] = 1
+    assert "late" not in report["python_by_name"] and census.python_threads is by_name

@@ -17,9 +17,8 @@ import pytest
 import ordanis_veltrane
 
 ROOT = Path(__file__).resolve().parent.parent
-
 FAKE_DAEMON = {  # path -> source; each service tells itself apart from the stand-ins
-    "__init__.py": "",
+    "__init__.py": "", "utils/__init__.py": "", "tool_handlers/__init__.py": "",
     "config.py": """
         from dataclasses import dataclass
         @dataclass
@@ -35,7 +34,6 @@ FAKE_DAEMON = {  # path -> source; each service tells itself apart from the stan
         TOOLS = Registry()
     """,
     "tool_schemas.py": "def is_slow_call(tool_name, action): return action == 'slow'\n",
-    "utils/__init__.py": "",
     "utils/process.py": """
         from dataclasses import dataclass, field
         @dataclass
@@ -48,12 +46,10 @@ FAKE_DAEMON = {  # path -> source; each service tells itself apart from the stan
     "utils/timing.py": """
         class Collector:
             def get_all_stats(self):
-                return [dict(name="daemon_a", count=1, avg_ms=2.0, p95_ms=2.0, min_ms=2.0, max_ms=2.0, errors=0)]
+                return [dict(errors=0, max_ms=4, min_ms=1, p95_ms=3, avg_ms=2, count=1, name="daemon_a", extra=0)]
         def get_timing_collector(): return Collector()
     """,
-    "tool_handlers/__init__.py": "",
 }
-
 SESSION = """
 import json, sqlite3, sys, types
 sys.path.insert(0, sys.argv[1])
@@ -61,19 +57,13 @@ from ordanis_veltrane import config, tool_registry, tool_schemas
 from ordanis_veltrane.utils import process, timing
 from ordanis_veltrane.tool_handlers import health
 
-class Db:  # the daemon's database object, over a real SQLite file
-    def __init__(self, path):
-        self.conn = sqlite3.connect(path, isolation_level=None)
-    def fetchall(self, sql): return self.conn.execute(sql).fetchall()
-    def fetchone(self, sql, params): return self.conn.execute(sql, params).fetchone()
-    def execute(self, sql, params): self.conn.execute(sql, params)
-    def executemany(self, sql, rows): self.conn.executemany(sql, rows)
-
-db = Db(sys.argv[2])
-db.conn.execute("CREATE TABLE tool_health (tool_name TEXT PRIMARY KEY, call_count INTEGER NOT NULL DEFAULT 0, "
-                "error_count INTEGER NOT NULL DEFAULT 0, last_error TEXT, disabled_at TEXT, updated_at TEXT)")
-db.conn.execute("CREATE TABLE schema_info (key TEXT PRIMARY KEY, value TEXT)")
-db.conn.executemany("INSERT INTO tool_health (tool_name, call_count) VALUES (?, 5)", [("daemon_a",), ("search",)])
+conn = sqlite3.connect(sys.argv[2], isolation_level=None)  # the daemon's database object, over a real SQLite file
+db = types.SimpleNamespace(fetchall=lambda sql: conn.execute(sql).fetchall(), execute=conn.execute,
+                           fetchone=lambda sql, p: conn.execute(sql, p).fetchone(), executemany=conn.executemany)
+conn.execute("CREATE TABLE tool_health (tool_name TEXT PRIMARY KEY, call_count INTEGER NOT NULL DEFAULT 0, "
+             "error_count INTEGER NOT NULL DEFAULT 0, last_error TEXT, disabled_at TEXT, updated_at TEXT)")
+conn.execute("CREATE TABLE schema_info (key TEXT PRIMARY KEY, value TEXT)")
+conn.executemany("INSERT INTO tool_health (tool_name, call_count) VALUES (?, 5)", [("daemon_a",), ("search",)])
 tracker = health.ToolHealthTracker(types.SimpleNamespace(db=db))
 for _ in range(2):
     tracker.record_error("daemon_b", "boom")
@@ -89,7 +79,7 @@ print(json.dumps({
     "summary": [(r["tool_name"], r["call_count"], [u["slow"] for u in r["usage"]])
                 for r in tracker.get_health_summary()],
     "stored": db.fetchall("SELECT tool_name, call_count, error_count FROM tool_health ORDER BY tool_name"),
-    "perf": [t["name"] for t in health.handle_get_tool_performance_stats()["tools"]],
+    "perf": [list(t.items()) for t in health.handle_get_tool_performance_stats()["tools"]],
     "census": health.thread_census_report(0),
 }))
 """
@@ -101,24 +91,20 @@ def test_module_built_into_a_daemon_package(tmp_path: Path) -> None:
         pytest.skip("needs cmake and a C++ compiler")
     if not (ROOT / "native" / "health").is_dir():
         pytest.skip("runs from a checkout, next to native/")
-    daemon, src = tmp_path / "daemon", tmp_path / "daemon" / "src"
+    daemon, src, build = tmp_path / "daemon", tmp_path / "daemon" / "src", tmp_path / "build"
     for name, text in FAKE_DAEMON.items():
         (src / "ordanis_veltrane" / name).parent.mkdir(parents=True, exist_ok=True)
         (src / "ordanis_veltrane" / name).write_text(textwrap.dedent(text))
-    (daemon / "CMakeLists.txt").write_text(textwrap.dedent(f"""
-        cmake_minimum_required(VERSION 3.18)
-        project(daemon LANGUAGES CXX)
-        set(HEALTH_INSTALL_DIR src/ordanis_veltrane/tool_handlers)
-        add_subdirectory("{ROOT.as_posix()}" health)
-    """))
-    build = tmp_path / "build"
+    (daemon / "CMakeLists.txt").write_text(f"cmake_minimum_required(VERSION 3.18)\nproject(daemon LANGUAGES CXX)\n"
+                                           f"set(HEALTH_INSTALL_DIR src/ordanis_veltrane/tool_handlers)\n"
+                                           f'add_subdirectory("{ROOT.as_posix()}" health)\n')
     configure = [cmake, "-S", str(daemon), "-B", str(build), "-DCMAKE_BUILD_TYPE=Release",
                  f"-DPython_EXECUTABLE={sys.executable}", *(["-G", "Ninja"] if ninja else [])]
     for step in (configure, [cmake, "--build", str(build)], [cmake, "--install", str(build), "--prefix", str(daemon)]):
         done = subprocess.run(step, capture_output=True, text=True, timeout=600)
         assert done.returncode == 0, done.stdout + done.stderr
-    manifest = (build / "install_manifest.txt").read_text().split()  # what cmake --install wrote: nothing else
-    installed = sorted(Path(p).relative_to(daemon).as_posix() for p in manifest)
+    installed = sorted(Path(p).relative_to(daemon).as_posix()  # what cmake --install wrote: nothing else
+                       for p in (build / "install_manifest.txt").read_text().split())
     suffix = sysconfig.get_config_var("EXT_SUFFIX")
     assert installed == sorted(f"src/ordanis_veltrane/tool_handlers/health{end}" for end in (suffix, ".pyi"))
 
@@ -132,7 +118,8 @@ def test_module_built_into_a_daemon_package(tmp_path: Path) -> None:
     assert seen["disabled"]  # the daemon's limit: 2 errors, not the stand-in's 3
     assert seen["summary"] == [["daemon_b", 2, [True]], ["daemon_a", 5, []]]  # "search" is no daemon tool
     assert seen["stored"] == [["daemon_a", 5, 0], ["daemon_b", 2, 2]]
-    assert seen["perf"] == ["daemon_a"]
+    assert seen["perf"] == [[["name", "daemon_a"], ["count", 1], ["avg_ms", 2], ["p95_ms", 3], ["min_ms", 1],
+                             ["max_ms", 4], ["errors", 0]]]  # the seven keys in their order, nothing else
     census = seen["census"]  # the daemon's census: no OS count, one Python thread, over a budget of 0
     assert census.pop("warning") and census == {"python": 1, "python_by_name": {"daemon-loop": 1}, "budget": 0}
 
@@ -143,12 +130,12 @@ def test_installed_metadata() -> None:
         dist = importlib.metadata.distribution("ordanis-veltrane-health")
     except importlib.metadata.PackageNotFoundError:
         pytest.skip("the package is not installed")
-    installed = Path(str(dist.locate_file("ordanis_veltrane/__init__.py"))).resolve()
-    if installed != Path(ordanis_veltrane.__file__).resolve():
+    if Path(str(dist.locate_file("ordanis_veltrane/__init__.py"))).resolve() != Path(
+            ordanis_veltrane.__file__).resolve():
         pytest.skip("the package under test is not the installed one")
-    meta = dist.metadata
-    assert meta["License"] == "MIT"
+    assert dist.metadata["License"] == "MIT"
     for field in ("Author-email", "Maintainer-email"):
-        assert meta[field] == "ordanis_veltrane maintainers <maintainers@users.noreply.c-seed-a084835f.example>"
+        assert dist.metadata[field] == ("ordanis_veltrane maintainers"
+                                        " <maintainers@users.noreply.c-seed-a084835f.example>")
     licenses = [f for f in dist.files or () if f.name == "LICENSE"]
     assert licenses and "Copyright (c) 2026 The ordanis_veltrane maintainers" in licenses[0].read_text()

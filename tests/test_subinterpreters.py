@@ -2,7 +2,6 @@
 run at once under their own GILs, and the process still exits cleanly once they are destroyed."""
 
 import json
-import os
 import subprocess
 import sys
 from pathlib import Path
@@ -10,13 +9,14 @@ from typing import Any
 
 import pytest
 
+from conftest import child_env
+
 pytestmark = pytest.mark.skipif(sys.version_info < (3, 12), reason="a GIL per interpreter needs CPython 3.12")
 
 ROUNDS = 3000
 
-# One interpreter's session. phase1 gives the module a registry of its own (the default tools and one named after the
-# interpreter), records, flushes and answers; phase2, once every interpreter is past phase1, reads the registry back
-# and reloads a tracker from the file alone.
+# One interpreter's session. phase1 gives the module a registry of its own (one tool named after the interpreter),
+# records, flushes and answers; phase2, once all are past phase1, reads the registry back and reloads from the file.
 SESSION = r'''
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
@@ -70,9 +70,8 @@ else:
     import _xxsubinterpreters as xi
     create = lambda: xi.create(isolated=True)  # own GIL and allocator, single-phase modules refused
 if sys.version_info < (3, 12, 4):
-    # Before 3.12.4 (gh-119213) the static keyword tuple of an extension function is made by the first interpreter to
-    # pass keywords and freed by the main one at exit: if a subinterpreter's sqlite3.connect(check_same_thread=False)
-    # makes it, the process aborts at exit. A first keyword call here makes the main interpreter its owner.
+    # Before 3.12.4 (gh-119213) a static keyword tuple made by a subinterpreter's sqlite3.connect(check_same_thread=
+    # False) is freed by the main one at exit, which aborts: a first keyword call here makes the main one its owner.
     sqlite3.connect(":memory:", check_same_thread=False).close()
 answers, errors, barrier, main = {}, [], threading.Barrier(3), {}  # main, a and b meet between the phases
 
@@ -88,8 +87,8 @@ def dump(go, name, expr):  # the value of `expr` in an interpreter, through a fi
 
 
 def session_in(name, meet, interp=None):
-    # A subinterpreter is created, run and destroyed by one thread: on 3.12 destroying it from another thread than
-    # the one that imported threading in it hangs in threading._shutdown. `interp` given: the main interpreter.
+    # One thread creates, runs and destroys a subinterpreter (on 3.12 destroying it from another thread than the one
+    # that imported threading in it hangs in threading._shutdown). `interp` given: the main interpreter.
     sub = interp is None
     try:
         interp = create() if sub else interp
@@ -121,8 +120,7 @@ finally:
 def expected(name: str, rounds: int) -> dict[str, Any]:
     """The summary that phase1 of `name` answers, computed from the same calls."""
     rows: dict[str, list[Any]] = {}
-    space: dict[str, Any] = {}
-    exec(SESSION, space)
+    exec(SESSION, space := {})
     for tool, *key, error in space["calls"](name, rounds):
         row = rows.setdefault(tool, [0, 0, None, {}])
         row[:3] = row[0] + 1, row[1] + (error is not None), error or row[2]
@@ -131,8 +129,7 @@ def expected(name: str, rounds: int) -> dict[str, Any]:
 
 
 def test_sessions_in_isolated_subinterpreters(tmp_path: Path) -> None:
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))  # the package this run imports, in every interpreter
-    done = subprocess.run([sys.executable, "-c", CHILD, str(tmp_path), str(ROUNDS), SESSION], env=env,
+    done = subprocess.run([sys.executable, "-c", CHILD, str(tmp_path), str(ROUNDS), SESSION], env=child_env(),
                           capture_output=True, text=True, timeout=300)
     # An object that outlives or crosses its interpreter shows up as an abort at exit, after the answers.
     assert done.returncode == 0, f"exit status {done.returncode}\n{done.stdout[-2000:]}\n{done.stderr[-4000:]}"

@@ -1,4 +1,5 @@
-"""The health summary: order, map shapes, mean times, slow calls, an oracle (a raising is_slow_call: test_hostile)."""
+"""The health summary against an oracle: order, map shapes, defaults, mean times, slow calls, actions of any kind
+(a raising is_slow_call: test_hostile)."""
 
 import enum
 import json
@@ -10,16 +11,8 @@ import pytest
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
-from conftest import MemDb, tracker_over
+from conftest import MEMBERS, MemDb, tracker_over
 from ordanis_veltrane.tool_handlers import health
-
-
-def tracker_with(states: dict[str, tuple[Any, ...]] = {}, usage: Any = ()) -> Any:
-    """A tracker holding name -> _ToolState fields and (key, (calls, timed_calls, total_ms)) pairs."""
-    tracker = tracker_over(MemDb())
-    tracker._state.update({name: health._ToolState(*fields) for name, fields in states.items()})
-    tracker._usage.update({key: health._Usage(*counts) for key, counts in usage})
-    return tracker
 
 
 def stamp(epoch: float | None) -> str | None:
@@ -50,30 +43,6 @@ def shape(summary: list[dict[str, Any]]) -> list[Any]:  # key order and value ty
             for r in summary]
 
 
-def test_tool_order_and_default_records() -> None:
-    tracker = tracker_with(
-        {"t1": (10, 3), "t2": (40, 3), "t3": (1, 4), "t4": (0, 0), "t5": (10, 3, "boom", 5.0, 7.0)},
-        [(("u1", None, "ok", False), (1, 0, 0.0)), (("t5", "x", "ok", True), (2, 1, 3.0)), (("t", "x", "ok", True),
-         (7, 1, 3.0)), (("u2", "a", "e", False), (1, 1, 1.0)), (("u1", None, "ok", True), (1, 1, 1.0)),
-         (("t5x", "x", "ok", True), (9, 1, 3.0))])  # names sharing a prefix stay apart
-    summary = tracker.get_health_summary()
-    assert [r["tool_name"] for r in summary] == ["t3", "t2", "t1", "t5", "t4", "u1", "t", "u2", "t5x"]
-    assert list(summary[3]) == ["tool_name", "call_count", "error_count", "last_error", "disabled", "disabled_at",
-                                "updated_at", "usage"]
-    assert summary[3] == {"tool_name": "t5", "call_count": 10, "error_count": 3, "last_error": "boom", "disabled": True,
-                          "disabled_at": "1970-01-01 00:00:05", "updated_at": "1970-01-01 00:00:07",
-                          "usage": [{"action": "x", "outcome": "ok", "alias_hit": True, "calls": 2, "avg_ms": 3.0,
-                                     "slow": False}]}
-    assert list(summary[3]["usage"][0]) == ["action", "outcome", "alias_hit", "calls", "avg_ms", "slow"]
-    assert {k: summary[5][k] for k in list(summary[5])[1:7]} == {  # usage only: listed once, with defaults
-        "call_count": 0, "error_count": 0, "last_error": None, "disabled": False, "disabled_at": None,
-        "updated_at": "1970-01-01 00:00:00"}
-    assert summary[4]["usage"] == [] and [len(r["usage"]) for r in summary[5:]] == [2, 1, 1, 1]
-    assert "u1" not in tracker._state
-    summary[3]["usage"].clear()  # fresh copies
-    assert tracker.get_health_summary()[3]["usage"] and tracker._dirty == set() and tracker._usage_dirty is False
-
-
 class Kind(enum.Enum):  # an action that is no text: it sorts as its text
     TEXT = "text"
     SYM = "sym"
@@ -88,8 +57,6 @@ usages = st.lists(st.tuples(
     st.tuples(names, st.sampled_from([None, "None", "", "A", "a", "N", "Z", "x", Kind.TEXT, Kind.SYM, 7, b"x"]),
               st.sampled_from(["ok", "error", "Ok"]), st.booleans()),
     st.tuples(st.integers(0, 3), st.integers(0, 3), st.floats(0, 1e4, allow_nan=False))), max_size=14)
-
-
 ROW_ORDER = [(("t", a, o, h), (9 if a in ("low", "z") else 1, 0, 0.0)) for a, o, h in [
     ("apple", "ok", False), ("Zulu", "ok", False), ("None", "ok", False), (None, "ok", False), ("Mango", "ok", False),
     ("Alpha", "ok", False), ("Nonf", "ok", False), ("", "ok", False), ("z", "ok", False), ("low", "ok", False),
@@ -101,23 +68,32 @@ ROW_ORDER = [(("t", a, o, h), (9 if a in ("low", "z") else 1, 0, 0.0)) for a, o,
 @example({}, ROW_ORDER)
 @example({}, [(("t", str(i), "ok", False), (5, timed, total)) for i, (total, timed) in enumerate(
     [(0.125, 1), (0.375, 1), (2.675, 1), (10.0, 3), (10.0, 4), (0.0, 2), (5.0, 0), (1e300, 1)])])  # rounding
+@example({"t1": (10, 3), "t2": (40, 3), "t3": (1, 4), "t4": (0, 0), "t5": (10, 3, "boom", 5.0, 7.0)},
+         [(("u1", None, "ok", False), (1, 0, 0.0)), (("t5", "x", "ok", True), (2, 1, 3.0)),
+          (("t", "x", "ok", True), (7, 1, 3.0)), (("u2", "a", "e", False), (1, 1, 1.0)),
+          (("u1", None, "ok", True), (1, 1, 1.0)), (("t5x", "x", "ok", True), (9, 1, 3.0))])  # shared prefixes
 def test_summary_matches_oracle(monkeypatch, state_fields, usage) -> None:
     seen: list[tuple[str, Any]] = []
     is_slow = lambda tool, action: (len(tool) + len(str(action))) % 2 == 0  # noqa: E731
     monkeypatch.setattr(health, "is_slow_call", lambda t, a: seen.append((t, a)) or is_slow(t, a))
-    tracker = tracker_with(state_fields, usage)
+    tracker = tracker_over(MemDb())
+    tracker._state.update({name: health._ToolState(*fields) for name, fields in state_fields.items()})
+    tracker._usage.update({key: health._Usage(*counts) for key, counts in usage})
     got = tracker.get_health_summary()
     assert got == oracle(tracker, is_slow) and shape(got) == shape(oracle(tracker, is_slow))
     # asked once per row: the tools in the summary's order, each tool's keys in the map's order
     assert seen == [(r["tool_name"], k[1]) for r in got for k in tracker._usage if k[0] == r["tool_name"]]
+    for record in got:  # fresh copies, and nothing marked
+        record["usage"].clear()
+    assert tracker.get_health_summary() == oracle(tracker, is_slow) and not tracker.has_unsaved_changes
+    assert all(name in state_fields for name in tracker._state)
 
 
 def test_actions_of_any_kind_sort_as_their_text(monkeypatch: pytest.MonkeyPatch) -> None:
     """Enum members, numbers (also as read back from the document) and bytes beside text: ordered by str()."""
     monkeypatch.setattr(health, "TOOLS", {"t": types.SimpleNamespace(action=lambda action: action)})
-    db = MemDb((), (json.dumps([{"tool": "t", "action": a, "outcome": "ok", "alias_hit": False, "calls": 1,
-                                  "timed_calls": 0, "total_ms": 0.0} for a in (12, "b", None, 3.5)]),))
-    tracker = tracker_over(db)
+    doc = json.dumps([dict(zip(MEMBERS, ("t", a, "ok", False, 1, 0, 0.0))) for a in (12, "b", None, 3.5)])
+    tracker = tracker_over(MemDb((), (doc,)))
     for action in (Kind.SYM, b"a", "None", Kind.TEXT, 12):
         tracker.record_call("t", action, "ok", alias_hit=False, duration_ms=None)
     got = [(r["action"], r["calls"]) for r in tracker.get_health_summary()[0]["usage"]]

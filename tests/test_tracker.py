@@ -1,4 +1,5 @@
-"""The tracker's call path: limits, disabling, re-enabling, usage counts, locking, bad input (threads: test_stress)."""
+"""The tracker's call path: limits, disabling, re-enabling, usage counts, late binding, locking, bad arguments and
+failing settings or clock (hostile values: test_hostile; threads: test_stress)."""
 
 import json
 import threading
@@ -7,11 +8,11 @@ from typing import Any
 
 import pytest
 
-from conftest import MEMBERS, NOW as T0, SELECT_HEALTH, WRITE_USAGE, FakeClock, HostToolState, HostUsage, make_registry
+from conftest import (FIELDS, MEMBERS, NOW as T0, SELECT_HEALTH, WRITE_USAGE, FakeClock, HostToolState, HostUsage,
+                      make_registry, throw, tracker_over)
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.tool_handlers import health
 
-FIELDS = ("call_count", "error_count", "last_error", "disabled_at", "updated_at", "consecutive_errors")
 KEY, BIG = ("a", None, "ok", False), ("big", None, "ok", False)
 
 
@@ -36,10 +37,8 @@ def assert_unlocked_and_working(tracker: Any, name: str = "after") -> None:
     assert fields(tracker, name)[0] == (0 if before is None else before[0]) + 1 and name in tracker._dirty
 
 
-def raise_or_return(value: Any) -> Any:
-    if isinstance(value, BaseException):
-        raise value
-    return value
+def answer(value: Any) -> Any:  # an exception is raised, anything else returned
+    return throw(value) if isinstance(value, BaseException) else value
 
 
 class Limits:  # settings that are exceptions are raised on reading; false in a boolean test
@@ -47,20 +46,8 @@ class Limits:  # settings that are exceptions are raised on reading; false in a 
         self.after, self.cooldown = after, cooldown
 
     __bool__ = lambda self: False  # noqa: E731
-    disable_after_errors = property(lambda self: raise_or_return(self.after))
-    disable_cooldown_s = property(lambda self: raise_or_return(self.cooldown))
-
-
-def test_construction_and_limits(repo, clock, registry) -> None:
-    tracker = health.ToolHealthTracker(repo)  # a default ToolsConfig, the same object at every read
-    assert type(tracker.limits) is ToolsConfig and tracker.limits == ToolsConfig() and tracker.limits is tracker.limits
-    assert tracker.cooldown_s == ToolsConfig().disable_cooldown_s and type(tracker._lock) is type(threading.Lock())
-    assert (tracker._state, tracker._dirty, tracker._usage, tracker._usage_dirty) == ({}, set(), {}, False)
-    falsy = Limits(cooldown=object())  # tested for absence, not truth; the setting comes back unchanged
-    tracker = health.ToolHealthTracker(repository=repo, limits=falsy)
-    assert tracker.limits is falsy is tracker._limits and tracker.cooldown_s is falsy.cooldown and tracker._repo is repo
-    for name in ("limits", "cooldown_s"):
-        pytest.raises(AttributeError, setattr, tracker, name, ToolsConfig())
+    disable_after_errors = property(lambda self: answer(self.after))
+    disable_cooldown_s = property(lambda self: answer(self.cooldown))
 
 
 # limit, steps before (a number advances the clock), the event, its answer, the record after (None: none),
@@ -73,6 +60,7 @@ TRANSITIONS = {
     "unknown-error-limit-1": (1, [], ERR, None, (1, 1, "x", T0, T0, 1), {"a"}, 1),
     "unknown-error-limit-0": (0, [], ERR, None, (1, 1, "x", T0, T0, 1), {"a"}, 1),
     "unknown-error-limit-negative": (-1, [], ("err", "a", ""), None, (1, 1, "", T0, T0, 1), {"a"}, 1),
+    "unknown-error-limit-huge": (10**30, [], ERR, None, (1, 1, "x", None, T0, 1), {"a"}, 1),
     "enabled-ask": (3, [OK, 5], ASK, (False, None), (1, 0, None, None, T0, 0), set(), 0),
     "enabled-success": (3, [ERR, 5], OK, None, (2, 1, "x", None, T5, 0), {"a"}, 1),
     "enabled-error-below-limit": (3, [ERR, 5], ERR, None, (2, 2, "x", None, T5, 2), {"a"}, 1),
@@ -144,28 +132,20 @@ def test_record_call_counts(tracker, recording) -> None:
     assert len(recording.calls) == statements
 
 
-@pytest.mark.parametrize(("args", "kwargs"), [
-    (("a", None, "ok", True, 1.0), {}), (("a", None, "ok", True), {"duration_ms": 1.0}),
-    (("a", None, "ok"), {"alias_hit": False}), (("a", None, "ok"), {"alias_hit": False, "duration_ms": None, "x": 1}),
-    (("a", None, "ok"), {"alias_hit": False, "duration_ms": None, "tool_name": "a"}),
-])
-def test_record_call_refuses_bad_arguments_before_counting(tracker, args: tuple, kwargs: dict) -> None:
-    pytest.raises(TypeError, lambda: tracker.record_call(*args, **kwargs))
-    assert tracker._usage == {} and tracker._usage_dirty is False and not tracker._lock.locked()
-
-
-def test_late_binding(repo, monkeypatch) -> None:
-    """Clock, records, registry and helpers are looked up on the module at each use."""
+def test_late_binding(repo, recording, monkeypatch) -> None:
+    """Clock, records, registry, column list and helpers are looked up on the module at each use."""
     monkeypatch.setattr(health, "TOOLS", make_registry({"search": ("symbol",)}))
-    assert health._known("search", "text") is False and health._known("search", "symbol") is True
     repo.db.executemany("INSERT INTO tool_health VALUES (?, ?, ?, ?, ?, ?)", [("search", 1, 0, None, "x", "y")])
     rows = [dict(zip(MEMBERS, ("search", action, "ok", False, 1, 1, 1.0))) for action in ("text", "symbol")]
     repo.db.execute(WRITE_USAGE, ("tool_usage", json.dumps(rows)))
+    columns = "tool_name,call_count ,error_count,last_error,disabled_at,updated_at"
     for name, value in {"_ToolState": HostToolState, "_Usage": HostUsage, "time": FakeClock(2e9),
                         "_epoch": lambda text: {"x": 5.0, "y": 6.0}.get(text), "_known": lambda t, a: a == "text",
-                        "_sqlite_time": lambda e: None if e is None else f"T{e:.0f}"}.items():
+                        "_sqlite_time": lambda e: None if e is None else f"T{e:.0f}",
+                        "_TOOL_HEALTH_COLUMNS": columns}.items():
         monkeypatch.setattr(health, name, value)
-    tracker = health.ToolHealthTracker(repo, ToolsConfig(disable_after_errors=1, disable_cooldown_s=60.0))
+    tracker = tracker_over(recording, ToolsConfig(disable_after_errors=1, disable_cooldown_s=60.0))
+    assert recording.calls[0] == ("fetchall", (f"SELECT {columns} FROM tool_health",))
     assert tracker._state == {"search": HostToolState(1, 0, None, 5.0, 6.0)}
     assert tracker._usage == {("search", "text", "ok", False): HostUsage(1, 1, 1.0)} and tracker._usage_dirty
     tracker.record_error("search", "e")
@@ -174,90 +154,75 @@ def test_late_binding(repo, monkeypatch) -> None:
     assert tracker._state == {"search": HostToolState(2, 1, "e", 2e9, 2e9, 1),
                               "new": HostToolState(1, 1, "e", 2e9, 2e9, 1)}
     assert tracker._usage == {("search", "text", "ok", False): HostUsage(2, 2, 3.0)} and tracker.flush() == 3
+    assert recording.calls[-2][1][0].startswith(f"INSERT INTO tool_health ({columns})\n")
     at = "T2000000000"
     assert repo.db.fetchall(SELECT_HEALTH) == [("search", 2, 1, "e", at, at), ("new", 1, 1, "e", at, at)]
-    record = tracker.get_health_summary()[0]
-    assert (record["disabled_at"], record["usage"][0]["avg_ms"]) == (at, 1.5)
+    assert [(r["disabled_at"], r["usage"][0]["avg_ms"]) for r in tracker.get_health_summary()[:1]] == [(at, 1.5)]
     health.time.advance(60)
     assert tracker.is_disabled("new") == (False, None)
     assert tracker._state["new"] == HostToolState(1, 1, "e", None, 2e9 + 60)
 
 
 CALLS = {"success": lambda t: t.record_success("a"), "error": lambda t: t.record_error("a", "x"),
-         "is_disabled": lambda t: t.is_disabled("a"),
-         "record_call": lambda t: t.record_call("a", None, "ok", alias_hit=False, duration_ms=None)}
+         "is_disabled": lambda t: t.is_disabled("a"), "has_unsaved_changes": lambda t: t.has_unsaved_changes,
+         "record_call": lambda t: t.record_call("a", None, "ok", alias_hit=False, duration_ms=None),
+         "summary": lambda t: t.get_health_summary(), "properties": lambda t: (t.limits, t.cooldown_s)}
 
 
-@pytest.mark.parametrize(("call", "blocks"), [
-    *[(c, True) for c in CALLS.values()], (lambda t: t.has_unsaved_changes, True),
-    (lambda t: t.get_health_summary(), True), (lambda t: (t.limits, t.cooldown_s), False),
-], ids=[*CALLS, "has_unsaved_changes", "summary", "properties"])
-def test_contended_lock(tracker, call, blocks: bool) -> None:
+@pytest.mark.parametrize("call", list(CALLS))
+def test_contended_lock(tracker, call: str) -> None:
     tracker.record_error("a", "x")
     snapshot, done = (fields(tracker, "a"), usage(tracker)), threading.Event()
-    worker = threading.Thread(target=lambda: (call(tracker), done.set()), daemon=True)
+    worker = threading.Thread(target=lambda: (CALLS[call](tracker), done.set()), daemon=True)
     with tracker._lock:
         worker.start()
-        assert done.wait(0.2) is not blocks
+        assert done.wait(0.2) is (call == "properties")
         assert (fields(tracker, "a"), usage(tracker)) == snapshot
     assert done.wait(10) and not tracker._lock.locked()
 
 
 @pytest.mark.parametrize(("call", "error"), [
-    *[(c, TypeError) for c in (lambda t: t.record_success(["a"]), lambda t: t.record_error({}, "x"),
-                               lambda t: t.is_disabled(["a"]),
-                               lambda t: t.record_call(["a"], None, "ok", alias_hit=False, duration_ms=None),
-                               lambda t: t.record_call("a", ["x"], "ok", alias_hit=False, duration_ms=None))],
+    *[(c, TypeError) for c in (lambda t: t.record_success(["a"]), lambda t: t.is_disabled(["a"]),
+                               *[lambda t, a=a, k=k: t.record_call(*a, **k) for a, k in [
+                                   (("a", None, "ok", True, 1.0), {}), (("a", None, "ok", True), {"duration_ms": 1}),
+                                   (("a", None, "ok"), {"alias_hit": False}),
+                                   (("a", None, "ok"), {"alias_hit": False, "duration_ms": None, "x": 1}),
+                                   (("a", None, "ok"), {"alias_hit": False, "duration_ms": None, "tool_name": "a"})]])],
     *[(c, OverflowError) for c in (lambda t: t.record_success("big"), lambda t: t.record_error("big", "x"),
                                    lambda t: t.record_call("big", None, "ok", alias_hit=False, duration_ms=1.0))],
 ])
-def test_unhashable_names_and_64_bit_counts(tracker, call, error: type) -> None:
-    """Refused without a change (counts raise instead of wrapping), and the lock is released."""
+def test_bad_arguments_and_64_bit_counts(tracker, call, error: type) -> None:
+    """Unhashable names and wrong arguments are refused without a change, counts raise instead of wrapping,
+    and the lock is released."""
     tracker._state["big"] = health._ToolState(call_count=2**63 - 1)
     tracker._usage[BIG] = health._Usage(2**63 - 1, 0, 0.0)
+    tracker._usage_dirty = False
     pytest.raises(error, call, tracker)
     assert (list(tracker._state), list(tracker._usage)) == (["big"], [BIG]) and tracker._dirty <= {"big"}
-    assert tracker._state["big"].call_count == tracker._usage[BIG].calls == 2**63 - 1
+    assert tracker._state["big"].call_count == tracker._usage[BIG].calls == 2**63 - 1 and not tracker._usage_dirty
     assert_unlocked_and_working(tracker)
 
 
-@pytest.mark.parametrize(("after", "cooldown", "event", "error", "record"), [
-    (RuntimeError("limits gone"), 60.0, ERR, RuntimeError, (2, 2, "x", T0, T5, 2)),  # earlier steps stay done
-    ("3", 60.0, ERR, TypeError, (2, 2, "x", T0, T5, 2)),
-    (1, RuntimeError("cooldown gone"), ASK, RuntimeError, (1, 1, "x", T0, T0, 1)),
+@pytest.mark.parametrize(("fault", "value", "event", "error", "record"), [
+    ("after", RuntimeError("limits gone"), ERR, RuntimeError, (2, 2, "x", T0, T5, 2)),  # earlier steps stay done
+    ("after", "3", ERR, TypeError, (2, 2, "x", T0, T5, 2)),
+    ("cooldown", RuntimeError("cooldown gone"), ASK, RuntimeError, (1, 1, "x", T0, T0, 1)),
+    *[("clock", value, event, error, None) for event in (OK, ERR, ASK) for value, error in [
+        ("noon", TypeError), (OSError("no clock"), OSError), (KeyboardInterrupt(), KeyboardInterrupt)]],
 ])
-def test_failing_limits(make_tracker, clock, registry, after, cooldown, event, error: type, record: tuple) -> None:
+def test_failing_limits_and_clock(make_tracker, clock, registry, monkeypatch, fault, value, event, error: type,
+                                  record: tuple) -> None:
+    """A setting or clock that raises or answers garbage: its error reaches the caller, the lock is free."""
     limits = Limits(after=1)
     tracker = make_tracker(limits)
     tracker.record_error("a", "x")
-    limits.after, limits.cooldown = after, cooldown
     tracker._dirty.clear()
     clock.advance(5)
+    if fault == "clock":
+        monkeypatch.setattr(health, "time", types.SimpleNamespace(time=lambda: answer(value)))
+    setattr(limits, fault, value)
     pytest.raises(error, lambda: apply(tracker, clock, event))
-    assert fields(tracker, "a") == record and tracker._dirty == set()
+    assert fields(tracker, "a") == (record or fields(tracker, "a")) and tracker._dirty == set()
+    limits.after, limits.cooldown, health.time = 1, 60.0, clock
     assert tracker.is_disabled("unknown") == (False, None)  # no record: the cooldown is not read
     assert_unlocked_and_working(tracker)
-
-
-@pytest.mark.parametrize("duration", ["5", object(), [1.0]])
-def test_duration_that_is_not_a_number(tracker, duration: Any) -> None:
-    pytest.raises(TypeError, lambda: tracker.record_call("a", None, "ok", alias_hit=False, duration_ms=duration))
-    counts = tracker._usage[KEY]  # counted before the duration was added; the change not marked
-    assert (counts.calls, counts.total_ms) == (1, 0.0) and tracker._usage_dirty is False and not tracker._lock.locked()
-    tracker.record_call("a", None, "ok", alias_hit=False, duration_ms=2.0)
-    assert tracker._usage[KEY].total_ms == 2.0 and tracker._usage_dirty is True
-
-
-@pytest.mark.parametrize("answer", ["noon", OSError("no clock"), KeyboardInterrupt()])
-@pytest.mark.parametrize("call", [CALLS["success"], CALLS["error"], lambda t: t.is_disabled("d")],
-                         ids=["success", "error", "is_disabled"])
-def test_clock_answering_garbage(tracker, monkeypatch, answer: Any, call) -> None:
-    tracker.record_error("d", "x")
-    monkeypatch.setattr(health, "time", types.SimpleNamespace(time=lambda: raise_or_return(answer)))
-    pytest.raises(TypeError if answer == "noon" else type(answer), call, tracker)
-    assert not tracker._lock.locked()
-    monkeypatch.setattr(health, "time", FakeClock(T0 + 1000))
-    call(tracker)
-    assert tracker.is_disabled("d") == (False, None)
-    assert_unlocked_and_working(tracker)
-    assert tracker._state["after"].updated_at == T0 + 1000

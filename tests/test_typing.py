@@ -70,7 +70,6 @@ USAGE = """
     tracker.record_error("t", "boom")
     tracker.record_call("t", None, "ok", alias_hit=True, duration_ms=1.5)
     rows: int = tracker.flush() if tracker.has_unsaved_changes else 0
-    print(tracker.get_health_summary()[0]["usage"])
     stats: dict[str, Any] = health.handle_get_tool_performance_stats()
     report: dict[str, Any] = health.thread_census_report(budget=40, census=health.thread_census())
     text: str = health._sqlite_time(0.0)
@@ -83,7 +82,6 @@ USAGE = """
     match tracker._state["t"]:
         case health._ToolState(calls, errors):
             total: int = calls + errors
-    name: str = health.TOOL_USAGE_KEY
 
     # The daemon's own services, in place of the stand-ins.
     class MySpec:
@@ -110,8 +108,6 @@ USAGE = """
     health.get_timing_collector = MyCollector
     health.thread_census = lambda: MyCensus(None, 1, {"MainThread": 1})
     report = health.thread_census_report(8, MyCensus(3, 3, {}))
-    spec = health.TOOLS.get("git")
-    found: object = spec.action("log") if spec is not None else None
 """
 
 MISUSES = [
