@@ -37,11 +37,11 @@ try:
     from mcp.server.mcpserver.exceptions import ToolError
     from mcp.shared.exceptions import MCPError
     from mcp.types import CallToolResult, TextContent
-except ImportError as exc:  # pragma: no cover - exercised where the SDK is missing
+except ImportError as _missing:  # pragma: no cover - exercised where the SDK is missing
     raise ImportError(
         "ordanis_veltrane.mcp_guard needs the official MCP SDK: install the 'mcp' extra "
         "(pip install 'ordanis-veltrane-health[mcp]', or pip install '.[mcp]' from a checkout)"
-    ) from exc
+    ) from _missing
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
@@ -50,7 +50,7 @@ from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
 __all__ = ["DEFAULT_THREAD_BUDGET", "GuardedTools", "ToolGuard"]
 
-logger = logging.getLogger(__name__)
+logger: logging.Logger = logging.getLogger(__name__)
 
 F = TypeVar("F", bound=Callable[..., Any])
 
@@ -62,7 +62,7 @@ DEFAULT_THREAD_BUDGET = 48
 _OPEN_LOCK = threading.Lock()
 
 
-class _OpenTool:
+class OpenTool:
     """A tool that declares no actions: whatever action it is given is one of its own."""
 
     def __init__(self, name: str) -> None:
@@ -76,9 +76,9 @@ class GuardedTools:
     """The guarded tools by name: the registry a guard installs as ``health.TOOLS``."""
 
     def __init__(self) -> None:
-        self.specs: dict[str, ToolSpec | _OpenTool] = {}
+        self.specs: dict[str, ToolSpec | OpenTool] = {}
 
-    def get(self, name: str) -> ToolSpec | _OpenTool | None:
+    def get(self, name: str) -> ToolSpec | OpenTool | None:
         return self.specs.get(name)
 
     def __contains__(self, name: object) -> bool:
@@ -124,10 +124,10 @@ class ToolGuard:
         thread_budget: int = DEFAULT_THREAD_BUDGET,
     ) -> None:
         self.repository = repository
-        self.limits = limits if limits is not None else ToolsConfig()
+        self.limits: ToolsConfig = limits if limits is not None else ToolsConfig()
         self.flush_interval = flush_interval
         self.thread_budget = thread_budget
-        self.registry = GuardedTools()
+        self.registry: GuardedTools = GuardedTools()
         self._tracker: health.ToolHealthTracker | None = None
         self._repo: Repository | None = None
         self._sessions = 0
@@ -173,9 +173,9 @@ class ToolGuard:
         synonym. Without ``actions`` every value counts as an action of the tool.
         """
         tool_name = name or fn.__name__
-        spec: ToolSpec | _OpenTool
+        spec: ToolSpec | OpenTool
         if actions is None:
-            spec = _OpenTool(tool_name)
+            spec = OpenTool(tool_name)
         else:
             spec = ToolSpec(tool_name, [a if isinstance(a, ActionSpec) else ActionSpec(a) for a in actions])
         self.registry.specs[tool_name] = spec
@@ -214,7 +214,7 @@ class ToolGuard:
             raise RuntimeError("tool health is not running: serve the server with lifespan=guard.lifespan")
         return tracker
 
-    def _begin(self, tool: str, spec: ToolSpec | _OpenTool, kwargs: dict[str, Any] | None) -> _Call:
+    def _begin(self, tool: str, spec: ToolSpec | OpenTool, kwargs: dict[str, Any] | None) -> _Call:
         tracker = self._running()
         action: str | None = None
         alias_hit = False
@@ -259,7 +259,7 @@ class ToolGuard:
         # The handler gave no answer: counted without a duration, and not as an error.
         call.tracker.record_call(tool, call.action, "cancelled", alias_hit=call.alias_hit, duration_ms=None)
 
-    def _guarded(self, tool: str, spec: ToolSpec | _OpenTool, fn: Callable[..., Any]) -> Callable[..., Any]:
+    def _guarded(self, tool: str, spec: ToolSpec | OpenTool, fn: Callable[..., Any]) -> Callable[..., Any]:
         takes_action = "action" in inspect.signature(fn).parameters
 
         if _is_async(fn):

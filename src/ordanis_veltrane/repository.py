@@ -37,7 +37,7 @@ class Database:
     """
 
     def __init__(self, path: str | Path) -> None:
-        self.path = str(path)
+        self.path: str = str(path)
         self._lock = threading.RLock()
         self._depth = 0  # calls under way on the thread that holds the lock
         self._conn = sqlite3.connect(self.path, check_same_thread=False, isolation_level=None)
@@ -111,8 +111,8 @@ class Repository:
     """The handle of one indexed repository; the health component uses only ``db``."""
 
     def __init__(self, db_path: str | Path) -> None:
-        self.db_path = Path(db_path)
-        self.db = Database(self.db_path)
+        self.db_path: Path = Path(db_path)
+        self.db: Database = Database(self.db_path)
 
     def close(self) -> None:
         self.db.close()

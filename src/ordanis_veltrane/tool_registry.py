@@ -6,7 +6,7 @@ lookup costs what a dictionary lookup costs.
 from __future__ import annotations
 
 from dataclasses import dataclass, field
-from typing import Iterable, Iterator
+from typing import Callable, Iterable, Iterator
 
 
 @dataclass(frozen=True)
@@ -19,14 +19,14 @@ class ToolSpec:
     """One tool: its name and actions. ``action(name)`` also answers synonyms."""
 
     def __init__(self, name: str, actions: Iterable[ActionSpec] = ()) -> None:
-        self.name = name
+        self.name: str = name
         self.actions: tuple[ActionSpec, ...] = tuple(actions)
         by_name: dict[str, ActionSpec] = {}
         for spec in self.actions:
             by_name[spec.name] = spec
             for synonym in spec.synonyms:
                 by_name.setdefault(synonym, spec)
-        self.action = by_name.get
+        self.action: Callable[[str], ActionSpec | None] = by_name.get
 
     def __repr__(self) -> str:
         return f"ToolSpec({self.name!r}, actions={[a.name for a in self.actions]!r})"
@@ -39,7 +39,7 @@ class ToolRegistry:
     specs: dict[str, ToolSpec] = field(default_factory=dict)
 
     def __post_init__(self) -> None:
-        self.get = self.specs.get
+        self.get: Callable[[str], ToolSpec | None] = self.specs.get
 
     def register(self, spec: ToolSpec) -> ToolSpec:
         self.specs[spec.name] = spec

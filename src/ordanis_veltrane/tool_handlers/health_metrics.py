@@ -33,12 +33,12 @@ try:
     from prometheus_client.core import CounterMetricFamily, GaugeMetricFamily, Metric
     from prometheus_client.registry import CollectorRegistry
     from prometheus_client.samples import Sample
-except ImportError as exc:  # pragma: no cover - exercised in a subprocess
+except ImportError as _missing:  # pragma: no cover - exercised in a subprocess
     raise ImportError(
         "ordanis_veltrane.tool_handlers.health_metrics needs prometheus_client: "
         "install the 'metrics' extra (pip install 'ordanis-veltrane-health[metrics]', "
         "or pip install '.[metrics]' from a checkout)"
-    ) from exc
+    ) from _missing
 
 from ordanis_veltrane.tool_handlers import health
 
