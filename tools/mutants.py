@@ -8,8 +8,8 @@
 
 The checkout's tracked files are copied to a private tree (--workdir, kept between runs so that
 the native build is incremental; one run at a time uses it); the tests directory given replaces its
-tests/. Each mutant is applied there alone, the module is rebuilt (cmake + ninja, one build tree for
-all mutants) and the tests run with `pytest -x` under a timeout, one mutant at a time. A mutant is
+tests/. Each mutant is applied there alone, the module is rebuilt by the tree's tools/dev-build.sh
+(incrementally, one build tree for all mutants) and the tests run with `pytest -x` under a timeout, one mutant at a time. A mutant is
 killed when the run fails or times out, survives when it passes, and is excluded when it no longer
 matches the sources or does not compile.
 """
@@ -233,22 +233,10 @@ def sync_tree(work: Path, tests: Path) -> None:
 
 
 def build(work: Path, jobs: int) -> subprocess.CompletedProcess[str]:
-    """Builds the module in work/build/mutants and copies it into work/src (as tools/dev-build.sh does)."""
-    tree = work / "build" / "mutants"
-    steps = [["cmake", "--build", str(tree), "--parallel", str(jobs)]]
-    if not (tree / "build.ninja").is_file():
-        steps.insert(0, ["cmake", "-S", str(work), "-B", str(tree), "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
-                         f"-DPython_EXECUTABLE={sys.executable}"])
-    done: subprocess.CompletedProcess[str] = subprocess.CompletedProcess([], 0, "", "")
-    for step in steps:
-        done = subprocess.run(step, capture_output=True, text=True)
-        if done.returncode != 0:
-            return done
-    for so in tree.glob("health*.so"):
-        dest = work / "src" / "ordanis_veltrane" / "tool_handlers" / so.name
-        if not dest.is_file() or dest.read_bytes() != so.read_bytes():
-            shutil.copyfile(so, dest)
-    return done
+    """Builds the module in the private tree with its own tools/dev-build.sh (incremental, one build tree for all
+    mutants), which puts it beside the tree's Python sources."""
+    env = {**os.environ, "PYTHON": sys.executable, "CMAKE_BUILD_PARALLEL_LEVEL": str(jobs)}
+    return subprocess.run(["bash", str(work / "tools" / "dev-build.sh")], env=env, capture_output=True, text=True)
 
 
 def run_tests(work: Path, timeout: float, extra: list[str]) -> tuple[str, float, str, list[str]]:
