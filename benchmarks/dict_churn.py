@@ -2,8 +2,8 @@
 
 Plain Python, without the health module: four threads look up, insert and walk two shared dicts with str and
 tuple subclasses as keys, and those keys' __hash__ and __eq__ sometimes clear a dict, replace it by a new one
-or refill it, as a hostile host's keys may do to the tracker's maps while it looks them up. Each run is a child process; a run that dies by a
-signal is an interpreter fault. On a free-threaded CPython 3.13.15 most runs die, with or without
+or refill it, as a hostile host's keys may do to the tracker's maps while it looks them up. Each run is a
+child process; a run that dies by a signal is an interpreter fault. On a free-threaded CPython 3.13.15 most runs die, with or without
 PYTHON_GIL=1 (the heap's free lists are found corrupt in mimalloc); on the builds with the GIL none does.
 The re-entrancy tests leave the fuzzer's callbacks that do this ("clear", "replace", "refill") out on an
 interpreter where it faults.
@@ -51,24 +51,24 @@ def churn() -> None:
         local.depth = depth
 
 
-class HookedStr(str):
+class Churning:
+    """A key type's hash and eq, which churn the shared dicts before answering as the base type does."""
+
     def __hash__(self) -> int:
         churn()
-        return str.__hash__(self)
+        return super().__hash__()
 
     def __eq__(self, other: object) -> bool:
         churn()
-        return str.__eq__(self, other)
+        return super().__eq__(other)
 
 
-class HookedTuple(tuple):  # type: ignore[type-arg]
-    def __hash__(self) -> int:
-        churn()
-        return tuple.__hash__(self)
+class HookedStr(Churning, str):
+    pass
 
-    def __eq__(self, other: object) -> bool:
-        churn()
-        return tuple.__eq__(self, other)
+
+class HookedTuple(Churning, tuple):  # type: ignore[type-arg]
+    pass
 
 
 def key(rng: random.Random) -> Any:

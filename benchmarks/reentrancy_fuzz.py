@@ -823,7 +823,7 @@ def main(argv: list[str] | None = None) -> int:
              "thread cannot hold the lock")
     add("--intensity", type=float, default=0.3, help="share of callbacks that act")
     add("--without", default="", help="operations left out, to look past a known crash: e.g. summary,usage_rows")
-    add("--quiet-actions", default="", help="callback actions left out, e.g. clear (see tools/dict_churn.py)")
+    add("--quiet-actions", default="", help="callback actions left out, e.g. clear (see benchmarks/dict_churn.py)")
     add("--log", help="file that receives each call before it is made")
     add("--stats", action="store_true", help="print how the operations ended and what the callbacks did")
     add("--stall", type=float, default=30, help="seconds without a finished operation that make a hang")
@@ -832,7 +832,8 @@ def main(argv: list[str] | None = None) -> int:
     for ops in (HOSTILE_OPS, COUNTING_OPS, LOCKING):
         ops -= set(args.without.split(","))
     for action in filter(None, args.quiet_actions.split(",")):
-        HOSTILE_ACTIONS.pop(action, None), COUNTING_ACTIONS.pop(action, None)
+        HOSTILE_ACTIONS.pop(action, None)
+        COUNTING_ACTIONS.pop(action, None)
     global BATCH
     faulthandler.enable()
     faulthandler.dump_traceback_later(args.timeout, exit=True)
