@@ -23,8 +23,12 @@ pytestmark = pytest.mark.skipif(sys.getallocatedblocks() == 0, reason="sys.getal
 ROUNDS, WARMUP, TOLERANCE = 2000, 200, 200
 ANY = object()  # the scenario may succeed or fail: behaviour left open
 Hostile = type("Hostile", (Exception,), {})
+
+
 def raising(*args: Any, **kwargs: Any) -> Any:  # a lambda around throw() leaks blocks on 3.13t
     raise Hostile("callable")
+
+
 ROWS = [("a", 3, 1, "boom", "2023-11-14 22:00:00", "2023-11-14 22:13:20"), ("search", None, None, None, None, None),
         ("removed", 1, 0, None, None, "2023-11-14 22:13:20")]
 DOC = json.dumps([{"tool": t, "action": a, "outcome": "ok", "alias_hit": False, "calls": 2, "timed_calls": 1,
@@ -35,7 +39,8 @@ LAST_ROW_FLOAT = '"calls":2.5,'.join(COMPACT.rsplit('"calls":2,', 1))  # read na
 
 class Clearing(tuple):  # a usage key whose item access empties the maps of its tracker `t`
     def __getitem__(self, i: Any) -> Any:
-        self.t._usage.clear(), self.t._state.clear()  # type: ignore[attr-defined]
+        self.t._usage.clear()  # type: ignore[attr-defined]
+        self.t._state.clear()  # type: ignore[attr-defined]
         return tuple.__getitem__(self, i)
 
 

@@ -67,12 +67,13 @@ def test_fuzz_batches(tmp_path: Path, mode: str) -> None:
         except subprocess.TimeoutExpired as expired:  # its output comes as bytes whatever text= says
             stderr = expired.stderr.decode(errors="replace") if isinstance(expired.stderr, bytes) else ""
         problem = batch_problem(done, stderr)
-        if problem:  # each thread's last call, the first failures and the end of stderr
+        if problem:
             lines = log.read_text(errors="replace").splitlines() if log.exists() else []
             last = sorted({line.split()[0]: line for line in lines if line.startswith("t")}.values())
             failed = [line for line in stderr.splitlines() if line.startswith("FAILURE")][:5]
-            failures.append("\n  ".join([f"seed {seed}: {problem}", "rerun: " + " ".join(command[1:6]), *last, *failed,
-                                         *stderr.splitlines()[-30:]]))
+            failures.append("\n  ".join([f"seed {seed}: {problem}", "rerun: " + " ".join(command[1:6]),
+                                         "last call of each thread:", *last, "log tail:", *lines[-8:],
+                                         "failures:", *failed, "stderr tail:", *stderr.splitlines()[-30:]]))
         seed += 1
     print(f"{mode}: {seed - first} batches from seed {first}, {len(failures)} failed", *quiet)
     assert not failures, f"{len(failures)} of {seed - first} batches failed\n" + "\n\n".join(failures[:3])
@@ -158,7 +159,9 @@ def test_callback_changes_the_maps_being_walked(env: FakeClock, monkeypatch: pyt
     def fire(*_: Any) -> None:
         if pending and pending.pop():
             if change == "clear":
-                return t._usage.clear() or t._state.clear()
+                t._usage.clear()
+                t._state.clear()
+                return
             t._state.pop("t0", None)
             for key in [k for k in t._usage if k[0] == "t0" and operation != "flush"]:
                 del t._usage[key]  # (a flush copies the usage map only after writing the health rows)
@@ -220,17 +223,23 @@ def test_failed_acquire_holds_nothing(env: FakeClock) -> None:
 
 
 @pytest.mark.parametrize("site", ["is_slow_call", "acquire", "release"])
-@pytest.mark.parametrize("reentry", ["record_success('t1')", "is_disabled('t0')", "get_health_summary()", "flush()",
-                                     "record_call('t1', 'a', 'ok', alias_hit=False, duration_ms=1.0)",
-                                     "has_unsaved_changes"])
+@pytest.mark.parametrize("reentry", [
+    lambda t: t.record_success("t1"), lambda t: t.is_disabled("t0"), lambda t: t.get_health_summary(),
+    lambda t: t.flush(), lambda t: t.record_call("t1", "a", "ok", alias_hit=False, duration_ms=1.0),
+    lambda t: t.has_unsaved_changes],
+    ids=["record_success", "is_disabled", "get_health_summary", "flush", "record_call", "has_unsaved_changes"])
 def test_reentry_under_the_lock_raises_runtime_error(env: FakeClock, monkeypatch: pytest.MonkeyPatch, site: str,
-                                                     reentry: str) -> None:
+                                                     reentry: Callable[[Any], Any]) -> None:
     """From is_slow_call, or from a host lock's acquire or release, a locking operation of the same tracker
     raises RuntimeError at once instead of waiting for the lock its own thread holds."""
     monkeypatch.setattr(health, "threading", types.SimpleNamespace(Lock=HostLock))
     t, seen = populated(), list[tuple[str, Any]]()
-    strike = lambda: seen or seen.append(outcome(lambda: eval("t." + reentry, {"t": t})))  # noqa: E731
-    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: site == "is_slow_call" and bool(strike()))
+
+    def strike() -> bool:  # re-enters once, from inside whatever holds the lock
+        if not seen:
+            seen.append(outcome(lambda: reentry(t)))
+        return False
+    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: site == "is_slow_call" and strike())
     HostLock.site, HostLock.strike = ("" if site == "is_slow_call" else site), strike
     summary = threading.Thread(target=lambda: outcome(t.get_health_summary), daemon=True)
     summary.start()
@@ -259,11 +268,21 @@ def test_raising_record_field_reaches_the_caller(env: FakeClock, operation: str,
 def test_failed_write_puts_back_every_mark_it_can(env: FakeClock) -> None:
     """When the health write fails and one name's hash raises as the marks go back, the other names stay
     marked: one host object's failure costs no other tool its row."""
-    armed: list[bool] = []
-    Name = type("Name", (str,), {"__eq__": str.__eq__, "__hash__": lambda name: throw(Boom("hash")) if armed and
-                                 armed.pop() else str.__hash__(name)})
+    class Name(str):
+        armed = False  # set by the failing write: the next hash raises
+
+        def __hash__(self) -> int:
+            if Name.armed:
+                Name.armed = False
+                raise Boom("hash")
+            return str.__hash__(self)
+        __eq__ = str.__eq__
+
+    def failing_write(sql: str, rows: Any) -> None:
+        Name.armed = True
+        raise Boom("write")
     db = MemDb()
-    db.executemany = lambda sql, rows: armed.append(True) or throw(Boom("write"))  # type: ignore[method-assign]
+    db.executemany = failing_write  # type: ignore[attr-defined]
     t = tracker_over(db)
     for name in (Name("a"), "b", "c"):
         t.record_success(name)
