@@ -1032,9 +1032,7 @@ def bench_mcp_guard(b: Bench) -> None:
                         took = (ns() - t0) / calls
                         per_call[which, tool] = min(per_call.get((which, tool), math.inf), took)
             # The guard's own work per call: the wrapper called directly against the bare function.
-            spec = guard.registry.get("lookup")
-            assert spec is not None
-            wrapped, wrapped_async = guard._guarded("lookup", spec, lookup), guard._guarded("lookup", spec, lookup_async)
+            wrapped, wrapped_async = guard._guarded("lookup", lookup), guard._guarded("lookup", lookup_async)
             fns: dict[str, Callable[..., Any]] = {"bare": lookup, "guarded": wrapped, "bare_async": lookup_async,
                                                   "guarded_async": wrapped_async}
             for name, fn in fns.items():

@@ -180,7 +180,7 @@ def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_on
                                                                                            tool: str) -> None:
     """The client sees each error, then the refusal with the last one; after the cooldown the handler runs again.
     At the next start without that tool its history goes, the others keep theirs (an action the tool does not
-    have, given to `ok`, goes too)."""
+    have, given to `ok`, is counted under the bucket, which stays)."""
     db, server, guard, _ = tmp_path / "repo.db", *make_server(tmp_path / "repo.db")
     calls = [(tool, {})] * 3 + [("", {"s": 0.35}), (tool, {}), ("ok", {"action": "grep"}), ("ok", {"action": "sym"})]
     seen, _ = anyio.run(session, server, *calls)
@@ -189,11 +189,11 @@ def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_on
     assert guard.tracker is None
     assert stored(db) == ({tool: (3, 3, "bad input 3"), "ok": (2, 0, None), "status": (1, 0, None)}, {
         (tool, None, "error", False): 3, (tool, None, "disabled", False): 1, ("ok", "text", "ok", True): 1,
-        ("ok", "sym", "ok", False): 1, ("status", None, "ok", False): 1})
+        ("ok", "(other)", "ok", False): 1, ("status", None, "ok", False): 1})
     _, after = anyio.run(session, make_server(db, keep=("ok",))[0])
     rows, counts = stored(db)
     assert set(after) == set(rows) == {"ok", "status"} and after["ok"]["call_count"] == 2
-    assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("text", True)]
+    assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("(other)", False), ("text", True)]
     assert {k[0] for k in counts} == {"ok", "status"}
 
 

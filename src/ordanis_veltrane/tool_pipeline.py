@@ -1,0 +1,514 @@
+"""The tool-call pipeline that every MCP adapter runs: the SDK guard, the FastMCP middleware and the proxy.
+
+One call, whatever the adapter:
+
+1. ``begin``: the action is resolved (a synonym to its action, an action that does not resolve, or
+   one past the per-tool bound, to the bucket ``OTHER_ACTION``), then ``is_disabled(tool)``; a
+   disabled tool is counted with outcome ``"disabled"`` and refused with ``ToolRefused``, whose
+   text gives the last error;
+2. the adapter runs the handler;
+3. ``succeeded``, ``failed`` (an error result or a raised error) or ``cancelled``: ``record_success``
+   or ``record_error``, then ``record_call`` with the action, the outcome, ``alias_hit`` and the
+   handler's time, which also goes to the timing collector; then every call observer.
+
+A failure that is the client's fault (``client_errors``/``is_client_error``) is not held against
+the tool: it is recorded as a success of the tool, counted with outcome ``"client_error"``, and the
+client still sees the error.
+
+``HealthRuntime`` keeps the tracker's life: it installs the adapter's registry as
+``health.TOOLS``, opens the tracker on a worker thread, syncs it every ``flush_interval`` seconds
+on one worker thread at a time and closes it at shutdown. Nothing here blocks the event loop.
+"""
+from __future__ import annotations
+
+import logging
+import os
+import threading
+import time
+from contextlib import asynccontextmanager
+from dataclasses import dataclass
+from typing import Any, AsyncIterator, Callable, Iterable, Protocol, Sequence, Union, cast
+
+import anyio
+import anyio.to_thread
+
+from ordanis_veltrane.config import ToolsConfig
+from ordanis_veltrane.repository import Repository
+from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
+
+__all__ = [
+    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "OTHER_ACTION", "CallObserver", "CallReport", "HealthHandle",
+    "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall", "ToolPipeline", "ToolRefused", "default_observers",
+]
+
+logger: logging.Logger = logging.getLogger(__name__)
+
+# The usage bucket of an action that does not resolve, or that comes past the per-tool bound. The
+# registry answers it as an action of every tool, so the counts under it survive a restart.
+OTHER_ACTION = "(other)"
+# Longer action text is never stored: it is counted under OTHER_ACTION.
+MAX_ACTION_LENGTH = 64
+# Distinct actions counted per tool that declares none; the rest go to OTHER_ACTION.
+DEFAULT_MAX_ACTIONS = 32
+
+_OTHER = ActionSpec(OTHER_ACTION)
+Target = Union[Repository, str, "os.PathLike[str]"]
+
+# Installing the registry and constructing the tracker go together: another runtime must not swap
+# health.TOOLS in between.
+_OPEN_LOCK = threading.Lock()
+
+
+class _TimingRecorder(Protocol):
+    def record(self, tool_name: str, duration_ms: float, error: bool = False) -> None: ...
+
+
+# ---------------------------------------------------------------- the registry
+
+
+class OpenTool:
+    """A tool that declares no actions: whatever action it is given is one of its own."""
+
+    def __init__(self, name: str) -> None:
+        self.name = name
+
+    def action(self, name: str) -> ActionSpec | None:
+        return ActionSpec(name)
+
+
+class _DeclaredTool:
+    """A tool with declared actions, as the tracker sees it: its actions, their synonyms and the bucket."""
+
+    def __init__(self, spec: ToolSpec) -> None:
+        self.name = spec.name
+        self.spec = spec
+
+    def action(self, name: str) -> ActionSpec | None:
+        found = self.spec.action(name)
+        if found is None and name == OTHER_ACTION:
+            return _OTHER
+        return found
+
+
+class PipelineTools:
+    """The tools an adapter serves, by name: the registry the runtime installs as ``health.TOOLS``."""
+
+    def __init__(self) -> None:
+        self.specs: dict[str, ToolSpec | OpenTool] = {}
+        self._seen: dict[str, _DeclaredTool | OpenTool] = {}
+
+    def add(self, name: str, actions: Iterable[ActionSpec | str] | None) -> ToolSpec | OpenTool:
+        spec: ToolSpec | OpenTool
+        if actions is None:
+            spec = OpenTool(name)
+        else:
+            spec = ToolSpec(name, [a if isinstance(a, ActionSpec) else ActionSpec(a) for a in actions])
+        self.specs[name] = spec
+        self._seen[name] = spec if isinstance(spec, OpenTool) else _DeclaredTool(spec)
+        return spec
+
+    def remove(self, name: str) -> None:
+        self.specs.pop(name, None)
+        self._seen.pop(name, None)
+
+    def get(self, name: str) -> _DeclaredTool | OpenTool | None:
+        return self._seen.get(name)
+
+    def __contains__(self, name: object) -> bool:
+        return name in self.specs
+
+    def __iter__(self) -> Any:
+        return iter(list(self.specs))
+
+    def __len__(self) -> int:
+        return len(self.specs)
+
+
+# ---------------------------------------------------------------- observers
+
+
+@dataclass
+class CallReport:
+    """One finished call, as the observers see it."""
+
+    tool: str
+    action: str | None
+    alias_hit: bool
+    outcome: str  # "ok" | "error" | "client_error" | "disabled" | "cancelled"
+    duration_s: float
+    error_type: str | None  # None; "tool_error"; the exception's type; "tool_disabled"; "cancelled"
+    error_message: str | None
+    tracker: health.ToolHealthTracker
+
+
+class CallObserver(Protocol):
+    def call_finished(self, report: CallReport) -> None: ...
+
+
+def default_observers() -> list[CallObserver]:
+    """The observers an adapter uses when its host names none: OpenTelemetry's, where its API is installed."""
+    try:
+        import opentelemetry  # noqa: F401
+    except ImportError:
+        return []
+    try:
+        from ordanis_veltrane.otel import default_observer
+    except ImportError:
+        return []
+    observer = default_observer()
+    return [] if observer is None else [observer]
+
+
+# ---------------------------------------------------------------- the health handle
+
+
+class HealthHandle(Protocol):
+    tracker: health.ToolHealthTracker
+
+    def sync(self) -> int: ...
+
+    def close(self) -> None: ...
+
+
+class _PlainHealth:
+    """A tracker over one repository: ``sync`` is ``flush``; ``close`` flushes and closes what it opened."""
+
+    def __init__(self, tracker: health.ToolHealthTracker, opened: Repository | None) -> None:
+        self.tracker = tracker
+        self._opened = opened
+
+    def sync(self) -> int:
+        return self.tracker.flush() if self.tracker.has_unsaved_changes else 0
+
+    def close(self) -> None:
+        try:
+            if self.tracker.has_unsaved_changes:
+                self.tracker.flush()
+        finally:
+            if self._opened is not None:
+                self._opened.close()
+
+
+def open_plain(target: Target, limits: ToolsConfig) -> HealthHandle:
+    """A plain tracker over ``target``: a ``Repository`` of the host's, or the path of a SQLite file."""
+    if isinstance(target, Repository):
+        return _PlainHealth(health.ToolHealthTracker(target, limits), None)
+    repo = Repository(os.fspath(target))
+    try:
+        return _PlainHealth(health.ToolHealthTracker(repo, limits), repo)
+    except BaseException:
+        repo.close()
+        raise
+
+
+def open_handle(target: Target, limits: ToolsConfig) -> HealthHandle:
+    """A ``Repository`` is the host's own: a plain tracker. A path or a URL is a store that every process
+    serving the same tools shares."""
+    if isinstance(target, Repository):
+        return open_plain(target, limits)
+    try:
+        from ordanis_veltrane.sharing import open_health
+    except ImportError:
+        return open_plain(target, limits)
+    handle: HealthHandle = open_health(target, limits)
+    return handle
+
+
+def check_target(target: Target) -> None:
+    """Fails now, with a clear message, where a path or URL cannot be a store; creates nothing."""
+    if not isinstance(target, Repository):
+        try:
+            from ordanis_veltrane.sharing import check_target as check
+        except ImportError:
+            return
+        check(target)
+
+
+# ---------------------------------------------------------------- the runtime
+
+
+class HealthRuntime:
+    """The tracker's life: opened at the first ``running()`` entry, synced while entered, closed at the last exit."""
+
+    def __init__(
+        self,
+        target: Target,
+        limits: ToolsConfig | None = None,
+        *,
+        registry: Any,
+        flush_interval: float | None = 5.0,
+        opener: Callable[[Target, ToolsConfig], HealthHandle] = open_handle,
+    ) -> None:
+        self.target = target
+        self.limits: ToolsConfig = limits if limits is not None else ToolsConfig()
+        self.registry = registry
+        self.flush_interval = flush_interval
+        self._opener = opener
+        self.handle: HealthHandle | None = None
+        self.tracker: health.ToolHealthTracker | None = None
+        self._sessions = 0
+        self._session_lock: anyio.Lock | None = None
+        self._limiter: anyio.CapacityLimiter | None = None
+        self.started: list[Callable[[health.ToolHealthTracker], None]] = []
+
+    def running_tracker(self) -> health.ToolHealthTracker:
+        tracker = self.tracker
+        if tracker is None:
+            raise RuntimeError("tool health is not running: serve the server with the guard's lifespan")
+        return tracker
+
+    @asynccontextmanager
+    async def running(self) -> AsyncIterator[health.ToolHealthTracker]:
+        """Keeps the tracker while entered; overlapping entries (one per connection) share it."""
+        if self._session_lock is None:
+            self._session_lock = anyio.Lock()
+        async with self._session_lock:
+            if self._sessions == 0:
+                await self._start()
+            self._sessions += 1
+        try:
+            async with anyio.create_task_group() as syncers:
+                if self.flush_interval is not None and self.flush_interval > 0:
+                    syncers.start_soon(self._sync_periodically, self.flush_interval)
+                try:
+                    yield self.running_tracker()
+                finally:
+                    syncers.cancel_scope.cancel()
+        finally:
+            with anyio.CancelScope(shield=True):
+                async with self._session_lock:
+                    self._sessions -= 1
+                    if self._sessions == 0:
+                        await self._stop()
+
+    async def flush(self) -> int:
+        """Writes what changed (shared: exchanges it with the store) on a worker thread; answers the rows written."""
+        handle = self.handle
+        if handle is None:
+            self.running_tracker()
+            return 0
+        return await anyio.to_thread.run_sync(handle.sync, limiter=self._limiter)
+
+    async def _sync_periodically(self, interval: float) -> None:
+        while True:
+            await anyio.sleep(interval)
+            try:
+                await self.flush()
+            except Exception as exc:  # the changes stay marked; the next sync writes them
+                logger.warning("Could not flush the tool health: %s", exc)
+
+    def _open(self) -> HealthHandle:
+        with _OPEN_LOCK:
+            health.TOOLS = self.registry
+            return self._opener(self.target, self.limits)
+
+    async def _start(self) -> None:
+        self._limiter = anyio.CapacityLimiter(1)
+        handle = await anyio.to_thread.run_sync(self._open, limiter=self._limiter)
+        self.handle, self.tracker = handle, handle.tracker
+        for hook in self.started:
+            hook(handle.tracker)
+
+    async def _stop(self) -> None:
+        handle = self.handle
+        self.handle = self.tracker = None
+        if handle is None:
+            return
+        try:
+            await anyio.to_thread.run_sync(handle.close, limiter=self._limiter)
+        except Exception:
+            logger.exception("Could not write the tool health at shutdown")
+
+
+# ---------------------------------------------------------------- one call
+
+
+class ToolRefused(Exception):
+    """The tool is disabled: the call was counted and its handler must not run."""
+
+
+class ToolCall:
+    """A call under way: what ``begin`` resolved, and when the handler started."""
+
+    __slots__ = ("pipeline", "tracker", "tool", "action", "alias_hit", "started")
+
+    def __init__(self, pipeline: ToolPipeline, tracker: health.ToolHealthTracker, tool: str, action: str | None,
+                 alias_hit: bool, started: float) -> None:
+        self.pipeline = pipeline
+        self.tracker = tracker
+        self.tool = tool
+        self.action = action
+        self.alias_hit = alias_hit
+        self.started = started
+
+    def succeeded(self) -> None:
+        self.pipeline._finish(self, None, None, False)
+
+    def failed(self, message: str, error_type: str = "tool_error") -> None:
+        """The handler answered an error result (``tool_error``), or raised (its type's name)."""
+        self.pipeline._finish(self, message, error_type, False)
+
+    def raised(self, exc: BaseException) -> bool:
+        """Records a raised error; answers whether it was the client's fault."""
+        client = self.pipeline.is_client_error(exc)
+        self.pipeline._finish(self, str(exc) or type(exc).__name__, type(exc).__qualname__, client)
+        return client
+
+    def cancelled(self) -> None:
+        # The handler gave no answer: counted without a duration, and neither a success nor an error.
+        pipeline = self.pipeline
+        self.tracker.record_call(self.tool, self.action, "cancelled", alias_hit=self.alias_hit, duration_ms=None)
+        if pipeline.observers:
+            pipeline._report(self, "cancelled", time.perf_counter() - self.started, "cancelled", None)
+
+
+class ToolPipeline:
+    """Tool health in front of a server's tools; adapters call ``begin`` and then one of the call's endings."""
+
+    def __init__(
+        self,
+        target: Target,
+        limits: ToolsConfig | None = None,
+        *,
+        flush_interval: float | None = 5.0,
+        thread_budget: int = 48,
+        client_errors: Sequence[type[BaseException]] = (),
+        is_client_error: Callable[[BaseException], bool] | None = None,
+        max_actions: int = DEFAULT_MAX_ACTIONS,
+        observers: Iterable[CallObserver] | None = None,
+        opener: Callable[[Target, ToolsConfig], HealthHandle] = open_handle,
+    ) -> None:
+        if max_actions < 0:
+            raise ValueError(f"max_actions must be at least 0, not {max_actions}")
+        if not isinstance(target, Repository):
+            check_target(target)
+        self.tools = PipelineTools()
+        self.runtime = HealthRuntime(target, limits, registry=self.tools, flush_interval=flush_interval, opener=opener)
+        self.runtime.started.append(self._seed_actions)
+        self.thread_budget = thread_budget
+        self.client_errors = tuple(client_errors)
+        self._client_predicate = is_client_error
+        self.max_actions = max_actions
+        self.observers: list[CallObserver] = list(default_observers() if observers is None else observers)
+        self._actions_seen: dict[str, set[str]] = {}
+        self._actions_lock = threading.Lock()
+
+    @property
+    def tracker(self) -> health.ToolHealthTracker | None:
+        return self.runtime.tracker
+
+    # -- classification
+
+    def is_client_error(self, exc: BaseException) -> bool:
+        if self.client_errors and isinstance(exc, self.client_errors):
+            return True
+        predicate = self._client_predicate
+        return predicate is not None and bool(predicate(exc))
+
+    def _seed_actions(self, tracker: health.ToolHealthTracker) -> None:
+        """The actions already counted (loaded history) count against the per-tool bound."""
+        lock = tracker._lock
+        lock.acquire()
+        try:
+            keys = list(tracker._usage)
+        finally:
+            lock.release()
+        seen: dict[str, set[str]] = {}
+        for key in keys:
+            tool, action = key[0], key[1]
+            if isinstance(action, str) and action != OTHER_ACTION and isinstance(self.tools.specs.get(tool), OpenTool):
+                seen.setdefault(tool, set()).add(action)
+        with self._actions_lock:
+            self._actions_seen = seen
+
+    def _open_action(self, tool: str, action: str) -> str:
+        seen = self._actions_seen.get(tool)
+        if seen is not None and action in seen:
+            return action
+        if len(action) > MAX_ACTION_LENGTH:
+            return OTHER_ACTION
+        with self._actions_lock:
+            seen = self._actions_seen.setdefault(tool, set())
+            if action in seen:
+                return action
+            if len(seen) >= self.max_actions:
+                return OTHER_ACTION
+            seen.add(action)
+            return action
+
+    def resolve_action(self, tool: str, raw: Any) -> tuple[str | None, str | None, bool]:
+        """(action counted, action the handler gets, alias_hit) for the value a client sent as ``action``."""
+        if not isinstance(raw, str):
+            return None, raw, False
+        spec = self.tools.specs.get(tool)
+        if spec is None or isinstance(spec, OpenTool):
+            return self._open_action(tool, raw), raw, False
+        found = spec.action(raw)
+        if found is None:
+            return OTHER_ACTION, raw, False
+        return found.name, found.name, found.name != raw
+
+    # -- one call
+
+    def begin(self, tool: str, arguments: dict[str, Any] | None) -> ToolCall:
+        """Resolves the action (rewriting a synonym in ``arguments``) and refuses a disabled tool."""
+        tracker = self.runtime.running_tracker()
+        action: str | None = None
+        alias_hit = False
+        if arguments is not None and "action" in arguments:
+            action, handler_action, alias_hit = self.resolve_action(tool, arguments["action"])
+            if alias_hit:
+                arguments["action"] = handler_action
+        started = time.perf_counter()
+        disabled, last_error = tracker.is_disabled(tool)
+        if disabled:
+            tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
+            if self.observers:
+                call = ToolCall(self, tracker, tool, action, alias_hit, started)
+                self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", last_error)
+            raise ToolRefused(f"Tool {tool!r} is disabled after repeated errors; last error: {last_error}")
+        return ToolCall(self, tracker, tool, action, alias_hit, time.perf_counter())
+
+    def _finish(self, call: ToolCall, error: str | None, error_type: str | None, client: bool) -> None:
+        elapsed = time.perf_counter() - call.started
+        duration_ms = elapsed * 1000.0
+        tracker, tool = call.tracker, call.tool
+        if error is None or client:
+            tracker.record_success(tool)
+        else:
+            tracker.record_error(tool, error)
+        outcome = "ok" if error is None else "client_error" if client else "error"
+        tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
+        cast(_TimingRecorder, health.get_timing_collector()).record(tool, duration_ms, error=error is not None)
+        if self.observers:
+            self._report(call, outcome, elapsed, error_type, error)
+
+    def _report(self, call: ToolCall, outcome: str, elapsed: float, error_type: str | None,
+                message: str | None) -> None:
+        report = CallReport(call.tool, call.action, call.alias_hit, outcome, elapsed, error_type, message,
+                            call.tracker)
+        for observer in self.observers:
+            try:
+                observer.call_finished(report)
+            except Exception:
+                logger.exception("A tool-call observer failed")
+
+    # -- the status tools
+
+    async def status(self) -> dict[str, Any]:
+        """The ``status`` answer, built and bounded on a worker thread."""
+        tracker = self.runtime.running_tracker()
+        budget = self.thread_budget
+
+        def build() -> dict[str, Any]:
+            return {"tool_health": tracker.get_health_summary(),
+                    "threads": health.thread_census_report(budget, health.thread_census())}
+
+        return await anyio.to_thread.run_sync(build)
+
+    async def performance_stats(self) -> dict[str, Any]:
+        """The ``get_tool_performance_stats`` answer, on a worker thread."""
+        self.runtime.running_tracker()
+        answer: dict[str, Any] = await anyio.to_thread.run_sync(health.handle_get_tool_performance_stats)
+        return answer
