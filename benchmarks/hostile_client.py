@@ -1,0 +1,120 @@
+"""A hostile client against the example server: many calls, each with a fresh ``action``.
+
+    python benchmarks/hostile_client.py                 # 20,000 calls
+    python benchmarks/hostile_client.py --calls 2000 --json
+
+Drives ``python -m ordanis_veltrane.mcp_server`` over stdio with the official SDK's client and
+reports what such a client costs the server: its resident memory before and after, the size of
+the ``status`` answer and of the usage document in the file, how long a ping sent right behind a
+``status`` call waits, and whether every call was counted. The bounds aimed at: at most 10 MB of
+growth, ``status`` under 256 KB, the ping within 50 ms, the document under 512 KB.
+"""
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import sqlite3
+import sys
+import tempfile
+import time
+from pathlib import Path
+from typing import Any
+
+import anyio
+from mcp import ClientSession, StdioServerParameters, stdio_client
+from mcp.types import TextContent
+
+
+def _server_pid() -> int:
+    """The example server this process started (a child whose command line names it)."""
+    me = os.getpid()
+    for entry in Path("/proc").iterdir():
+        if not entry.name.isdigit():
+            continue
+        try:
+            ppid = int((entry / "stat").read_text().rsplit(")", 1)[1].split()[1])
+            cmdline = (entry / "cmdline").read_bytes()
+        except (OSError, IndexError, ValueError):
+            continue
+        if ppid == me and b"ordanis_veltrane.mcp_server" in cmdline:
+            return int(entry.name)
+    raise RuntimeError("the server process was not found")
+
+
+def _rss_mb(pid: int) -> float:
+    for line in Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1]) / 1024
+    raise RuntimeError("no VmRSS")
+
+
+async def _run(db: Path, calls: int, action_length: int) -> dict[str, Any]:
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(Path(__file__).parents[1] / "src"), *sys.path])}
+    params = StdioServerParameters(command=sys.executable, env=env, args=[
+        "-m", "ordanis_veltrane.mcp_server", "--db", str(db), "--flush-interval", "1"])
+    out: dict[str, Any] = {"calls": calls}
+    async with stdio_client(params, errlog=sys.stderr) as (read, write), ClientSession(read, write) as session:
+        await session.initialize()
+        await session.call_tool("search", {"query": "warm", "action": "text"})
+        pid = _server_pid()
+        before = _rss_mb(pid)
+        started = time.perf_counter()
+        for i in range(calls):
+            action = f"{i:08d}-" + "a" * (action_length - 9)
+            await session.call_tool("search", {"query": "q", "action": action})
+        out["calls_per_s"] = round(calls / (time.perf_counter() - started))
+        await anyio.sleep(1.5)  # one periodic sync after the last call
+        out["rss_before_mb"], out["rss_after_mb"] = round(before, 1), round(_rss_mb(pid), 1)
+
+        waits: list[float] = []
+        sizes: list[int] = []
+
+        async def status() -> None:
+            result = await session.call_tool("status", {})
+            block = result.content[0]
+            assert isinstance(block, TextContent)
+            sizes.append(len(block.text.encode()))
+            out["status"] = json.loads(block.text)
+
+        for _ in range(5):
+            async with anyio.create_task_group() as tg:
+                tg.start_soon(status)
+                await anyio.sleep(0)  # the status request goes out first
+                t0 = time.perf_counter()
+                await session.send_ping()
+                waits.append((time.perf_counter() - t0) * 1000)
+        out["status_bytes"] = max(sizes)
+        out["ping_behind_status_ms"] = round(max(waits), 1)
+        search = next(t for t in out.pop("status")["tool_health"] if t["tool_name"] == "search")
+        out["search_call_count"] = search["call_count"]
+    with sqlite3.connect(db) as conn:
+        (doc,) = conn.execute("SELECT value FROM schema_info WHERE key = 'tool_usage'").fetchone()
+        out["usage_document_bytes"] = len(doc.encode())
+        counted = sum(u["calls"] for u in json.loads(doc) if u["tool"] == "search")
+    out["counted"] = counted
+    out["every_call_counted"] = counted == calls + 1 and out["search_call_count"] == calls + 1
+    out["growth_mb"] = round(out["rss_after_mb"] - out["rss_before_mb"], 1)
+    out["pass"] = bool(out["every_call_counted"] and out["growth_mb"] <= 10 and out["status_bytes"] < 256 * 1024
+                       and out["ping_behind_status_ms"] <= 50 and out["usage_document_bytes"] < 512 * 1024)
+    return out
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--calls", type=int, default=20_000)
+    parser.add_argument("--action-length", type=int, default=50)
+    parser.add_argument("--json", action="store_true")
+    args = parser.parse_args()
+    with tempfile.TemporaryDirectory() as tmp:
+        out = anyio.run(_run, Path(tmp) / "repo.db", args.calls, args.action_length)
+    if args.json:
+        print(json.dumps(out))
+    else:
+        for key, value in out.items():
+            print(f"{key:24} {value}")
+    return 0 if out["pass"] else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
