@@ -27,7 +27,7 @@ import threading
 import time
 from contextlib import asynccontextmanager
 from dataclasses import dataclass
-from typing import Any, AsyncIterator, Callable, Iterable, Protocol, Sequence, Union, cast
+from typing import Any, AsyncIterator, Callable, Iterable, Protocol, Sequence, Union
 
 import anyio
 import anyio.to_thread
@@ -480,7 +480,8 @@ class ToolPipeline:
             tracker.record_error(tool, error)
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
-        cast(_TimingRecorder, health.get_timing_collector()).record(tool, duration_ms, error=error is not None)
+        collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
+        collector.record(tool, duration_ms, error=error is not None)
         if self.observers:
             self._report(call, outcome, elapsed, error_type, error)
 
