@@ -135,19 +135,21 @@ def _cut_texts(mapping: dict[str, Any], keys: tuple[str, ...]) -> tuple[dict[str
     return out, cuts
 
 
-def _plain_fits(summary: list[dict[str, Any]], threads: dict[str, Any], max_bytes: int) -> bool:
-    """Whether the estimate of the plain answer fits; skips the rows' estimate when their number alone
-    rules it out, so that a huge summary costs nothing here."""
-    if sum(len(record["usage"]) for record in summary) * _MIN_ROW > max_bytes:
+def _may_fit(summary: list[dict[str, Any]], threads: dict[str, Any], max_bytes: int) -> bool:
+    """Whether the plain answer may fit, by its estimate, which errs on the large side by a few bytes
+    a tool: anything up to 5% and 1 KiB above the bound is worth serializing to find out. The rows'
+    estimate is skipped when their number alone rules it out, so that a huge summary costs nothing."""
+    limit = max_bytes + max_bytes // 20 + 1024
+    if sum(len(record["usage"]) for record in summary) * _MIN_ROW > limit:
         return False
     size = answer_size({"tool_health": [], "threads": threads})
     for record in summary:
-        size += _record_len(record, max_bytes) + (_LIST_SLACK if record["usage"] else 0)
+        size += _record_len(record, limit) + (_LIST_SLACK if record["usage"] else 0)
         for row in record["usage"]:
-            size += _row_len(row, max_bytes)
-            if size > max_bytes:
+            size += _row_len(row, limit)
+            if size > limit:
                 return False
-    return size <= max_bytes
+    return size <= limit
 
 
 def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_bytes: int = DEFAULT_MAX_BYTES) -> dict[str, Any]:
@@ -156,7 +158,7 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
     `summary` and `threads` are not changed. When even an answer without tools exceeds
     `max_bytes`, that answer (the thread report and the ``truncated`` member) is returned."""
     plain = {"tool_health": summary, "threads": threads}
-    if _plain_fits(summary, threads, max_bytes) and answer_size(plain) <= max_bytes:
+    if _may_fit(summary, threads, max_bytes) and answer_size(plain) <= max_bytes:
         return plain
 
     cuts = 0
