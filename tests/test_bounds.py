@@ -108,6 +108,7 @@ class TestStatusAnswer:
         plain = {"tool_health": tracker.get_health_summary(), "threads": health.thread_census_report(48, CENSUS)}
         answer = build_status(tracker, 48)
         assert answer == plain and json.dumps(answer) == json.dumps(plain)  # key order too: no key added
+        assert answer_size(plain) == len(json.dumps(plain, indent=2))
         assert build_status(tracker, 48, max_bytes=answer_size(plain)) == plain  # the bound is inclusive
 
     def test_a_hostile_tracker_stays_under_the_bound_with_its_totals(self, tracker: Any) -> None:
@@ -121,7 +122,7 @@ class TestStatusAnswer:
             tracker.record_call("git", "log", "error", alias_hit=False, duration_ms=2.0)
         summary = tracker.get_health_summary()
         answer = build_status(tracker, 48)
-        assert answer_size(answer) <= 256 * 1024
+        assert answer_size(answer) == len(json.dumps(answer, indent=2)) <= 256 * 1024
         assert len(json.dumps(answer, ensure_ascii=False).encode()) <= 256 * 1024
         note = answer["truncated"]
         assert note["max_bytes"] == 256 * 1024 and note["tools_left_out"] == 0 and note["texts_cut"] >= 2

@@ -28,6 +28,7 @@ from __future__ import annotations
 
 import json
 import math
+from operator import itemgetter
 from typing import Any, Callable
 
 from ordanis_veltrane.tool_handlers import health
@@ -47,11 +48,31 @@ MAX_TEXT_CHARS = 1024
 
 _RECORD_TEXTS = ("tool_name", "last_error", "disabled_at", "updated_at")
 _ROW_TEXTS = ("action", "outcome")
+_calls_of = itemgetter("calls")
 
 
 def answer_size(answer: Any) -> int:
-    """The size the bound applies to: the characters (all ASCII, so bytes) of the indented JSON."""
-    return len(json.dumps(answer, indent=2, default=str))
+    """The size the bound applies to: the characters (all ASCII, so bytes) of
+    ``json.dumps(answer, indent=2, default=str)``.
+
+    Counted as the compact text with the same separators, which the C encoder writes (the
+    indenting one is pure Python, several times slower), plus the line breaks and indents."""
+    return len(json.dumps(answer, separators=(",", ": "), default=str)) + _indents(answer, 0)
+
+
+def _indents(value: Any, depth: int) -> int:
+    """What indent=2 adds to a value at `depth`: before each member and the closing bracket of a
+    non-empty container, a line break and two spaces a level."""
+    if isinstance(value, dict):
+        members: Any = value.values()
+    elif isinstance(value, (list, tuple)):
+        members = value
+    else:
+        return 0
+    if not value:
+        return 0
+    inner = depth + 1
+    return len(value) * (1 + 2 * inner) + 1 + 2 * depth + sum(_indents(m, inner) for m in members)
 
 
 def build_status(tracker: health.ToolHealthTracker, thread_budget: int, *, max_bytes: int = DEFAULT_MAX_BYTES) -> dict[str, Any]:
@@ -232,7 +253,7 @@ def _noted(records: list[dict[str, Any]], kept: int, summary: list[dict[str, Any
         record = {k: v for k, v in record.items() if k != "usage_left_out"}
         missing = source["usage"][len(record["usage"]):]
         if missing:
-            record["usage_left_out"] = {"rows": len(missing), "calls": sum(row["calls"] for row in missing)}
+            record["usage_left_out"] = {"rows": len(missing), "calls": sum(map(_calls_of, missing))}
             note["usage_rows_left_out"] += len(missing)
             note["tools_with_usage_left_out"] += 1
         shown.append(record)
