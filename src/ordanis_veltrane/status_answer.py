@@ -124,7 +124,10 @@ _TEMPLATE_RECORD: dict[str, Any] = {"tool_name": "t", "call_count": 1, "error_co
 _ROW_CONST = _item_const(lambda rows: {"tool_health": [{**_TEMPLATE_RECORD, "usage": rows}], "threads": {}},
                          _TEMPLATE_ROW)
 _RECORD_CONST = _item_const(lambda records: {"tool_health": records, "threads": {}}, _TEMPLATE_RECORD) + 2
-_LIST_SLACK = 16  # the brackets of a non-empty usage list, over the empty one's "[]"
+# What the first row adds beyond the others: the brackets of a non-empty list, over "[]", less a comma.
+_LIST_SLACK = (answer_size({"tool_health": [{**_TEMPLATE_RECORD, "usage": [_TEMPLATE_ROW]}], "threads": {}})
+               - answer_size({"tool_health": [_TEMPLATE_RECORD], "threads": {}})
+               - _ROW_CONST - sum(_value_len(v, 1 << 30) for v in _TEMPLATE_ROW.values()))
 _LEFT_OUT_NOTE = 96  # ',\n      "usage_left_out": {"rows": N, "calls": C}' with room for long numbers
 _MIN_ROW = _ROW_CONST + 2 + 2 + 5 + 1 + 4 + 4
 
