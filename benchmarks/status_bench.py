@@ -11,7 +11,12 @@ makes them), in one run over one tracker on a real SQLite file:
 - new: ``build_status(tracker, budget)`` + ``json.dumps`` of its answer;
 - the MCP SDK's own serialization of each answer (``pydantic_core.to_json(..., indent=2)``, which
   the SDK runs on the event loop, where it delays every other message), when pydantic is there;
-- ``flush()`` of the tracker: the first, which writes every key, and one after a single new call.
+- ``flush()`` of the tracker: the first, which writes every key, and one after a single new call;
+- with the ``mcp`` extra, the answer through a real server (``ToolGuard`` on ``MCPServer``, the
+  SDK's in-memory ``Client``): the ``status`` tool the guard registers today (the summary on the
+  event loop) against one that runs ``build_status`` on a worker thread, each called while the
+  client pings the server every millisecond; the figure is the longest ping round trip, the
+  stall a hostile ``status`` call causes every other message of the connection.
 
 Each time is the best of ``--repeats``; sizes are bytes of the JSON text. Ratios are old / new.
 """
@@ -24,6 +29,7 @@ import os
 import sys
 import tempfile
 import time
+import warnings
 from typing import Any, Callable
 
 from ordanis_veltrane.repository import Repository
@@ -103,17 +109,87 @@ def measure(keys: int, repeats: int, directory: str) -> dict[str, Any]:
         repo.close()
 
 
+async def _pings_behind(client: Any, tool: str) -> tuple[float, float, int]:
+    """Calls `tool` while pinging; answers the call's time, the longest ping and the answer's text size."""
+    import anyio
+
+    done, longest, figures = False, 0.0, {"call_s": 0.0, "bytes": 0.0}
+
+    async def call() -> None:
+        nonlocal done
+        start = time.perf_counter()
+        result = await client.call_tool(tool, {})
+        figures["call_s"] = time.perf_counter() - start
+        figures["bytes"] = float(sum(len(block.text.encode()) for block in result.content if hasattr(block, "text")))
+        done = True
+
+    async with anyio.create_task_group() as tg:
+        tg.start_soon(call)
+        while not done:
+            start = time.perf_counter()
+            await client.send_ping()
+            longest = max(longest, time.perf_counter() - start)
+            await anyio.sleep(0.001)
+    return figures["call_s"], longest, int(figures["bytes"])
+
+
+def measure_mcp(keys: int, repeats: int, directory: str) -> dict[str, Any] | None:
+    try:
+        import anyio
+        import anyio.to_thread
+        from mcp import Client
+        from mcp.server.mcpserver import MCPServer
+
+        from ordanis_veltrane.mcp_guard import ToolGuard
+    except ImportError:
+        return None
+    guard = ToolGuard(os.path.join(directory, f"mcp-{keys}.db"), flush_interval=None)
+    server: MCPServer[Any] = MCPServer("status-bench", lifespan=guard.lifespan)
+    guard.add_status_tools(server)
+
+    async def status_bounded() -> dict[str, Any]:
+        """The status answer, bounded, built on a worker thread."""
+        tracker = guard.tracker
+        assert tracker is not None
+        return await anyio.to_thread.run_sync(build_status, tracker, guard.thread_budget)
+
+    guard.add_tool(server, status_bounded)
+
+    async def run() -> dict[str, Any]:
+        async with Client(server, mode="legacy") as client:
+            tracker = guard.tracker
+            assert tracker is not None
+            for i in range(keys):
+                tracker.record_call("search", f"flood-{i:07d}", "ok", alias_hit=False, duration_ms=1.25)
+            out: dict[str, Any] = {"keys": keys}
+            for name, tool in (("old", "status"), ("new", "status_bounded")):
+                runs = [await _pings_behind(client, tool) for _ in range(repeats)]
+                out[f"{name}_call_s"] = min(r[0] for r in runs)
+                out[f"{name}_ping_s"] = min(r[1] for r in runs)
+                out[f"{name}_text_bytes"] = runs[-1][2]
+            out["ping_ratio"] = out["old_ping_s"] / out["new_ping_s"]
+            out["call_ratio"] = out["old_call_s"] / out["new_call_s"]
+            return out
+
+    with warnings.catch_warnings():  # ping is deprecated for new protocol versions; the legacy mode has it
+        warnings.simplefilter("ignore")
+        return anyio.run(run)
+
+
 def main(argv: list[str] | None = None) -> int:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--keys", default="10000,100000", help="numbers of distinct usage keys (default 10000,100000)")
     parser.add_argument("--repeats", type=int, default=5, help="repeats of each timing; the best counts (default 5)")
     parser.add_argument("--json", action="store_true", help="print the figures as JSON")
+    parser.add_argument("--no-mcp", action="store_true", help="skip the calls through a real MCP server")
     args = parser.parse_args(argv)
-    health.TOOLS = _OpenRegistry()
+    keys = [int(n) for n in args.keys.split(",")]
     with tempfile.TemporaryDirectory() as directory:
-        results = [measure(int(n), args.repeats, directory) for n in args.keys.split(",")]
+        through_mcp = [] if args.no_mcp else [m for m in (measure_mcp(n, args.repeats, directory) for n in keys) if m]
+        health.TOOLS = _OpenRegistry()
+        results = [measure(n, args.repeats, directory) for n in keys]
     if args.json:
-        print(json.dumps(results, indent=2))
+        print(json.dumps({"direct": results, "mcp": through_mcp}, indent=2))
         return 0
     print(f"status answer, CPython {sys.version.split()[0]}, best of {args.repeats}")
     for r in results:
@@ -126,6 +202,11 @@ def main(argv: list[str] | None = None) -> int:
                   f"   ratio time {r['sdk_ratio']:5.2f}x")
         print(f"{'':>7}       flush: first (every key) {r['first_flush_s'] * 1e3:8.1f} ms,"
               f" after one call {r['flush_s'] * 1e3:8.1f} ms")
+    for m in through_mcp:
+        print(f"{m['keys']:>7} keys  MCP status  old {m['old_call_s'] * 1e3:8.1f} ms, longest ping"
+              f" {m['old_ping_s'] * 1e3:7.1f} ms, {m['old_text_bytes'] / 1e6:6.2f} MB"
+              f"   new {m['new_call_s'] * 1e3:8.1f} ms, longest ping {m['new_ping_s'] * 1e3:7.1f} ms,"
+              f" {m['new_text_bytes'] / 1e6:6.2f} MB   ratio call {m['call_ratio']:5.2f}x ping {m['ping_ratio']:5.1f}x")
     return 0
 
 
