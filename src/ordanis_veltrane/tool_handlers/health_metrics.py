@@ -33,8 +33,8 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from datetime import datetime, timezone
-from typing import Any, Callable, Iterator
-from wsgiref.simple_server import WSGIRequestHandler, WSGIServer
+from typing import IO, Any, Callable, Iterator, cast
+from wsgiref.simple_server import ServerHandler, WSGIRequestHandler, WSGIServer
 
 try:
     from prometheus_client import make_wsgi_app
@@ -299,15 +299,14 @@ class _TimedWriter(io.BufferedIOBase):
         return len(data)
 
 
-class _ErrorLog(io.StringIO):
-    """Where wsgiref writes an application's traceback: to the module's logger, not to stderr."""
+class _ServerHandler(ServerHandler):
+    """wsgiref's handler, logging to the module's logger instead of printing to stderr."""
 
-    def flush(self) -> None:
-        text = self.getvalue()
-        if text:
-            self.seek(0)
-            self.truncate()
-            logger.warning("Serving the metrics failed:\n%s", text.rstrip())
+    def log_exception(self, exc_info: Any) -> None:
+        if isinstance(exc_info[1], OSError):  # a client too slow to take the answer, or gone
+            logger.debug("Metrics answer not delivered", exc_info=exc_info)
+        else:
+            logger.warning("Serving the metrics failed", exc_info=exc_info)
 
 
 class _Handler(WSGIRequestHandler):
@@ -323,8 +322,19 @@ class _Handler(WSGIRequestHandler):
     def finish(self) -> None:
         self.rfile.close()
 
-    def get_stderr(self) -> Any:
-        return _ErrorLog()
+    def handle(self) -> None:
+        # WSGIRequestHandler.handle, with the handler above
+        self.raw_requestline = self.rfile.readline(65537)
+        if len(self.raw_requestline) > 65536:
+            self.requestline = self.request_version = self.command = ""
+            self.send_error(414)
+            return
+        if not self.parse_request():  # the error answer has been sent
+            return
+        handler = _ServerHandler(self.rfile, cast(IO[bytes], self.wfile), self.get_stderr(), self.get_environ(),
+                                 multithread=False)
+        handler.request_handler = self  # type: ignore[attr-defined]  # wsgiref's back pointer for logging
+        handler.run(self.server.get_app())  # type: ignore[arg-type]
 
     def log_message(self, format: str, *args: Any) -> None:
         pass
