@@ -209,6 +209,34 @@ class TestMetricsEndpoint:
                     pass
                 assert sent < len(request)
 
+    def test_a_client_that_does_not_read_the_answer_is_dropped(self, metrics: Any) -> None:
+        from prometheus_client import CollectorRegistry
+        from prometheus_client.core import GaugeMetricFamily
+
+        class Big:  # an answer of about 12 MB: more than the socket buffers hold
+            def collect(self) -> Any:
+                family = GaugeMetricFamily("big", "A large answer.", labels=["k"])
+                for i in range(100_000):
+                    family.add_metric((f"{i:0100d}",), i)
+                yield family
+
+        registry = CollectorRegistry()
+        registry.register(Big())
+        with metrics.serve_metrics(None, 0, registry=registry, max_connections=1, timeout=0.5) as server:
+            with socket.socket() as stuck:
+                stuck.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+                stuck.connect(("127.0.0.1", server.port))
+                stuck.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")  # and never reads: the one slot is held
+                deadline, status = time.monotonic() + 60, None
+                while status is None and time.monotonic() < deadline:
+                    try:
+                        with urllib.request.urlopen(server.url, timeout=30) as answer:
+                            status = answer.status
+                    except urllib.error.HTTPError as refused:
+                        assert refused.code == 503
+                        time.sleep(0.1)
+                assert status == 200  # the slot came free: the stuck client was dropped
+
     def test_close_breaks_off_a_connection_in_progress(self, metrics: Any) -> None:
         server = metrics.serve_metrics(None, 0, max_connections=1, timeout=600)
         with socket.create_connection(("127.0.0.1", server.port)) as idle:
