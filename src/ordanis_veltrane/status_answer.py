@@ -129,7 +129,7 @@ _LIST_SLACK = (answer_size({"tool_health": [{**_TEMPLATE_RECORD, "usage": [_TEMP
                - answer_size({"tool_health": [_TEMPLATE_RECORD], "threads": {}})
                - _ROW_CONST - sum(_value_len(v, 1 << 30) for v in _TEMPLATE_ROW.values()))
 _LEFT_OUT_NOTE = 96  # ',\n      "usage_left_out": {"rows": N, "calls": C}' with room for long numbers
-_MIN_ROW = _ROW_CONST + 2 + 2 + 5 + 1 + 4 + 4
+_MIN_ROW = _ROW_CONST + 2 + 2 + 4 + 1 + 3 + 4  # "", "", true, 0, 1.0, true
 
 
 def _row_len(row: dict[str, Any], cap: int) -> int:
@@ -185,13 +185,14 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
     if _may_fit(summary, threads, max_bytes) and answer_size(plain) <= max_bytes:
         return plain
 
-    cuts = 0
     records: list[dict[str, Any]] = []
+    record_cuts: list[int] = []  # texts cut per record, and below with its rows
     for record in summary:
         copy, n = _cut_texts(record, _RECORD_TEXTS)
         copy["usage"] = []
         records.append(copy)
-        cuts += n
+        record_cuts.append(n)
+    cuts = list(record_cuts)
     note: dict[str, Any] = {
         "reason": f"the full answer would exceed {max_bytes} bytes of JSON",
         "max_bytes": max_bytes,
@@ -217,11 +218,11 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
     # Rows by rank across the kept tools, until the budget is spent; 2% kept in reserve for
     # what the estimate may miss.
     budget -= budget // 50
-    ranked = [(record, source["usage"]) for record, source in zip(records[:kept], summary)]
+    ranked = [(i, records[i], summary[i]["usage"]) for i in range(kept)]
     rank, full = 0, False
     while ranked and not full:
         still = []
-        for record, rows in ranked:
+        for i, record, rows in ranked:
             if rank >= len(rows):
                 continue
             row, n = _cut_texts(rows[rank], _ROW_TEXTS)
@@ -230,9 +231,9 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
                 full = True
                 break
             budget -= size
-            cuts += n
+            cuts[i] += n
             record["usage"].append(row)
-            still.append((record, rows))
+            still.append((i, record, rows))
         ranked, rank = still, rank + 1
 
     answer = _noted(records, kept, summary, threads, note, cuts)
@@ -241,15 +242,16 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
     # The estimate fell short (a value JSON writes longer than expected): no rows, then no tools.
     for record in records:
         record["usage"] = []
-    answer = _noted(records, kept, summary, threads, note, cuts)
+    answer = _noted(records, kept, summary, threads, note, record_cuts)
     if answer_size(answer) <= max_bytes:
         return answer
-    return _noted(records, 0, summary, threads, note, cuts)
+    return _noted(records, 0, summary, threads, note, record_cuts)
 
 
 def _noted(records: list[dict[str, Any]], kept: int, summary: list[dict[str, Any]], threads: dict[str, Any],
-           note: dict[str, Any], cuts: int) -> dict[str, Any]:
-    """The answer of the first `kept` records, with each record's usage_left_out and the truncated note."""
+           note: dict[str, Any], cuts: list[int]) -> dict[str, Any]:
+    """The answer of the first `kept` records, with each record's usage_left_out and the truncated note;
+    `cuts` are the texts cut in each record and the rows it shows."""
     note = dict(note)
     shown = []
     for record, source in zip(records[:kept], summary):
@@ -265,7 +267,7 @@ def _noted(records: list[dict[str, Any]], kept: int, summary: list[dict[str, Any
         note["calls_of_tools_left_out"] += source["call_count"]
         note["errors_of_tools_left_out"] += source["error_count"]
         note["usage_rows_left_out"] += len(source["usage"])
-    note["texts_cut"] = cuts
+    note["texts_cut"] = sum(cuts[:kept])
     return {"tool_health": shown, "threads": threads, "truncated": note}
 
 
