@@ -24,8 +24,12 @@ import anyio
 from mcp.server.mcpserver import MCPServer
 
 from ordanis_veltrane.config import ToolsConfig
-from ordanis_veltrane.mcp_guard import DEFAULT_THREAD_BUDGET, ToolGuard
+from ordanis_veltrane.mcp_guard import ToolGuard
+from ordanis_veltrane.status_answer import thread_budget
 from ordanis_veltrane.tool_registry import TOOLS, ActionSpec
+
+# Scrapes served at once by --metrics-port (the endpoint's default).
+METRICS_CONNECTIONS = 8
 
 if TYPE_CHECKING:
     from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
@@ -164,14 +168,17 @@ def main(argv: Sequence[str] | None = None) -> int:
     if args.cooldown is not None:
         limits.disable_cooldown_s = args.cooldown
     args.db.parent.mkdir(parents=True, exist_ok=True)
-    guard = ToolGuard(args.db, limits, flush_interval=args.flush_interval or None)
+    # One budget for the status tool and the metrics: the threads this process starts.
+    budget = thread_budget(metrics=args.metrics_port is not None, max_connections=METRICS_CONNECTIONS)
+    guard = ToolGuard(args.db, limits, flush_interval=args.flush_interval or None, thread_budget=budget)
 
     metrics: MetricsServer | None = None
     if args.metrics_port is not None:
         try:
             from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
 
-            metrics = serve_metrics(None, int(args.metrics_port), thread_budget=DEFAULT_THREAD_BUDGET + 2)
+            metrics = serve_metrics(None, int(args.metrics_port), thread_budget=budget,
+                                    max_connections=METRICS_CONNECTIONS)
         except (ImportError, OSError) as exc:
             parser.error(f"cannot serve metrics: {exc}")
         # stdout carries the protocol; everything else goes to stderr.

@@ -500,13 +500,9 @@ class ToolPipeline:
     async def status(self) -> dict[str, Any]:
         """The ``status`` answer, built and bounded on a worker thread."""
         tracker = self.runtime.running_tracker()
-        budget = self.thread_budget
+        from ordanis_veltrane.status_answer import build_status
 
-        def build() -> dict[str, Any]:
-            return {"tool_health": tracker.get_health_summary(),
-                    "threads": health.thread_census_report(budget, health.thread_census())}
-
-        return await anyio.to_thread.run_sync(build)
+        return await anyio.to_thread.run_sync(build_status, tracker, self.thread_budget)
 
     async def performance_stats(self) -> dict[str, Any]:
         """The ``get_tool_performance_stats`` answer, on a worker thread."""

@@ -18,18 +18,26 @@ threads (when a budget is given)
     ``os_threads`` (where the OS can count), ``python_threads``, ``thread_budget``,
     ``python_threads_by_name`` (label ``name_prefix``).
 
-``serve_metrics`` serves one collector over HTTP with prometheus_client's own
-server. The module needs the ``metrics`` extra: ``pip install '.[metrics]'``.
+``serve_metrics`` serves one collector over HTTP: prometheus_client's own WSGI
+application behind a server that allows a bounded number of connections (each on a
+thread of a fixed pool) and drops clients that are idle or slow. The module needs the
+``metrics`` extra: ``pip install '.[metrics]'``.
 """
 from __future__ import annotations
 
+import io
+import logging
+import socket
+import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from datetime import datetime, timezone
-from typing import Any, Callable, Iterator
+from typing import IO, Any, Callable, Iterator, cast
+from wsgiref.simple_server import ServerHandler, WSGIRequestHandler, WSGIServer
 
 try:
-    from prometheus_client import start_http_server
+    from prometheus_client import make_wsgi_app
     from prometheus_client.core import CounterMetricFamily, GaugeMetricFamily, Metric
     from prometheus_client.registry import CollectorRegistry
     from prometheus_client.samples import Sample
@@ -42,9 +50,20 @@ except ImportError as _missing:  # pragma: no cover - exercised in a subprocess
 
 from ordanis_veltrane.tool_handlers import health
 
-__all__ = ["DEFAULT_PREFIX", "HealthCollector", "MetricsServer", "serve_metrics"]
+__all__ = [
+    "DEFAULT_MAX_CONNECTIONS",
+    "DEFAULT_PREFIX",
+    "DEFAULT_TIMEOUT",
+    "HealthCollector",
+    "MetricsServer",
+    "serve_metrics",
+]
 
 DEFAULT_PREFIX = "veltrane_tool_"
+DEFAULT_MAX_CONNECTIONS = 8
+DEFAULT_TIMEOUT = 10.0
+
+logger: logging.Logger = logging.getLogger(__name__)
 
 _USAGE_LABELS = ("tool", "action", "outcome", "alias_hit")
 
@@ -236,9 +255,164 @@ class HealthCollector:
             by_name.add_metric((_label(prefix),), count)
 
 
+# ---------------------------------------------------------------- the HTTP endpoint
+
+_BUSY = (
+    b"HTTP/1.0 503 Service Unavailable\r\nContent-Type: text/plain; charset=utf-8\r\n"
+    b"Connection: close\r\nRetry-After: 1\r\n\r\ntoo many connections to the metrics endpoint\n"
+)
+
+
+class _DeadlineReader(io.RawIOBase):
+    """Reads a socket until a deadline: the whole request must arrive before it, however
+    slowly it trickles in."""
+
+    def __init__(self, sock: socket.socket, deadline: float) -> None:
+        self._sock = sock
+        self._deadline = deadline
+
+    def readable(self) -> bool:
+        return True
+
+    def readinto(self, buffer: Any) -> int:
+        left = self._deadline - time.monotonic()
+        if left <= 0:
+            raise TimeoutError("the client did not send its request in time")
+        self._sock.settimeout(left)
+        return self._sock.recv_into(buffer)
+
+
+class _TimedWriter(io.BufferedIOBase):
+    """Writes to a socket; each write must be taken by the client within the timeout
+    (``sendall``'s timeout covers the whole write, not each piece of it)."""
+
+    def __init__(self, sock: socket.socket, timeout: float) -> None:
+        self._sock = sock
+        self._timeout = timeout
+
+    def writable(self) -> bool:
+        return True
+
+    def write(self, data: Any) -> int:
+        self._sock.settimeout(self._timeout)
+        self._sock.sendall(data)
+        return len(data)
+
+
+class _ServerHandler(ServerHandler):
+    """wsgiref's handler, logging to the module's logger instead of printing to stderr."""
+
+    def log_exception(self, exc_info: Any) -> None:
+        if isinstance(exc_info[1], OSError):  # a client too slow to take the answer, or gone
+            logger.debug("Metrics answer not delivered", exc_info=exc_info)
+        else:
+            logger.warning("Serving the metrics failed", exc_info=exc_info)
+
+
+class _Handler(WSGIRequestHandler):
+    """One request per connection, under the server's deadline; logs nothing per request."""
+
+    server: _BoundedServer
+
+    def setup(self) -> None:
+        self.connection = self.request
+        self.rfile = io.BufferedReader(_DeadlineReader(self.request, time.monotonic() + self.server.client_timeout))
+        self.wfile = _TimedWriter(self.request, self.server.client_timeout)
+
+    def finish(self) -> None:
+        self.rfile.close()
+
+    def handle(self) -> None:
+        # WSGIRequestHandler.handle, with the handler above
+        self.raw_requestline = self.rfile.readline(65537)
+        if len(self.raw_requestline) > 65536:
+            self.requestline = self.request_version = self.command = ""
+            self.send_error(414)
+            return
+        if not self.parse_request():  # the error answer has been sent
+            return
+        handler = _ServerHandler(self.rfile, cast(IO[bytes], self.wfile), self.get_stderr(), self.get_environ(),
+                                 multithread=False)
+        handler.request_handler = self  # type: ignore[attr-defined]  # wsgiref's back pointer for logging
+        handler.run(self.server.get_app())  # type: ignore[arg-type]
+
+    def log_message(self, format: str, *args: Any) -> None:
+        pass
+
+
+class _BoundedServer(WSGIServer):
+    """A WSGI server that serves at most `max_connections` connections at a time, each on a
+    thread of a fixed pool of that size. A connection beyond them is answered 503 at once and
+    closed, without a thread; a client gets `timeout` seconds to send its request and to take
+    each write of the answer, then it is dropped."""
+
+    request_queue_size = 64
+
+    def __init__(self, address: tuple[str, int], family: socket.AddressFamily, max_connections: int,
+                 timeout: float) -> None:
+        if max_connections < 1:
+            raise ValueError("max_connections must be at least 1")
+        if not timeout > 0:
+            raise ValueError("timeout must be above 0")
+        self.address_family = family
+        self.client_timeout = timeout
+        self.max_connections = max_connections
+        self._slots = threading.BoundedSemaphore(max_connections)
+        self._open: set[socket.socket] = set()
+        self._open_lock = threading.Lock()
+        self._pool = ThreadPoolExecutor(max_connections, thread_name_prefix="health-metrics-conn")
+        super().__init__(address, _Handler)
+
+    def process_request(self, request: Any, client_address: Any) -> None:
+        if not self._slots.acquire(blocking=False):
+            self._refuse(request)
+            return
+        try:
+            self._pool.submit(self._serve, request, client_address)
+        except RuntimeError:  # the pool is shut down: the server is closing
+            self._slots.release()
+            self.shutdown_request(request)
+
+    def _serve(self, request: socket.socket, client_address: Any) -> None:
+        with self._open_lock:
+            self._open.add(request)
+        try:
+            self.finish_request(request, client_address)
+        except Exception:
+            self.handle_error(request, client_address)
+        finally:
+            with self._open_lock:
+                self._open.discard(request)
+            self.shutdown_request(request)
+            self._slots.release()
+
+    def _refuse(self, request: socket.socket) -> None:
+        try:
+            request.setblocking(False)
+            request.send(_BUSY)
+        except OSError:
+            pass
+        self.shutdown_request(request)
+
+    def handle_error(self, request: Any, client_address: Any) -> None:
+        # A client that went away or was too slow is no fault of the server's.
+        logger.debug("Metrics connection from %s dropped", client_address, exc_info=True)
+
+    def server_close(self) -> None:
+        """Closes the listening socket, breaks off the connections being served and waits for their threads."""
+        super().server_close()
+        with self._open_lock:
+            for sock in self._open:
+                try:
+                    sock.shutdown(socket.SHUT_RDWR)
+                except OSError:
+                    pass
+        self._pool.shutdown(wait=True)
+
+
 @dataclass
 class MetricsServer:
-    """A running metrics endpoint: where it listens, what it serves, and how to stop it."""
+    """A running metrics endpoint: where it listens, what it serves, its limits, and how to stop it."""
 
     collector: HealthCollector
     registry: CollectorRegistry
@@ -246,6 +420,8 @@ class MetricsServer:
     port: int
     _server: Any
     _thread: Any
+    max_connections: int = DEFAULT_MAX_CONNECTIONS
+    timeout: float = DEFAULT_TIMEOUT
 
     @property
     def url(self) -> str:
@@ -253,7 +429,8 @@ class MetricsServer:
         return f"http://{host}:{self.port}/metrics"
 
     def close(self) -> None:
-        """Stops serving, closes the socket and takes the collector out of the registry."""
+        """Stops serving, closes the socket and the connections in progress, and takes the collector out
+        of the registry."""
         self._server.shutdown()
         self._server.server_close()
         self._thread.join()
@@ -274,23 +451,34 @@ def serve_metrics(
     thread_budget: int | None = None,
     prefix: str = DEFAULT_PREFIX,
     registry: CollectorRegistry | None = None,
+    max_connections: int = DEFAULT_MAX_CONNECTIONS,
+    timeout: float = DEFAULT_TIMEOUT,
 ) -> MetricsServer:
     """Serves a collector of `tracker` over HTTP on `address`:`port` (port 0 picks a free port).
 
     The collector goes into `registry`, a fresh one by default (pass
     ``prometheus_client.REGISTRY`` to serve the process metrics beside it). The
-    server runs on a daemon thread of its own and answers each request on a new
-    thread; ``close()`` on the result stops it. Point ``result.collector.tracker``
-    at a new tracker when the daemon replaces its own.
+    server accepts on a daemon thread of its own and serves at most
+    `max_connections` connections at a time, one request each, on a pool of that
+    many threads: one more connection is answered 503 and closed at once. A client
+    has `timeout` seconds to send its request and to take each write of the answer;
+    an idle or slow one is dropped then. So the endpoint holds at most
+    ``1 + max_connections`` threads, whatever its clients do. ``close()`` on the
+    result stops it. Point ``result.collector.tracker`` at a new tracker when the
+    daemon replaces its own.
     """
     collector = HealthCollector(tracker, thread_budget, prefix=prefix)
     if registry is None:
         registry = CollectorRegistry()
     registry.register(collector)
     try:
-        server, thread = start_http_server(port, addr=address, registry=registry)
+        family, _, _, _, sockaddr = socket.getaddrinfo(address, port, type=socket.SOCK_STREAM,
+                                                       flags=socket.AI_PASSIVE)[0]
+        server = _BoundedServer((str(sockaddr[0]), port), family, max_connections, timeout)
     except BaseException:
         registry.unregister(collector)
         raise
-    thread.name = "health-metrics"
-    return MetricsServer(collector, registry, address, server.server_port, server, thread)
+    server.set_app(make_wsgi_app(registry))
+    thread = threading.Thread(target=server.serve_forever, name="health-metrics", daemon=True)
+    thread.start()
+    return MetricsServer(collector, registry, address, server.server_port, server, thread, max_connections, timeout)
