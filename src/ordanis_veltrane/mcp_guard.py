@@ -10,7 +10,9 @@ tool pipeline around each call:
 3. ``record_success``, or ``record_error`` with the message when the handler raised or
    returned an error result (the client sees that message); then ``record_call`` with the
    action, the outcome, ``alias_hit`` and the handler's time, which also goes to the timing
-   collector.
+   collector;
+4. the call observers (``observers=``; by default the OpenTelemetry one of
+   ``ordanis_veltrane.otel`` where ``opentelemetry`` is installed) get a report of the call.
 
 The guarded tools are the registry the tracker prunes against: the guard installs it as
 ``health.TOOLS`` just before it constructs the tracker. The tracker lives while the server's
@@ -48,7 +50,7 @@ from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
-__all__ = ["DEFAULT_THREAD_BUDGET", "GuardedTools", "ToolGuard"]
+__all__ = ["DEFAULT_THREAD_BUDGET", "CallObserver", "GuardedTools", "ToolGuard", "default_observers"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
@@ -95,6 +97,35 @@ class _Call(NamedTuple):
     alias_hit: bool
 
 
+class _CallReport(NamedTuple):
+    """A finished call, as the call observers read it."""
+
+    tool: str
+    action: str | None
+    alias_hit: bool
+    outcome: str  # "ok" | "error" | "disabled" | "cancelled"
+    duration_s: float
+    error_type: str | None  # "tool_error" for an error result, the exception's type, "tool_disabled", "cancelled"
+    error_message: str | None
+    tracker: health.ToolHealthTracker
+
+
+class CallObserver(Protocol):
+    """Told of every finished call, on the thread the call ran on; must be cheap and must not raise."""
+
+    def call_finished(self, report: _CallReport) -> None: ...
+
+
+def default_observers() -> list[CallObserver]:
+    """The observers of a guard given none: the OpenTelemetry one where ``opentelemetry`` is installed."""
+    try:
+        from ordanis_veltrane import otel
+    except ImportError:
+        return []
+    observer = otel.default_observer()
+    return [] if observer is None else [observer]
+
+
 def _is_async(fn: Callable[..., Any]) -> bool:
     while isinstance(fn, functools.partial):
         fn = fn.func
@@ -122,11 +153,13 @@ class ToolGuard:
         *,
         flush_interval: float | None = 5.0,
         thread_budget: int = DEFAULT_THREAD_BUDGET,
+        observers: Iterable[CallObserver] | None = None,
     ) -> None:
         self.repository = repository
         self.limits: ToolsConfig = limits if limits is not None else ToolsConfig()
         self.flush_interval = flush_interval
         self.thread_budget = thread_budget
+        self.observers: list[CallObserver] = default_observers() if observers is None else list(observers)
         self.registry: GuardedTools = GuardedTools()
         self._tracker: health.ToolHealthTracker | None = None
         self._repo: Repository | None = None
@@ -214,7 +247,18 @@ class ToolGuard:
             raise RuntimeError("tool health is not running: serve the server with lifespan=guard.lifespan")
         return tracker
 
+    def _notify(self, tool: str, call: _Call, outcome: str, duration_s: float, error_type: str | None,
+                error_message: str | None) -> None:
+        report = _CallReport(tool, call.action, call.alias_hit, outcome, duration_s, error_type, error_message,
+                             call.tracker)
+        for observer in self.observers:
+            try:
+                observer.call_finished(report)
+            except Exception:
+                logger.exception("A call observer failed")
+
     def _begin(self, tool: str, spec: ToolSpec | OpenTool, kwargs: dict[str, Any] | None) -> _Call:
+        begun = time.perf_counter()
         tracker = self._running()
         action: str | None = None
         alias_hit = False
@@ -227,10 +271,13 @@ class ToolGuard:
         disabled, last_error = tracker.is_disabled(tool)
         if disabled:
             tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
+            if self.observers:
+                self._notify(tool, _Call(tracker, action, alias_hit), "disabled", time.perf_counter() - begun,
+                             "tool_disabled", last_error)
             raise ToolError(f"Tool {tool!r} is disabled after repeated errors; last error: {last_error}")
         return _Call(tracker, action, alias_hit)
 
-    def _finish(self, tool: str, call: _Call, started: float, error: str | None) -> None:
+    def _finish(self, tool: str, call: _Call, started: float, error: str | None, error_type: str | None = None) -> None:
         duration_ms = (time.perf_counter() - started) * 1000.0
         if error is None:
             call.tracker.record_success(tool)
@@ -239,25 +286,29 @@ class ToolGuard:
         outcome = "ok" if error is None else "error"
         call.tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
         cast(_TimingRecorder, health.get_timing_collector()).record(tool, duration_ms, error=error is not None)
+        if self.observers:
+            self._notify(tool, call, outcome, duration_ms / 1000.0, error_type, error)
 
     def _answered(self, tool: str, call: _Call, started: float, result: Any) -> Any:
         error = _error_text(result) if isinstance(result, CallToolResult) and result.is_error else None
-        self._finish(tool, call, started, error)
+        self._finish(tool, call, started, error, None if error is None else "tool_error")
         return result
 
     def _failed(self, tool: str, call: _Call, started: float, exc: Exception) -> Exception:
         """Records a raised error; answers what to raise so that the client sees its message."""
         message = str(exc) or type(exc).__name__
-        self._finish(tool, call, started, message)
+        self._finish(tool, call, started, message, type(exc).__qualname__)
         if isinstance(exc, (ToolError, MCPError)):
             return exc
         # The SDK would show the client a bare "Error executing tool"; this text reaches it instead.
         logger.warning("Tool %r raised %s", tool, type(exc).__name__, exc_info=exc)
         return ToolError(message)
 
-    def _cancelled(self, tool: str, call: _Call) -> None:
+    def _cancelled(self, tool: str, call: _Call, started: float) -> None:
         # The handler gave no answer: counted without a duration, and not as an error.
         call.tracker.record_call(tool, call.action, "cancelled", alias_hit=call.alias_hit, duration_ms=None)
+        if self.observers:
+            self._notify(tool, call, "cancelled", time.perf_counter() - started, "cancelled", None)
 
     def _guarded(self, tool: str, spec: ToolSpec | OpenTool, fn: Callable[..., Any]) -> Callable[..., Any]:
         takes_action = "action" in inspect.signature(fn).parameters
@@ -276,7 +327,7 @@ class ToolGuard:
                         raise
                     raise failure from exc
                 except BaseException:
-                    self._cancelled(tool, call)
+                    self._cancelled(tool, call, started)
                     raise
                 return self._answered(tool, call, started, result)
 
@@ -294,7 +345,7 @@ class ToolGuard:
                     raise
                 raise failure from exc
             except BaseException:
-                self._cancelled(tool, call)
+                self._cancelled(tool, call, started)
                 raise
             return self._answered(tool, call, started, result)
 
