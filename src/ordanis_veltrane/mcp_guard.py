@@ -50,7 +50,7 @@ from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
-__all__ = ["DEFAULT_THREAD_BUDGET", "CallObserver", "GuardedTools", "ToolGuard", "default_observers"]
+__all__ = ["DEFAULT_THREAD_BUDGET", "CallObserver", "CallReport", "GuardedTools", "ToolGuard", "default_observers"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
@@ -97,7 +97,7 @@ class _Call(NamedTuple):
     alias_hit: bool
 
 
-class _CallReport(NamedTuple):
+class CallReport(NamedTuple):
     """A finished call, as the call observers read it."""
 
     tool: str
@@ -113,7 +113,7 @@ class _CallReport(NamedTuple):
 class CallObserver(Protocol):
     """Told of every finished call, on the thread the call ran on; must be cheap and must not raise."""
 
-    def call_finished(self, report: _CallReport) -> None: ...
+    def call_finished(self, report: CallReport) -> None: ...
 
 
 def default_observers() -> list[CallObserver]:
@@ -249,7 +249,7 @@ class ToolGuard:
 
     def _notify(self, tool: str, call: _Call, outcome: str, duration_s: float, error_type: str | None,
                 error_message: str | None) -> None:
-        report = _CallReport(tool, call.action, call.alias_hit, outcome, duration_s, error_type, error_message,
+        report = CallReport(tool, call.action, call.alias_hit, outcome, duration_s, error_type, error_message,
                              call.tracker)
         for observer in self.observers:
             try:
