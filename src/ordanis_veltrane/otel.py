@@ -6,11 +6,15 @@ of every finished call (``call_finished(report)``), on the thread the call ran o
 - records the call in the histogram ``mcp.server.operation.duration`` (seconds, with
   the bucket boundaries the MCP semantic conventions advise) with the attributes
   ``mcp.method.name`` = ``tools/call``, ``gen_ai.operation.name`` = ``execute_tool``,
-  ``gen_ai.tool.name`` and, when the call failed or was refused, ``error.type``;
+  ``gen_ai.tool.name`` and, when the call failed or was refused, ``error.type``.
+  The call's thread (often the event loop) only queues the measurement; the SDK's
+  ``record``, which costs several microseconds, runs at the next collection, on the
+  reader's thread, before the histogram is read. While ``PENDING_LIMIT`` measurements
+  wait (a provider nobody collects from), a call records its own on its thread. Where a span is current, its context goes with the measurement, so that an
+  exemplar still points at the call's span;
 - adds the tool's health to the span that is current, if one is recording (the MCP SDK's
   ``tools/call`` span, FastMCP's, or the application's own): ``veltrane.tool.disabled``,
-  ``veltrane.tool.consecutive_errors``, ``veltrane.tool.action`` and
-  ``veltrane.tool.alias_hit``, and an event ``veltrane.tool.refused`` when the call was
+  ``veltrane.tool.consecutive_errors`` and ``veltrane.tool.action``, and an event ``veltrane.tool.refused`` when the call was
   refused. It never starts a span of its own: the call already has one where tracing is on;
 - reports the tracker's health through observable instruments, read at each collection
   from one ``get_health_summary()`` shared by all of them (``health_view``, the walk the
@@ -29,8 +33,10 @@ Needs the ``otel`` extra: ``pip install '.[otel]'``.
 """
 from __future__ import annotations
 
+import collections
 import functools
 import importlib.metadata
+import inspect
 import logging
 import threading
 import time
@@ -38,7 +44,7 @@ import weakref
 from typing import Any, Callable, Iterable, Protocol
 
 try:
-    from opentelemetry import metrics as _metrics, trace as _trace
+    from opentelemetry import context as _context, metrics as _metrics, trace as _trace
     from opentelemetry.metrics import (
         CallbackOptions,
         Histogram,
@@ -75,6 +81,9 @@ _ERROR_TYPE_OF_OUTCOME = {"disabled": REFUSED, "cancelled": "cancelled", "error"
 # Attribute sets of the histogram are kept per (tool, outcome, error type); past this many the
 # cache starts again, so that a stream of distinct exception types cannot grow it without end.
 _ATTRIBUTE_CACHE_SIZE = 4096
+
+# Measurements queued for the SDK at most (about 1.5 MB); past this many, a call records its own.
+PENDING_LIMIT = 16384
 
 # The observable instruments of one collection share one walk of the summary: the first of
 # them walks it, the others take that walk when it is at most this old.
@@ -158,6 +167,9 @@ class OtelObserver:
         self._follow_spans = spans is None
         self._spans = bool(spans)
         self._histogram: Histogram | None = None
+        self._takes_context = False
+        # (attributes, seconds, the call's context or None), waiting for the SDK
+        self._pending: collections.deque[tuple[dict[str, str], float, _context.Context | None]] = collections.deque()
         self._attributes: dict[tuple[str, str, str | None], dict[str, str]] = {}
         self._tracker_ref: _TrackerRef | None = None
         self._walk: tuple[_TrackerRef, float, HealthView] | None = None
@@ -196,8 +208,13 @@ class OtelObserver:
         if (_METRICS_STATE._METER_PROVIDER is not self._seen_meter
                 or _TRACE_STATE._TRACER_PROVIDER is not self._seen_tracer):
             self._follow_globals()
-        histogram = self._histogram
-        if histogram is not None:
+        context = None
+        if self._spans:
+            span = get_current_span()
+            if span.is_recording():
+                _annotate(span, report)
+                context = _context.get_current()
+        if self._histogram is not None:
             ref = self._tracker_ref
             if ref is None or ref() is not report.tracker:
                 self.tracker = report.tracker
@@ -205,11 +222,29 @@ class OtelObserver:
             attributes = self._attributes.get(key)
             if attributes is None:
                 attributes = self._attributes_of(key)
-            histogram.record(report.duration_s, attributes)
-        if self._spans:
-            span = get_current_span()
-            if span.is_recording():
-                _annotate(span, report)
+            pending = self._pending
+            if len(pending) < PENDING_LIMIT:
+                pending.append((attributes, report.duration_s, context))
+            elif self._takes_context:
+                self._histogram.record(report.duration_s, attributes, context)
+            else:
+                self._histogram.record(report.duration_s, attributes)
+
+    def record_pending(self) -> None:
+        """Hands the queued measurements to the SDK (each collection does so first)."""
+        histogram, pending = self._histogram, self._pending
+        if histogram is None:
+            return
+        record, takes_context = histogram.record, self._takes_context
+        while True:
+            try:
+                attributes, seconds, context = pending.popleft()
+            except IndexError:
+                return
+            if takes_context:
+                record(seconds, attributes, context)
+            else:
+                record(seconds, attributes)
 
     def _attributes_of(self, key: tuple[str, str, str | None]) -> dict[str, str]:
         tool, outcome, error_type = key
@@ -252,6 +287,10 @@ class OtelObserver:
                 "mcp.server.operation.duration", unit="s",
                 description="MCP request duration as observed on the server, from its receipt until the result is sent.",
             )
+        try:
+            self._takes_context = "context" in inspect.signature(histogram.record).parameters
+        except (TypeError, ValueError):
+            self._takes_context = False
         self._add_health_instruments(meter)
         self._histogram = histogram
 
@@ -273,6 +312,8 @@ class OtelObserver:
 
     def _view(self, first: bool) -> HealthView | None:
         """The walk of this collection: ``first`` (the first instrument's callback) takes a new one."""
+        if self._pending:
+            self.record_pending()
         ref = self._tracker_ref
         tracker = None if ref is None else ref()
         if tracker is None or ref is None:
@@ -324,7 +365,8 @@ def _same(tracker: health.ToolHealthTracker) -> health.ToolHealthTracker:
 def _annotate(span: Span, report: CallReportLike) -> None:
     """Adds the tool's health after the call to the call's span, and an event when it was refused."""
     tool, refused = report.tool, report.outcome == "disabled"
-    attributes: dict[str, str | bool | int] = {"veltrane.tool.alias_hit": bool(report.alias_hit)}
+    # Few attributes: the SDK's set_attributes costs about a microsecond for each.
+    attributes: dict[str, str | bool | int] = {}
     if report.action is not None:
         attributes["veltrane.tool.action"] = label(report.action)
     # Read without the tracker's lock, so that a call never waits on a flush holding it: a dict
