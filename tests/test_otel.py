@@ -267,3 +267,27 @@ def test_zero_code_under_opentelemetry_instrument_scrapes_clean(tmp_path: Path) 
         pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
     check = subprocess.run([promtool, "check", "metrics"], input=scrape, capture_output=True, text=True, timeout=60)
     assert check.returncode == 0, check.stdout + check.stderr
+
+
+def test_readme_error_ratio_query_with_promtool(tmp_path: Path) -> None:
+    promtool = shutil.which("promtool")
+    if promtool is None:
+        pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
+    section = (ROOT / "README.md").read_text().split("## OpenTelemetry\n", 1)[1].split("\n## ", 1)[0]
+    (query,) = re.findall(r"```promql\n(.*?)```", section, re.S)
+
+    def series(tool: str, error: str, per_minute: int) -> dict[str, str]:
+        labels = f'gen_ai_tool_name="{tool}",mcp_method_name="tools/call",error_type="{error}",job="mcp"'
+        return {"series": f"mcp_server_operation_duration_seconds_count{{{labels}}}", "values": f"0+{per_minute}x20"}
+
+    inputs = [series("git", "", 10), series("git", "tool_error", 5), series("git", "RuntimeError", 5),
+              series("git", "tool_disabled", 100), series("git", "cancelled", 7), series("search", "", 30),
+              series("fetch", "RuntimeError", 4), series("gone", "tool_disabled", 9)]  # only refused: no ratio
+    expected = [{"labels": f'{{gen_ai_tool_name="{tool}"}}', "value": value}
+                for tool, value in (("git", 0.5), ("search", 0), ("fetch", 1))]
+    tests = {"tests": [{"interval": "1m", "input_series": inputs,
+                        "promql_expr_test": [{"expr": query, "eval_time": "10m", "exp_samples": expected}]}]}
+    (tmp_path / "query.test.yml").write_text(json.dumps(tests))  # YAML reads JSON
+    done = subprocess.run([promtool, "test", "rules", str(tmp_path / "query.test.yml")], capture_output=True,
+                          text=True, timeout=60)
+    assert done.returncode == 0, done.stdout + done.stderr

@@ -38,6 +38,7 @@ import functools
 import importlib.metadata
 import inspect
 import logging
+import os
 import threading
 import time
 import weakref
@@ -267,7 +268,10 @@ class OtelObserver:
             tracer_provider = _TRACE_STATE._TRACER_PROVIDER
             if self._follow_meter and meter_provider is not self._seen_meter:
                 if meter_provider is not None and not isinstance(meter_provider, NoOpMeterProvider):
-                    self._use_meter(meter_provider)
+                    try:
+                        self._use_meter(meter_provider)
+                    except Exception:  # once: the provider is marked as seen below
+                        logger.exception("Could not create the tool-call instruments")
             if self._follow_spans:
                 self._spans = tracer_provider is not None and not isinstance(tracer_provider, NoOpTracerProvider)
             self._seen_meter, self._seen_tracer = meter_provider, tracer_provider
@@ -394,8 +398,10 @@ _default_lock = threading.Lock()
 
 def default_observer() -> OtelObserver | None:
     """The process's observer that follows the API's global providers (one per process, so that
-    its observable instruments are registered once)."""
+    its observable instruments are registered once); None while ``OTEL_SDK_DISABLED`` is true."""
     global _default
+    if os.environ.get("OTEL_SDK_DISABLED", "").strip().lower() == "true":
+        return None
     with _default_lock:
         if _default is None:
             _default = OtelObserver()
