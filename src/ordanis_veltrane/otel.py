@@ -65,18 +65,18 @@ except ImportError as _missing:  # pragma: no cover - exercised in a subprocess
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_handlers.health_view import HealthView, label, read_health
 
-__all__ = ["DURATION_BUCKETS", "CallReportLike", "OtelObserver", "default_observer"]
+__all__ = ["DURATION_BUCKETS", "PENDING_LIMIT", "REFUSED", "SCOPE", "CallReportLike", "OtelObserver", "default_observer"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
 # The MCP semantic conventions' advice for mcp.server.operation.duration, in seconds.
 DURATION_BUCKETS: tuple[float, ...] = (0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10, 30, 60, 120, 300)
 
-SCOPE = "ordanis_veltrane"
+SCOPE: str = "ordanis_veltrane"
 
 # error.type of a call that was refused because its tool is disabled, and the ones used when a
 # report of a failed call names no type (the conventions' fallback is _OTHER).
-REFUSED = "tool_disabled"
+REFUSED: str = "tool_disabled"
 _ERROR_TYPE_OF_OUTCOME = {"disabled": REFUSED, "cancelled": "cancelled", "error": "_OTHER", "client_error": "_OTHER"}
 
 # Attribute sets of the histogram are kept per (tool, outcome, error type); past this many the
@@ -84,7 +84,7 @@ _ERROR_TYPE_OF_OUTCOME = {"disabled": REFUSED, "cancelled": "cancelled", "error"
 _ATTRIBUTE_CACHE_SIZE = 4096
 
 # Measurements queued for the SDK at most (about 1.5 MB); past this many, a call records its own.
-PENDING_LIMIT = 16384
+PENDING_LIMIT: int = 16384
 
 # The observable instruments of one collection share one walk of the summary: the first of
 # them walks it, the others take that walk when it is at most this old.
