@@ -53,7 +53,8 @@ DURATION = "mcp.server.operation.duration"
 @pytest.fixture
 def tracker(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Any:
     """A tracker over a real SQLite file, every tool known; held by the test alone (the fixture keeps none)."""
-    monkeypatch.setattr(health, "TOOLS", type("Open", (), {"get": lambda self, name: self, "action": lambda self, a: a})())
+    every_tool = type("Open", (), {"get": lambda self, name: self, "action": lambda self, action: action})()
+    monkeypatch.setattr(health, "TOOLS", every_tool)
     repo = Repository(str(tmp_path / "repo.db"))
     made = [health.ToolHealthTracker(repo, ToolsConfig(disable_after_errors=2, disable_cooldown_s=600))]
     yield made
@@ -90,9 +91,10 @@ def test_duration_attributes_per_outcome_and_spans_annotated_never_started(track
     observer = otel.OtelObserver(MeterProvider(metric_readers=[reader]), spans=True)
     tracer = tracer_provider.get_tracer("app")
     bad = "lone \udc80 surrogate"
-    reports = [call(tracker, "search", "ok", action="text", alias_hit=True), call(tracker, "git", "error", "tool_error"),
-               call(tracker, "git", "error", "RuntimeError"), call(tracker, "git", "disabled", "tool_disabled"),
-               call(tracker, "fetch", "client_error", "ValidationError"), call(tracker, "fetch", "cancelled", "cancelled"),
+    reports = [call(tracker, "search", "ok", action="text", alias_hit=True),
+               call(tracker, "git", "error", "tool_error"), call(tracker, "git", "error", "RuntimeError"),
+               call(tracker, "git", "disabled", "tool_disabled"), call(tracker, "fetch", "client_error", "ValidationError"),
+               call(tracker, "fetch", "cancelled", "cancelled"),
                call(tracker, bad, "error")]  # no type given: the conventions' fallback
     for report in reports:
         with tracer.start_as_current_span(f"tools/call {report.tool}"):

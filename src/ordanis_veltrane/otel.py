@@ -10,12 +10,14 @@ of every finished call (``call_finished(report)``), on the thread the call ran o
   The call's thread (often the event loop) only queues the measurement; the SDK's
   ``record``, which costs several microseconds, runs at the next collection, on the
   reader's thread, before the histogram is read. While ``PENDING_LIMIT`` measurements
-  wait (a provider nobody collects from), a call records its own on its thread. Where a span is current, its context goes with the measurement, so that an
-  exemplar still points at the call's span;
+  wait (a provider nobody collects from), a call records its own on its thread. Where a
+  span is current, its context goes with the measurement, so that an exemplar still
+  points at the call's span;
 - adds the tool's health to the span that is current, if one is recording (the MCP SDK's
   ``tools/call`` span, FastMCP's, or the application's own): ``veltrane.tool.disabled``,
-  ``veltrane.tool.consecutive_errors`` and ``veltrane.tool.action``, and an event ``veltrane.tool.refused`` when the call was
-  refused. It never starts a span of its own: the call already has one where tracing is on;
+  ``veltrane.tool.consecutive_errors`` and ``veltrane.tool.action``, and an event
+  ``veltrane.tool.refused`` when the call was refused. It never starts a span of its own:
+  the call already has one where tracing is on;
 - reports the tracker's health through observable instruments, read at each collection
   from one ``get_health_summary()`` shared by all of them (``health_view``, the walk the
   Prometheus collector uses too): ``veltrane.tool.health.calls``,
@@ -65,7 +67,8 @@ except ImportError as _missing:  # pragma: no cover - exercised in a subprocess
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_handlers.health_view import HealthView, label, read_health
 
-__all__ = ["DURATION_BUCKETS", "PENDING_LIMIT", "REFUSED", "SCOPE", "CallReportLike", "OtelObserver", "default_observer"]
+__all__ = ["DURATION_BUCKETS", "PENDING_LIMIT", "REFUSED", "SCOPE", "CallReportLike", "OtelObserver",
+           "default_observer"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
@@ -280,17 +283,12 @@ class OtelObserver:
         meter = provider.get_meter(SCOPE, _version())
         if isinstance(meter, NoOpMeter):  # e.g. the SDK switched off by OTEL_SDK_DISABLED
             return
+        description = "MCP request duration as observed on the server, from its receipt until the result is sent."
         try:
-            histogram = meter.create_histogram(
-                "mcp.server.operation.duration", unit="s",
-                description="MCP request duration as observed on the server, from its receipt until the result is sent.",
-                explicit_bucket_boundaries_advisory=DURATION_BUCKETS,
-            )
+            histogram = meter.create_histogram("mcp.server.operation.duration", unit="s", description=description,
+                                               explicit_bucket_boundaries_advisory=DURATION_BUCKETS)
         except TypeError:  # an API before 1.23 takes no advice: the SDK's default buckets apply
-            histogram = meter.create_histogram(
-                "mcp.server.operation.duration", unit="s",
-                description="MCP request duration as observed on the server, from its receipt until the result is sent.",
-            )
+            histogram = meter.create_histogram("mcp.server.operation.duration", unit="s", description=description)
         try:
             self._takes_context = "context" in inspect.signature(histogram.record).parameters
         except (TypeError, ValueError):
