@@ -94,7 +94,8 @@ def test_duration_attributes_per_outcome_and_spans_annotated_never_started(track
     reports = [call(tracker, "search", "ok", action="text", alias_hit=True),
                call(tracker, "git", "error", "tool_error"), call(tracker, "git", "error", "RuntimeError"),
                call(tracker, "git", "disabled", "tool_disabled"),
-               call(tracker, "fetch", "client_error", "ValidationError"), call(tracker, "fetch", "cancelled", "cancelled"),
+               call(tracker, "fetch", "client_error", "ValidationError"),
+               call(tracker, "fetch", "cancelled", "cancelled"),
                call(tracker, bad, "error")]  # no type given: the conventions' fallback
     for report in reports:
         with tracer.start_as_current_span(f"tools/call {report.tool}"):
