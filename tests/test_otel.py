@@ -65,7 +65,7 @@ def collect(reader: InMemoryMetricReader) -> dict[str, dict[frozenset[tuple[str,
     """Instrument name -> attribute set -> value (a histogram's: its count)."""
     out: dict[str, dict[frozenset[tuple[str, Any]], Any]] = {}
     data = reader.get_metrics_data()  # None before anything was measured
-    for metric in (m for rm in (data.resource_metrics if data else ())  for sm in rm.scope_metrics for m in sm.metrics):
+    for metric in (m for rm in (data.resource_metrics if data else ()) for sm in rm.scope_metrics for m in sm.metrics):
         for point in metric.data.data_points:
             value = point.count if hasattr(point, "count") else point.value
             out.setdefault(metric.name, {})[frozenset(point.attributes.items())] = value
