@@ -276,6 +276,8 @@ def test_readme_error_ratio_query_with_promtool(tmp_path: Path) -> None:
     promtool = shutil.which("promtool")
     if promtool is None:
         pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
+    if not (ROOT / "README.md").is_file():
+        pytest.skip("runs from a checkout, next to the README")
     section = (ROOT / "README.md").read_text().split("## OpenTelemetry\n", 1)[1].split("\n## ", 1)[0]
     (query,) = re.findall(r"```promql\n(.*?)```", section, re.S)
 
