@@ -32,7 +32,6 @@ import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
-from datetime import datetime, timezone
 from typing import IO, Any, Callable, Iterator, cast
 from wsgiref.simple_server import ServerHandler, WSGIRequestHandler, WSGIServer
 
@@ -49,6 +48,7 @@ except ImportError as _missing:  # pragma: no cover - exercised in a subprocess
     ) from _missing
 
 from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_handlers.health_view import label as _label, read_health
 
 __all__ = [
     "DEFAULT_MAX_CONNECTIONS",
@@ -66,36 +66,6 @@ DEFAULT_TIMEOUT = 10.0
 logger: logging.Logger = logging.getLogger(__name__)
 
 _USAGE_LABELS = ("tool", "action", "outcome", "alias_hit")
-
-
-def _label(value: Any) -> str:
-    """A label value: text passes through unchanged; anything else becomes its str().
-
-    Text that UTF-8 cannot encode (a lone surrogate) would make the whole scrape
-    fail, so only that is escaped, with backslashes."""
-    text = value if type(value) is str else str(value)
-    if not text.isascii():
-        try:
-            text.encode("utf-8")
-        except UnicodeEncodeError:
-            text = text.encode("utf-8", "backslashreplace").decode("utf-8")
-    return text
-
-
-def _epoch_of(stored: str) -> float | None:
-    """Epoch seconds of a stored UTC timestamp "YYYY-MM-DD HH:MM:SS"; None when unreadable."""
-    try:
-        return datetime.fromisoformat(stored).replace(tzinfo=timezone.utc).timestamp()
-    except (TypeError, ValueError):
-        return None
-
-
-@dataclass
-class _ToolFigures:
-    calls: float
-    errors: float
-    disabled: bool
-    disabled_for: float | None
 
 
 class _Families:
@@ -176,48 +146,8 @@ class HealthCollector:
         return (family for family in families.all() if family.samples)
 
     def _add_tracker(self, families: _Families, tracker: health.ToolHealthTracker) -> None:
-        summary = tracker.get_health_summary()  # the only lock hold of the scrape
-        now = self.clock()
-        tools: dict[str, _ToolFigures] = {}
-        # label values -> [calls, mean ms or None]; rows whose labels come out equal
-        # (a tool 1 and a tool "1", an action None and "") merge into one series
-        usage: dict[tuple[str, str, str, str], list[Any]] = {}
-        for record in summary:
-            name = record["tool_name"]
-            if type(name) is not str or not name.isascii():
-                name = _label(name)
-            disabled_for = None
-            if record["disabled"]:
-                since = _epoch_of(record["disabled_at"])
-                disabled_for = None if since is None else round(max(0.0, now - since), 3)
-            figures = _ToolFigures(record["call_count"], record["error_count"], bool(record["disabled"]), disabled_for)
-            seen = tools.get(name)
-            if seen is None:
-                tools[name] = figures
-            else:
-                seen.calls += figures.calls
-                seen.errors += figures.errors
-                seen.disabled = seen.disabled or figures.disabled
-                if figures.disabled_for is not None:
-                    seen.disabled_for = max(seen.disabled_for or 0.0, figures.disabled_for)
-            for row in record["usage"]:
-                action, outcome = row["action"], row["outcome"]
-                if action is None:
-                    action = ""
-                elif type(action) is not str or not action.isascii():
-                    action = _label(action)
-                if type(outcome) is not str or not outcome.isascii():
-                    outcome = _label(outcome)
-                key = (name, action, outcome, "true" if row["alias_hit"] else "false")
-                calls, avg_ms = row["calls"], row["avg_ms"]
-                entry = usage.get(key)
-                if entry is None:
-                    usage[key] = [calls, avg_ms]
-                else:  # merged: a mean weighted by calls, where both sides know one
-                    both = entry[0] + calls
-                    if avg_ms is not None:
-                        entry[1] = avg_ms if entry[1] is None else (entry[1] * entry[0] + avg_ms * calls) / both
-                    entry[0] = both
+        view = read_health(tracker, self.clock)  # the only lock hold of the scrape
+        tools, usage = view.tools, view.usage
 
         # Samples are appended directly: add_metric would build the same label dict
         # once per family, and a scrape of thousands of usage keys feels that.
