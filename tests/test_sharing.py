@@ -339,3 +339,13 @@ def test_plain_mode_is_the_plain_tracker(repo: Repository, registry: Any) -> Non
     assert handle.sync() == 2
     handle.close()
     assert repo.db.fetchall("SELECT call_count FROM tool_health") == [(1,)]
+
+
+@pytest.mark.parametrize("bad", ["postgresql://h:x/db", "/nonexistent/dir/h.db"])
+def test_the_example_server_refuses_a_bad_db_before_it_starts(bad: str, capsys: pytest.CaptureFixture[str]) -> None:
+    pytest.importorskip("mcp")
+    from ordanis_veltrane import mcp_server
+
+    with pytest.raises(SystemExit):
+        mcp_server.main(["--db", bad])
+    assert "argument --db:" in capsys.readouterr().err
