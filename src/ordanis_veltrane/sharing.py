@@ -271,11 +271,23 @@ class Pulled:
 
 
 def usage_key_text(key: UsageKey) -> str | None:
+    """The store's primary key of a usage key (its ``repr``: one text per key, cheap to make)."""
     tool, action, outcome, alias_hit = key
-    if not (isinstance(tool, str) and isinstance(outcome, str) and isinstance(alias_hit, bool)
-            and (action is None or isinstance(action, str))):
+    if not (type(tool) is str and type(outcome) is str and type(alias_hit) is bool
+            and (action is None or type(action) is str)):
         return None  # not storable; the key stays in this process's memory only
-    return json.dumps([tool, action, outcome, alias_hit], ensure_ascii=False, separators=(",", ":"))
+    return repr(key)
+
+
+def document_prefix(tool: str, action: str | None, outcome: str, alias_hit: bool) -> str:
+    """The unchanging head of a usage document row, laid out as the tracker's flush lays it out."""
+    dump = json.dumps
+    return (f'{{"tool":{dump(tool)},"action":{dump(action)},"outcome":{dump(outcome)},'
+            f'"alias_hit":{"true" if alias_hit else "false"},')
+
+
+def document_row(prefix: str, calls: int, timed_calls: int, total_ms: float) -> str:
+    return f'{prefix}"calls":{calls},"timed_calls":{timed_calls},"total_ms":{round(total_ms, 3)!r}}}'
 
 
 def health_params(pid: str, version: int, name: str, c: ToolChange) -> tuple[Any, ...]:
@@ -374,12 +386,6 @@ SQLITE_TABLES = (
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
 
-SQLITE_DOCUMENT = """INSERT OR REPLACE INTO schema_info (key, value)
-SELECT 'tool_usage', coalesce((SELECT json_group_array(json_object(
-    'tool', tool, 'action', action, 'outcome', outcome, 'alias_hit', json(CASE WHEN alias_hit THEN 'true' ELSE 'false' END),
-    'calls', calls, 'timed_calls', timed_calls, 'total_ms', round(total_ms, 3)))
-  FROM (SELECT * FROM sv_usage ORDER BY rowid)), '[]')"""
-
 WRITE_HEALTH = """INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
 VALUES (?, ?, ?, ?, ?, ?)
 ON CONFLICT(tool_name) DO UPDATE SET call_count = excluded.call_count, error_count = excluded.error_count,
@@ -409,6 +415,11 @@ class SqliteStore:
         self.description = f"SQLite file {path}"
         self.busy_timeout_s = busy_timeout_s
         self._conn: sqlite3.Connection | None = None
+        # The usage document as of _doc_version, one laid-out row per usage key in the table's order:
+        # a sync lays out again only the rows that changed instead of the whole document.
+        self._prefix: dict[str, str] = {}
+        self._doc: dict[str, str] = {}
+        self._doc_version = 0
 
     def _connect(self) -> sqlite3.Connection:
         conn = sqlite3.connect(self.path, timeout=self.busy_timeout_s, isolation_level=None, check_same_thread=False)
@@ -474,21 +485,35 @@ class SqliteStore:
             tools = [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5]), int(r[6])) for r in conn.execute(
                 "SELECT tool, call_count, error_count, last_error, disabled_at, updated_at, version "
                 "FROM sv_health WHERE version > ?", (seen,))]
-            usage = [((r[0], r[1], r[2], bool(r[3])), int(r[4]), int(r[5]), float(r[6])) for r in conn.execute(
-                "SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage WHERE version > ?",
-                (seen,))]
+            # The usage rows changed since the handle's last sync, and since the cached document's version
+            # (the same unless an exchange failed after the cache was taken).
+            prefixes, fresh = self._prefix, {}
+            usage: list[tuple[UsageKey, int, int, float]] = []
+            for r in conn.execute("SELECT ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version "
+                                  "FROM sv_usage WHERE version > ? ORDER BY rowid", (min(seen, self._doc_version),)):
+                ukey, key, counts = r[0], (r[1], r[2], r[3], bool(r[4])), (int(r[5]), int(r[6]), float(r[7]))
+                prefix = prefixes.get(ukey)
+                if prefix is None:
+                    prefix = prefixes[ukey] = document_prefix(*key)
+                fresh[ukey] = document_row(prefix, *counts)
+                if r[8] > seen:
+                    usage.append((key, *counts))
+            doc = self._doc.copy()
+            doc.update(fresh)  # new keys go to the end, in the table's order
             if written:
                 conn.executemany(WRITE_HEALTH, [
                     (name, calls, errors, err, health._sqlite_time(dis), health._sqlite_time(upd))
                     for name, calls, errors, err, dis, upd, v in tools if v == version])
                 if combined.usage:
-                    conn.execute(SQLITE_DOCUMENT)
+                    conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                                 (health.TOOL_USAGE_KEY, "[" + ",".join(doc.values()) + "]"))
             for batch in batches:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
         except BaseException:
             self._abandon()
             raise
+        self._doc, self._doc_version = doc, version
         return Pulled(version, [t[:6] for t in tools], usage)
 
     def _abandon(self) -> None:
@@ -770,12 +795,13 @@ class SharedHealth:
             changes[name] = change
             self._acc_tools[name] = cur
         counts: dict[UsageKey, list[float]] = {}
-        for key, ucur in usage.items():
-            uacc = self._acc_usage.get(key, _ZERO_USAGE)
-            if ucur == uacc or usage_key_text(key) is None:
-                continue
-            counts[key] = [max(ucur[0] - uacc[0], 0), max(ucur[1] - uacc[1], 0), ucur[2] - uacc[2]]
-            self._acc_usage[key] = ucur
+        accounted = self._acc_usage
+        get = accounted.get
+        for key in [key for key, ucur in usage.items() if get(key) != ucur]:
+            ucur, uacc = usage[key], get(key, _ZERO_USAGE)
+            if ucur != uacc and usage_key_text(key) is not None:
+                counts[key] = [max(ucur[0] - uacc[0], 0), max(ucur[1] - uacc[1], 0), ucur[2] - uacc[2]]
+                accounted[key] = ucur
         return changes, counts
 
     def _sync(self) -> int:
