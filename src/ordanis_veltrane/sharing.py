@@ -733,7 +733,10 @@ class SharedHealth:
         self.seen = 0
         self.synced_calls = 0  # call_count increments the store has acknowledged from this process
         self.synced_usage_calls = 0  # and usage calls
-        self.on_synced: Callable[[SharedHealth], None] | None = None  # after each acknowledged exchange
+        # Hooks for audits (the soak test's logs): before each exchange, with the batches about to be
+        # sent (``pending``), and after each acknowledged one.
+        self.before_exchange: Callable[[SharedHealth], None] | None = None
+        self.on_synced: Callable[[SharedHealth], None] | None = None
         self._sync_lock = threading.Lock()
         self._outage_since: float | None = None
         self._closed = False
@@ -815,6 +818,8 @@ class SharedHealth:
                 self.pending.append(last)
             last.absorb(changes, counts)
         try:
+            if self.before_exchange is not None and self.pending:
+                self.before_exchange(self)
             pulled = self.store.exchange(self.process_id, self.pending, self.seen)
         except Exception as exc:
             self._failed(exc, dirty)
