@@ -299,6 +299,33 @@ def test_a_file_kept_by_a_plain_tracker_seeds_the_shared_history(tmp_path: Path,
     assert rows["a"][0] == 5 and usage_calls(document, "a") == 5
 
 
+def test_a_plain_tracker_reads_the_shared_mirror_as_its_own(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """The rows and the usage document are laid out byte for byte as a plain flush lays them out."""
+    monkeypatch.setattr(health, "TOOLS", make_registry({"search": ("text", "symbol"), "\u00e9t\u00e9 \"x\"": ()}))
+    path = str(tmp_path / "shared.db")
+    a, b = sharing.open_health(path, LIMITS), sharing.open_health(path, LIMITS)
+    for handle, ms in ((a, 1.23456), (b, 1500.0)):
+        handle.tracker.record_call("search", "symbol", "ok", alias_hit=True, duration_ms=ms)
+        handle.tracker.record_call("\u00e9t\u00e9 \"x\"", None, "error", alias_hit=False, duration_ms=None)
+        handle.tracker.record_error("\u00e9t\u00e9 \"x\"", "bad \u00e9")
+        handle.tracker.record_call("search", "text", "ok", alias_hit=False, duration_ms=0.0)
+        handle.sync()
+    a.close()
+    b.close()
+    rows, shared_document = stored(path)
+    repo = Repository(path)
+    plain = health.ToolHealthTracker(repo, LIMITS)
+    assert plain._usage[("search", "symbol", "ok", True)] == health._Usage(2, 2, 1501.235)
+    assert plain._state["\u00e9t\u00e9 \"x\""].error_count == 2
+    written = repo.db.fetchone("SELECT value FROM schema_info WHERE key = ?", ["tool_usage"])
+    plain._usage_dirty = True
+    plain._dirty.update(plain._state)
+    plain.flush()
+    assert repo.db.fetchone("SELECT value FROM schema_info WHERE key = ?", ["tool_usage"]) == written
+    assert stored(path)[0] == rows
+    repo.close()
+
+
 def test_a_tool_unknown_to_one_process_keeps_its_shared_history(target: str, monkeypatch: pytest.MonkeyPatch,
                                                                  open_handle: Callable[..., sharing.SharedHealth]
                                                                  ) -> None:
