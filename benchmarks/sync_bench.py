@@ -135,7 +135,7 @@ threading.Thread(target=syncing, daemon=True).start()
 print("ready", flush=True)
 state = False
 while True:
-    now = handle.tracker.is_disabled("flaky")[0]
+    now = handle.tracker.is_disabled("run_tests")[0]
     if now != state:
         state = now
         print(f"{int(now)} {time.time()!r}", flush=True)
@@ -148,7 +148,7 @@ def bench_propagation(target: str, period: float, changes: int, env: dict[str, s
 
     health.TOOLS = default_registry
     handle = sharing.open_health(target, ToolsConfig(disable_after_errors=3, disable_cooldown_s=3600))
-    handle.tracker.record_success("flaky")  # the tool exists, enabled, everywhere
+    handle.tracker.record_success("run_tests")  # the tool exists, enabled, everywhere
     handle.sync()
     watchers = [subprocess.Popen([sys.executable, "-c", WATCHER, target, str(period)], env=env,
                                  stdout=subprocess.PIPE, text=True) for _ in range(7)]
@@ -179,9 +179,9 @@ def bench_propagation(target: str, period: float, changes: int, env: dict[str, s
             want = 1 if n % 2 == 0 else 0
             if want:
                 for _ in range(3):
-                    handle.tracker.record_error("flaky", "backend down")
+                    handle.tracker.record_error("run_tests", "backend down")
             else:
-                handle.tracker.record_success("flaky")
+                handle.tracker.record_success("run_tests")
             changed_at = time.time()
             seen: set[int] = set()
             while len(seen) < len(watchers):
