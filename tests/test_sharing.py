@@ -376,3 +376,17 @@ def test_the_example_server_refuses_a_bad_db_before_it_starts(bad: str, capsys: 
     with pytest.raises(SystemExit):
         mcp_server.main(["--db", bad])
     assert "argument --db:" in capsys.readouterr().err
+
+
+def test_changes_whose_marks_were_cleared_are_sent_by_a_later_full_scan(
+        open_handle: Callable[..., sharing.SharedHealth], target: str, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(sharing, "FULL_SCAN_EVERY", 3)
+    handle = open_handle()  # its first sync copies every record
+    call(handle.tracker)
+    handle.tracker.flush()  # a stray flush clears the marks the sync relies on
+    handle.sync()
+    handle.sync()
+    assert "a" not in stored(target)[0]
+    handle.sync()
+    rows, document = stored(target)
+    assert rows["a"][0] == 1 and usage_calls(document, "a") == 1

@@ -63,6 +63,7 @@ _ZERO_TOOL: ToolSnap = (0, 0, None, None, 0.0)
 _ZERO_USAGE: UsageSnap = (0, 0, 0.0)
 _NO_STAMP = -1e308  # the order key of a register nobody has written
 SQLITE_BUSY_TIMEOUT_S = 2.0
+FULL_SCAN_EVERY = 64  # syncs between two copies of every record, whatever the change marks say
 PG_CONNECT_TIMEOUT_S = 3
 
 
@@ -737,6 +738,7 @@ class SharedHealth:
         # sent (``pending``), and after each acknowledged one.
         self.before_exchange: Callable[[SharedHealth], None] | None = None
         self.on_synced: Callable[[SharedHealth], None] | None = None
+        self._syncs = 0
         self._sync_lock = threading.Lock()
         self._outage_since: float | None = None
         self._closed = False
@@ -767,14 +769,21 @@ class SharedHealth:
                 self.store.close()
                 self._private.close()
 
-    def _snapshot(self) -> tuple[dict[str, ToolSnap], dict[UsageKey, UsageSnap], set[str]]:
+    def _snapshot(self) -> tuple[dict[str, ToolSnap], dict[UsageKey, UsageSnap] | None, set[str]]:
+        """Copies, under the lock, the records the change marks name (every record now and then, in case
+        something else cleared a mark) and the usage counts when any changed; clears the marks. A record
+        left out equals what the store last gave this process, so its increments are nil."""
+        full = self._syncs % FULL_SCAN_EVERY == 0
+        self._syncs += 1
         t = self.tracker
         t._lock.acquire()
         try:
-            tools = {name: (r.call_count, r.error_count, r.last_error, r.disabled_at, r.updated_at)
-                     for name, r in t._state.items()}
-            usage = {key: (u.calls, u.timed_calls, u.total_ms) for key, u in t._usage.items()}
+            state = t._state
             dirty = set(t._dirty)
+            tools = {name: (r.call_count, r.error_count, r.last_error, r.disabled_at, r.updated_at)
+                     for name, r in (state.items() if full else ((n, state[n]) for n in dirty if n in state))}
+            usage = ({key: (u.calls, u.timed_calls, u.total_ms) for key, u in t._usage.items()}
+                     if full or t._usage_dirty else None)
             t._dirty.clear()
             t._usage_dirty = False
         finally:
@@ -782,7 +791,7 @@ class SharedHealth:
         return tools, usage, dirty
 
     def _increments(
-        self, tools: dict[str, ToolSnap], usage: dict[UsageKey, UsageSnap]
+        self, tools: dict[str, ToolSnap], usage: dict[UsageKey, UsageSnap] | None
     ) -> tuple[dict[str, ToolChange], dict[UsageKey, list[float]]]:
         changes: dict[str, ToolChange] = {}
         for name, cur in tools.items():
@@ -798,6 +807,8 @@ class SharedHealth:
             changes[name] = change
             self._acc_tools[name] = cur
         counts: dict[UsageKey, list[float]] = {}
+        if usage is None:
+            return changes, counts
         accounted = self._acc_usage
         get = accounted.get
         for key in [key for key, ucur in usage.items() if get(key) != ucur]:
@@ -855,20 +866,28 @@ class SharedHealth:
         else:
             logger.debug("The %s is still unreachable: %s", self.store.description, exc)
 
-    def _take_in(self, pulled: Pulled, tools: dict[str, ToolSnap], usage: dict[UsageKey, UsageSnap]) -> None:
+    def _take_in(
+        self, pulled: Pulled, tools: dict[str, ToolSnap], usage: dict[UsageKey, UsageSnap] | None
+    ) -> None:
         """Moves every count in memory by (merged - snapshot) and takes the merged health, except
-        where this process changed it after the snapshot; inserts what the registry knows."""
+        where this process changed it after the snapshot; inserts what the registry knows. A record
+        the snapshot left out stood at what the store last gave (its accounted value)."""
         self.seen = max(self.seen, pulled.version)
-        registry = health.TOOLS
-        new_tools = {row[0] for row in pulled.tools if row[0] not in tools and registry.get(row[0]) is not None}
-        new_keys = {row[0] for row in pulled.usage if row[0] not in usage and health._known(row[0][0], row[0][1])}
+        registry, acc_tools, acc_usage = health.TOOLS, self._acc_tools, self._acc_usage
+        new_tools = {row[0] for row in pulled.tools
+                     if row[0] not in tools and row[0] not in acc_tools and registry.get(row[0]) is not None}
+        new_keys = {row[0] for row in pulled.usage
+                    if (usage is None or row[0] not in usage) and row[0] not in acc_usage
+                    and health._known(row[0][0], row[0][1])}
+        if usage is None:
+            usage = acc_usage
         t = self.tracker
         t._lock.acquire()
         try:
             state = t._state
             for name, calls, errors, last_error, disabled_at, updated_at in pulled.tools:
                 merged: ToolSnap = (calls, errors, last_error, disabled_at, updated_at)
-                base = tools.get(name)
+                base = tools.get(name) or acc_tools.get(name)
                 rec = state.get(name)
                 if rec is None:
                     if name in new_tools:
@@ -892,7 +911,7 @@ class SharedHealth:
             usage_map = t._usage
             for key, ucalls, timed, total in pulled.usage:
                 umerged: UsageSnap = (ucalls, timed, total)
-                ubase = usage.get(key)
+                ubase = usage.get(key) or acc_usage.get(key)
                 u = usage_map.get(key)
                 if u is None:
                     if key in new_keys:
