@@ -29,8 +29,10 @@ waiting for the next sync, logged once per outage.
 """
 from __future__ import annotations
 
+import functools
 import json
 import logging
+import operator
 import os
 import socket
 import sqlite3
@@ -59,6 +61,9 @@ UsageKey = tuple[str, Union[str, None], str, bool]
 ToolSnap = tuple[int, int, Any, Union[float, None], float]
 UsageSnap = tuple[int, int, float]
 
+_TOOL_FIELDS: Callable[[Any], ToolSnap] = operator.attrgetter(
+    "call_count", "error_count", "last_error", "disabled_at", "updated_at")
+_USAGE_FIELDS: Callable[[Any], UsageSnap] = operator.attrgetter("calls", "timed_calls", "total_ms")
 _ZERO_TOOL: ToolSnap = (0, 0, None, None, 0.0)
 _ZERO_USAGE: UsageSnap = (0, 0, 0.0)
 _NO_STAMP = -1e308  # the order key of a register nobody has written
@@ -271,6 +276,7 @@ class Pulled:
     usage: list[tuple[UsageKey, int, int, float]]
 
 
+@functools.lru_cache(maxsize=1 << 16)
 def usage_key_text(key: UsageKey) -> str | None:
     """The store's primary key of a usage key (its ``repr``: one text per key, cheap to make)."""
     tool, action, outcome, alias_hit = key
@@ -339,6 +345,7 @@ ON CONFLICT (ukey) DO UPDATE SET
 calls = sv_usage.calls + excluded.calls,
 timed_calls = sv_usage.timed_calls + excluded.timed_calls,
 total_ms = sv_usage.total_ms + excluded.total_ms,
+prior_version = sv_usage.version,
 version = excluded.version"""
 
 
@@ -368,6 +375,56 @@ def _parse_usage_document(text: Any) -> list[tuple[UsageKey, int, int, float]]:
     return rows
 
 
+class UsageMirror:
+    """The store's whole usage table as of ``version``, kept by the store object between exchanges:
+    the counts and the laid-out document row of every usage key, in the table's order. An exchange
+    reads back only the rows another process changed, computes the rows only this process changed
+    (mirror + increments: nobody else touched them since), and lays out again only what changed."""
+
+    PULL = ("SELECT ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version FROM sv_usage "
+            "WHERE version > {p} AND (version <> {p} OR prior_version > {p}) ORDER BY {order}")
+
+    def __init__(self) -> None:
+        self.version = 0
+        self.counts: dict[str, tuple[int, int, float]] = {}
+        self.prefix: dict[str, str] = {}
+        self.rows: dict[str, str] = {}
+
+    def merge(
+        self, pulled: Sequence[Sequence[Any]], written: Combined, seen: int
+    ) -> tuple[list[tuple[UsageKey, int, int, float]], dict[str, tuple[int, int, float]], dict[str, str]]:
+        """From the rows read back (``PULL``) and the increments this exchange applied: the rows the
+        handle must take in (changed by others since ``seen``), and the new counts and layout."""
+        fresh: dict[str, tuple[UsageKey, tuple[int, int, float]]] = {}
+        usage: list[tuple[UsageKey, int, int, float]] = []
+        for r in pulled:
+            key: UsageKey = (r[1], r[2], r[3], bool(r[4]))
+            values = (int(r[5]), int(r[6]), float(r[7]))
+            fresh[r[0]] = (key, values)
+            if r[8] > seen:
+                usage.append((key, *values))
+        for key, (calls, timed, total) in written.usage.items():
+            ukey = usage_key_text(key)
+            if ukey is None or ukey in fresh:
+                continue
+            old = self.counts.get(ukey, _ZERO_USAGE)
+            fresh[ukey] = (key, (old[0] + int(calls), old[1] + int(timed), old[2] + float(total)))
+        counts, rows, prefixes = self.counts.copy(), self.rows.copy(), self.prefix
+        for ukey, (key, new) in fresh.items():  # new keys go to the end, in the table's order
+            prefix = prefixes.get(ukey)
+            if prefix is None:
+                prefix = prefixes[ukey] = document_prefix(*key)
+            counts[ukey] = new
+            rows[ukey] = document_row(prefix, *new)
+        return usage, counts, rows
+
+    def document(self, rows: dict[str, str]) -> str:
+        return "[" + ",".join(rows.values()) + "]"
+
+    def commit(self, version: int, counts: dict[str, tuple[int, int, float]], rows: dict[str, str]) -> None:
+        self.version, self.counts, self.rows = version, counts, rows
+
+
 # ---------------------------------------------------------------- SQLite
 
 
@@ -383,7 +440,8 @@ SQLITE_TABLES = (
     """CREATE INDEX IF NOT EXISTS sv_health_version ON sv_health (version)""",
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit INTEGER NOT NULL,
-        calls INTEGER NOT NULL, timed_calls INTEGER NOT NULL, total_ms REAL NOT NULL, version INTEGER NOT NULL)""",
+        calls INTEGER NOT NULL, timed_calls INTEGER NOT NULL, total_ms REAL NOT NULL, version INTEGER NOT NULL,
+        prior_version INTEGER NOT NULL DEFAULT 0)""",
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
 
@@ -416,11 +474,7 @@ class SqliteStore:
         self.description = f"SQLite file {path}"
         self.busy_timeout_s = busy_timeout_s
         self._conn: sqlite3.Connection | None = None
-        # The usage document as of _doc_version, one laid-out row per usage key in the table's order:
-        # a sync lays out again only the rows that changed instead of the whole document.
-        self._prefix: dict[str, str] = {}
-        self._doc: dict[str, str] = {}
-        self._doc_version = 0
+        self._mirror = UsageMirror()
 
     def _connect(self) -> sqlite3.Connection:
         conn = sqlite3.connect(self.path, timeout=self.busy_timeout_s, isolation_level=None, check_same_thread=False)
@@ -486,35 +540,25 @@ class SqliteStore:
             tools = [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5]), int(r[6])) for r in conn.execute(
                 "SELECT tool, call_count, error_count, last_error, disabled_at, updated_at, version "
                 "FROM sv_health WHERE version > ?", (seen,))]
-            # The usage rows changed since the handle's last sync, and since the cached document's version
-            # (the same unless an exchange failed after the cache was taken).
-            prefixes, fresh = self._prefix, {}
-            usage: list[tuple[UsageKey, int, int, float]] = []
-            for r in conn.execute("SELECT ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version "
-                                  "FROM sv_usage WHERE version > ? ORDER BY rowid", (min(seen, self._doc_version),)):
-                ukey, key, counts = r[0], (r[1], r[2], r[3], bool(r[4])), (int(r[5]), int(r[6]), float(r[7]))
-                prefix = prefixes.get(ukey)
-                if prefix is None:
-                    prefix = prefixes[ukey] = document_prefix(*key)
-                fresh[ukey] = document_row(prefix, *counts)
-                if r[8] > seen:
-                    usage.append((key, *counts))
-            doc = self._doc.copy()
-            doc.update(fresh)  # new keys go to the end, in the table's order
+            mirror = self._mirror
+            since = min(seen, mirror.version)
+            pulled = conn.execute(UsageMirror.PULL.format(p="?", order="rowid"),
+                                  (since, version if written else -1, since)).fetchall()
+            usage, counts, rows = mirror.merge(pulled, combined if written else Combined(0, {}, {}), seen)
             if written:
                 conn.executemany(WRITE_HEALTH, [
                     (name, calls, errors, err, health._sqlite_time(dis), health._sqlite_time(upd))
                     for name, calls, errors, err, dis, upd, v in tools if v == version])
                 if combined.usage:
                     conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
-                                 (health.TOOL_USAGE_KEY, "[" + ",".join(doc.values()) + "]"))
+                                 (health.TOOL_USAGE_KEY, mirror.document(rows)))
             for batch in batches:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
         except BaseException:
             self._abandon()
             raise
-        self._doc, self._doc_version = doc, version
+        mirror.commit(version, counts, rows)
         return Pulled(version, [t[:6] for t in tools], usage)
 
     def _abandon(self) -> None:
@@ -550,7 +594,7 @@ PG_TABLES = (
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit BOOLEAN NOT NULL,
         calls BIGINT NOT NULL, timed_calls BIGINT NOT NULL, total_ms DOUBLE PRECISION NOT NULL,
-        version BIGINT NOT NULL, ord BIGINT GENERATED BY DEFAULT AS IDENTITY)""",
+        version BIGINT NOT NULL, prior_version BIGINT NOT NULL DEFAULT 0, ord BIGINT GENERATED BY DEFAULT AS IDENTITY)""",
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
 
@@ -780,10 +824,14 @@ class SharedHealth:
         try:
             state = t._state
             dirty = set(t._dirty)
-            tools = {name: (r.call_count, r.error_count, r.last_error, r.disabled_at, r.updated_at)
-                     for name, r in (state.items() if full else ((n, state[n]) for n in dirty if n in state))}
-            usage = ({key: (u.calls, u.timed_calls, u.total_ms) for key, u in t._usage.items()}
-                     if full or t._usage_dirty else None)
+            # attrgetter and zip keep the copying loops in C: the lock is held for as short as can be.
+            if full:
+                tools: dict[str, ToolSnap] = dict(zip(state.keys(), map(_TOOL_FIELDS, state.values())))
+            else:
+                tools = {name: _TOOL_FIELDS(state[name]) for name in dirty if name in state}
+            usage: dict[UsageKey, UsageSnap] | None = None
+            if full or t._usage_dirty:
+                usage = dict(zip(t._usage.keys(), map(_USAGE_FIELDS, t._usage.values())))
             t._dirty.clear()
             t._usage_dirty = False
         finally:
@@ -813,7 +861,7 @@ class SharedHealth:
         get = accounted.get
         for key in [key for key, ucur in usage.items() if get(key) != ucur]:
             ucur, uacc = usage[key], get(key, _ZERO_USAGE)
-            if ucur != uacc and usage_key_text(key) is not None:
+            if usage_key_text(key) is not None:
                 counts[key] = [max(ucur[0] - uacc[0], 0), max(ucur[1] - uacc[1], 0), ucur[2] - uacc[2]]
                 accounted[key] = ucur
         return changes, counts
