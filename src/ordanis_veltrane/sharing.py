@@ -345,7 +345,6 @@ ON CONFLICT (ukey) DO UPDATE SET
 calls = sv_usage.calls + excluded.calls,
 timed_calls = sv_usage.timed_calls + excluded.timed_calls,
 total_ms = sv_usage.total_ms + excluded.total_ms,
-prior_version = sv_usage.version,
 version = excluded.version"""
 
 
@@ -377,12 +376,13 @@ def _parse_usage_document(text: Any) -> list[tuple[UsageKey, int, int, float]]:
 
 class UsageMirror:
     """The store's whole usage table as of ``version``, kept by the store object between exchanges:
-    the counts and the laid-out document row of every usage key, in the table's order. An exchange
-    reads back only the rows another process changed, computes the rows only this process changed
-    (mirror + increments: nobody else touched them since), and lays out again only what changed."""
+    the counts and the laid-out document row of every usage key, in the table's order. Holding the
+    store's write lock, an exchange reads the rows that changed since (``PULL``: other processes'
+    work), adds its own increments, and lays out again only the rows that changed: the document is
+    written without reading the whole table."""
 
     PULL = ("SELECT ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version FROM sv_usage "
-            "WHERE version > {p} AND (version <> {p} OR prior_version > {p}) ORDER BY {order}")
+            "WHERE version > {p} ORDER BY {order}")
 
     def __init__(self) -> None:
         self.version = 0
@@ -393,19 +393,22 @@ class UsageMirror:
     def merge(
         self, pulled: Sequence[Sequence[Any]], written: Combined, seen: int
     ) -> tuple[list[tuple[UsageKey, int, int, float]], dict[str, tuple[int, int, float]], dict[str, str]]:
-        """From the rows read back (``PULL``) and the increments this exchange applied: the rows the
-        handle must take in (changed by others since ``seen``), and the new counts and layout."""
+        """From the rows read before this exchange's writes and its increments: the merged rows the
+        handle must take in (those changed by others since ``seen``), and the new counts and layout."""
         fresh: dict[str, tuple[UsageKey, tuple[int, int, float]]] = {}
         usage: list[tuple[UsageKey, int, int, float]] = []
+        increments = {usage_key_text(key): (key, counts) for key, counts in written.usage.items()}
         for r in pulled:
             key: UsageKey = (r[1], r[2], r[3], bool(r[4]))
             values = (int(r[5]), int(r[6]), float(r[7]))
+            mine = increments.pop(r[0], None)
+            if mine is not None:
+                values = (values[0] + int(mine[1][0]), values[1] + int(mine[1][1]), values[2] + float(mine[1][2]))
             fresh[r[0]] = (key, values)
             if r[8] > seen:
                 usage.append((key, *values))
-        for key, (calls, timed, total) in written.usage.items():
-            ukey = usage_key_text(key)
-            if ukey is None or ukey in fresh:
+        for ukey, (key, (calls, timed, total)) in increments.items():  # rows only this process changed
+            if ukey is None:
                 continue
             old = self.counts.get(ukey, _ZERO_USAGE)
             fresh[ukey] = (key, (old[0] + int(calls), old[1] + int(timed), old[2] + float(total)))
@@ -440,8 +443,7 @@ SQLITE_TABLES = (
     """CREATE INDEX IF NOT EXISTS sv_health_version ON sv_health (version)""",
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit INTEGER NOT NULL,
-        calls INTEGER NOT NULL, timed_calls INTEGER NOT NULL, total_ms REAL NOT NULL, version INTEGER NOT NULL,
-        prior_version INTEGER NOT NULL DEFAULT 0)""",
+        calls INTEGER NOT NULL, timed_calls INTEGER NOT NULL, total_ms REAL NOT NULL, version INTEGER NOT NULL)""",
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
 
@@ -521,13 +523,16 @@ class SqliteStore:
         try:
             conn.execute("BEGIN IMMEDIATE" if batches else "BEGIN")
             version = int(conn.execute("SELECT version FROM sv_meta WHERE id = 1").fetchone()[0])
-            written = False
+            mirror = self._mirror
+            since = min(seen, mirror.version)
+            # Read under the write lock, before this exchange's own writes: only other processes' work.
+            pulled = conn.execute(UsageMirror.PULL.format(p="?", order="rowid"), (since,)).fetchall()
+            combined = Combined(0, {}, {})
             if batches:
                 row = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = ?", (pid,)).fetchone()
                 now = time.time()
                 combined = combine(batches, int(row[0]) if row else 0, now)
                 if combined.tools or combined.usage:
-                    written = True
                     version += 1
                     conn.execute("UPDATE sv_meta SET version = ? WHERE id = 1", (version,))
                     conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
@@ -540,18 +545,14 @@ class SqliteStore:
             tools = [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5]), int(r[6])) for r in conn.execute(
                 "SELECT tool, call_count, error_count, last_error, disabled_at, updated_at, version "
                 "FROM sv_health WHERE version > ?", (seen,))]
-            mirror = self._mirror
-            since = min(seen, mirror.version)
-            pulled = conn.execute(UsageMirror.PULL.format(p="?", order="rowid"),
-                                  (since, version if written else -1, since)).fetchall()
-            usage, counts, rows = mirror.merge(pulled, combined if written else Combined(0, {}, {}), seen)
-            if written:
+            usage, counts, rows = mirror.merge(pulled, combined, seen)
+            if combined.tools:
                 conn.executemany(WRITE_HEALTH, [
                     (name, calls, errors, err, health._sqlite_time(dis), health._sqlite_time(upd))
                     for name, calls, errors, err, dis, upd, v in tools if v == version])
-                if combined.usage:
-                    conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
-                                 (health.TOOL_USAGE_KEY, mirror.document(rows)))
+            if combined.usage:
+                conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                             (health.TOOL_USAGE_KEY, mirror.document(rows)))
             for batch in batches:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
@@ -594,7 +595,7 @@ PG_TABLES = (
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit BOOLEAN NOT NULL,
         calls BIGINT NOT NULL, timed_calls BIGINT NOT NULL, total_ms DOUBLE PRECISION NOT NULL,
-        version BIGINT NOT NULL, prior_version BIGINT NOT NULL DEFAULT 0, ord BIGINT GENERATED BY DEFAULT AS IDENTITY)""",
+        version BIGINT NOT NULL, ord BIGINT GENERATED BY DEFAULT AS IDENTITY)""",
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
 
@@ -611,15 +612,8 @@ SELECT tool, call_count, error_count, last_error, {_PG_TIME.format("disabled_at"
 FROM sv_health WHERE version = %s
 ON CONFLICT (tool_name) DO UPDATE SET call_count = excluded.call_count, error_count = excluded.error_count,
 last_error = excluded.last_error, disabled_at = excluded.disabled_at, updated_at = excluded.updated_at"""
-PG_DOCUMENT = """INSERT INTO schema_info (key, value)
-SELECT 'tool_usage', coalesce(json_agg(json_build_object('tool', tool, 'action', action, 'outcome', outcome,
-    'alias_hit', alias_hit, 'calls', calls, 'timed_calls', timed_calls, 'total_ms', round(total_ms::numeric, 3))
-    ORDER BY ord), '[]')::text FROM sv_usage
-ON CONFLICT (key) DO UPDATE SET value = excluded.value"""
 PG_PULL_HEALTH = ("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
                   "WHERE version > %s")
-PG_PULL_USAGE = ("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
-                 "WHERE version > %s")
 
 
 def _columns(rows: Sequence[Sequence[Any]], width: int) -> list[list[Any]]:
@@ -630,10 +624,11 @@ class PostgresStore:
     """Processes on many machines share a PostgreSQL database (psycopg 3, the ``postgres`` extra).
 
     A sync with changes takes two round trips: the first locks the store's version counter (so
-    that versions follow commit order) and reads the process's last applied sequence and the
-    server's clock; the second, one pipeline, merges every row through arrays, advances the
-    ledger, rewrites the mirror rows and the usage document, reads back what changed and commits.
-    A sync without changes is one round trip.
+    that versions follow commit order) and reads the process's last applied sequence, the
+    server's clock and the usage rows other processes changed; the second, one pipeline, merges
+    every row through arrays, advances the ledger, rewrites the changed ``tool_health`` rows and
+    the usage document, reads back the changed health rows and commits. A sync without changes
+    is one round trip.
     """
 
     def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S) -> None:
@@ -648,6 +643,7 @@ class PostgresStore:
         self.description = f"PostgreSQL {parts.hostname or ''}:{parts.port or 5432}{parts.path}"
         self.connect_timeout_s = connect_timeout_s
         self._conn: psycopg.Connection[tuple[Any, ...]] | None = None
+        self._mirror = UsageMirror()
         self.round_trips = 0  # counted by the code that waits for the server: for the benchmark
 
     def _connect(self) -> psycopg.Connection[tuple[Any, ...]]:
@@ -686,57 +682,69 @@ class PostgresStore:
             self._conn = self._connect()
         conn = self._conn
         try:
+            mirror = self._mirror
+            since = min(seen, mirror.version)
+            pull_usage = UsageMirror.PULL.format(p="%s", order="ord")
             if not batches:
                 with conn.pipeline():
                     conn.execute("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY")
                     v = conn.execute("SELECT version FROM sv_meta WHERE id = 1")
                     h = conn.execute(PG_PULL_HEALTH, (seen,))
-                    u = conn.execute(PG_PULL_USAGE, (seen,))
+                    u = conn.execute(pull_usage, (since,))
                     conn.execute("COMMIT")
                 self.round_trips += 1
                 row = v.fetchone()
-                return self._pulled(int(row[0]) if row else seen, h.fetchall(), u.fetchall())
+                version = int(row[0]) if row else seen
+                usage, counts, rows = mirror.merge(u.fetchall(), Combined(0, {}, {}), seen)
+                mirror.commit(version, counts, rows)
+                return Pulled(version, self._health_rows(h.fetchall()), usage)
+            # Round trip 1: the version counter's row lock makes this the only writer until it commits
+            # (so versions follow commit order); the ledger, the server's clock, and the usage rows
+            # other processes changed since this one's mirror.
             with conn.pipeline():
                 conn.execute("BEGIN")
                 m = conn.execute("UPDATE sv_meta SET version = version + 1 WHERE id = 1 "
                                  "RETURNING version, extract(epoch FROM clock_timestamp())::float8")
                 p = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = %s", (pid,))
+                u = conn.execute(pull_usage, (since,))
             self.round_trips += 1
             meta, led = m.fetchone(), p.fetchone()
             assert meta is not None
             version, now = int(meta[0]), float(meta[1])
             combined = combine(batches, int(led[0]) if led else 0, now)
+            usage, counts, rows = mirror.merge(u.fetchall(), combined, seen)
+            # Round trip 2: every write, through arrays whatever the number of rows, and the commit.
             with conn.pipeline():
                 if combined.tools:
                     conn.execute(PG_MERGE_HEALTH, _columns(
                         [health_params(pid, version, n, c) for n, c in combined.tools.items()], 13))
-                usage = usage_params(version, combined)
-                if usage:
-                    conn.execute(PG_MERGE_USAGE, _columns(usage, 9))
+                params = usage_params(version, combined)
+                if params:
+                    conn.execute(PG_MERGE_USAGE, _columns(params, 9))
                 conn.execute("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) "
                              "VALUES (%s, %s, %s, %s) ON CONFLICT (process_id) DO UPDATE SET "
                              "last_seq = excluded.last_seq, synced_at = excluded.synced_at",
                              (pid, combined.last_seq, now, now))
                 if combined.tools:
                     conn.execute(PG_MIRROR, (version,))
-                if usage:
-                    conn.execute(PG_DOCUMENT)
+                if combined.usage:
+                    conn.execute("INSERT INTO schema_info (key, value) VALUES (%s, %s) "
+                                 "ON CONFLICT (key) DO UPDATE SET value = excluded.value",
+                                 (health.TOOL_USAGE_KEY, mirror.document(rows)))
                 h = conn.execute(PG_PULL_HEALTH, (seen,))
-                u = conn.execute(PG_PULL_USAGE, (seen,))
                 for batch in batches:
                     batch.maybe_applied = True
                 conn.execute("COMMIT")
             self.round_trips += 1
-            return self._pulled(version, h.fetchall(), u.fetchall())
+            mirror.commit(version, counts, rows)
+            return Pulled(version, self._health_rows(h.fetchall()), usage)
         except BaseException:
             self._abandon()
             raise
 
     @staticmethod
-    def _pulled(version: int, tools: list[tuple[Any, ...]], usage: list[tuple[Any, ...]]) -> Pulled:
-        return Pulled(version,
-                      [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5])) for r in tools],
-                      [((r[0], r[1], r[2], bool(r[3])), int(r[4]), int(r[5]), float(r[6])) for r in usage])
+    def _health_rows(rows: list[tuple[Any, ...]]) -> list[tuple[str, int, int, Any, float | None, float]]:
+        return [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5])) for r in rows]
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
