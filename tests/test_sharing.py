@@ -359,6 +359,18 @@ def test_a_bad_target_fails_clearly_and_creates_nothing(tmp_path: Path, bad: str
     assert sorted(tmp_path.rglob("*")) == before
 
 
+def test_checking_a_good_target_creates_nothing(tmp_path: Path) -> None:
+    wal = sqlite3.connect(tmp_path / "wal.db")
+    wal.execute("PRAGMA journal_mode=WAL")
+    wal.execute("CREATE TABLE t (x)")
+    wal.close()
+    before = sorted(tmp_path.iterdir())
+    for good in ("wal.db", "new.db"):
+        sharing.check_target(tmp_path / good)
+    sharing.check_target("postgresql://user@db.internal:5432/tools?sslmode=require")
+    assert sorted(tmp_path.iterdir()) == before
+
+
 def test_plain_mode_is_the_plain_tracker(repo: Repository, registry: Any) -> None:
     handle = sharing.open_health(repo, LIMITS)
     assert type(handle.tracker) is health.ToolHealthTracker and handle.tracker._repo is repo

@@ -119,15 +119,14 @@ def check_target(target: str | os.PathLike[str]) -> None:
             raise ValueError(f"cannot open {text!r} as a SQLite database: it is not a file")
         if not os.access(path, os.R_OK | os.W_OK):
             raise ValueError(f"cannot open {text!r} as a SQLite database: no read and write permission")
+        # The header, not a connection: opening a database in WAL mode would create its side files.
         try:
-            conn = sqlite3.connect(f"{path.resolve().as_uri()}?mode=ro", uri=True, timeout=1.0)
-            try:
-                conn.execute("PRAGMA schema_version").fetchone()
-            finally:
-                conn.close()
-        except sqlite3.DatabaseError as exc:
-            if "locked" not in str(exc):
-                raise ValueError(f"cannot open {text!r} as a SQLite database: {exc}") from None
+            with open(path, "rb") as f:
+                header = f.read(16)
+        except OSError as exc:
+            raise ValueError(f"cannot open {text!r} as a SQLite database: {exc.strerror}") from None
+        if header and header != b"SQLite format 3\x00":
+            raise ValueError(f"cannot open {text!r} as a SQLite database: the file is not a database")
         return
     parent = path.parent
     if not parent.is_dir():
