@@ -314,8 +314,8 @@ def usage_params(version: int, combined: Combined) -> list[tuple[Any, ...]]:
     return rows
 
 
-def _register(column: str, greatest: str) -> str:
-    del greatest
+def _register(column: str) -> str:
+    """The SET clauses of one last-writer-wins register: taken when the incoming order key is greater."""
     newer = (f"(excluded.{column}_ts, excluded.{column}_pid, excluded.{column}_seq) > "
              f"(sv_health.{column}_ts, sv_health.{column}_pid, sv_health.{column}_seq)")
     value = "last_error" if column == "err" else "disabled_at"
@@ -331,8 +331,8 @@ def merge_health_sql(placeholders: str, greatest: str) -> str:
 ON CONFLICT (tool) DO UPDATE SET
 call_count = sv_health.call_count + excluded.call_count,
 error_count = sv_health.error_count + excluded.error_count,
-{_register("err", greatest)},
-{_register("dis", greatest)},
+{_register("err")},
+{_register("dis")},
 updated_at = {greatest}(sv_health.updated_at, excluded.updated_at),
 version = excluded.version"""
 
