@@ -268,6 +268,20 @@ def test_postgres_down_then_back(pg_cluster: PgCluster, pg_url: str, registry: A
     assert sum("reachable again" in m for m in messages) == 2, messages
 
 
+def test_a_name_no_store_can_hold_stays_local_and_blocks_nothing(
+        open_handle: Callable[..., sharing.SharedHealth], target: str, caplog: pytest.LogCaptureFixture) -> None:
+    handle = open_handle()
+    bad = "bad\udc80"  # a lone surrogate: neither SQLite nor PostgreSQL text can carry it
+    call(handle.tracker, bad)
+    handle.tracker.record_call("a", "\udc80", "ok", alias_hit=False, duration_ms=1.0)
+    handle.tracker.record_error("a", "message \udc80")
+    handle.sync()
+    assert handle.connected and not any("Could not reach" in r.getMessage() for r in caplog.records)
+    rows, document = stored(target)
+    assert bad not in rows and rows["a"] == (1, 1, "message \\udc80") + rows["a"][3:]
+    assert handle.tracker._state[bad].call_count == 1
+
+
 def test_joining_lowers_nothing(open_handle: Callable[..., sharing.SharedHealth], target: str) -> None:
     a = open_handle()
     for _ in range(5):

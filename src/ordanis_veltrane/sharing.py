@@ -275,14 +275,32 @@ class Pulled:
     usage: list[tuple[UsageKey, int, int, float]]
 
 
+def storable(text: object) -> bool:
+    """Whether a name can go to a store: text that UTF-8 can carry (a lone surrogate cannot)."""
+    if type(text) is not str:
+        return False
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
+def storable_message(message: Any) -> str | None:
+    if message is None or storable(message):
+        return message  # type: ignore[no-any-return]
+    return str(message).encode("utf-8", "backslashreplace").decode("utf-8")
+
+
 @functools.lru_cache(maxsize=1 << 16)
 def usage_key_text(key: UsageKey) -> str | None:
-    """The store's primary key of a usage key (its ``repr``: one text per key, cheap to make)."""
+    """The store's primary key of a usage key: its JSON, ASCII only, so that every process and every
+    Python version makes the same text of it. None for a key no store can hold (it stays local)."""
     tool, action, outcome, alias_hit = key
-    if not (type(tool) is str and type(outcome) is str and type(alias_hit) is bool
-            and (action is None or type(action) is str)):
-        return None  # not storable; the key stays in this process's memory only
-    return repr(key)
+    if not (storable(tool) and storable(outcome) and type(alias_hit) is bool
+            and (action is None or storable(action))):
+        return None
+    return json.dumps(key, separators=(",", ":"))
 
 
 def document_prefix(tool: str, action: str | None, outcome: str, alias_hit: bool) -> str:
@@ -851,11 +869,11 @@ class SharedHealth:
         changes: dict[str, ToolChange] = {}
         for name, cur in tools.items():
             acc = self._acc_tools.get(name, _ZERO_TOOL)
-            if cur == acc:
-                continue
+            if cur == acc or not storable(name):
+                continue  # unchanged, or a name no store can hold: it stays in this process
             change = ToolChange(calls=max(cur[0] - acc[0], 0), errors=max(cur[1] - acc[1], 0), updated_at=cur[4])
             if cur[1] > acc[1] or cur[2] != acc[2]:
-                change.err_ts, change.last_error = cur[4], cur[2]
+                change.err_ts, change.last_error = cur[4], storable_message(cur[2])
             if cur[3] != acc[3]:
                 # A disable is stamped with its own time; an enable with the record's last change.
                 change.dis_ts, change.disabled_at = (cur[3] if cur[3] is not None else cur[4]), cur[3]
