@@ -378,17 +378,18 @@ class Store(Protocol):
 
 def _parse_usage_document(text: Any) -> list[tuple[UsageKey, int, int, float]]:
     """The rows of a usage document a plain tracker wrote, for seeding a new shared store."""
-    rows: list[tuple[UsageKey, int, int, float]] = []
+    rows: dict[UsageKey, tuple[UsageKey, int, int, float]] = {}
     if not isinstance(text, str):
-        return rows
+        return []
     try:
         for item in json.loads(text):
             key = (str(item["tool"]), item["action"], str(item["outcome"]), bool(item["alias_hit"]))
-            rows.append((key, int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"])))
+            # a later row with the same key replaces the earlier one, as the tracker reads it
+            rows[key] = (key, int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
     except Exception as exc:
         logger.warning("Could not read the tool usage counts to seed the shared store: %s", exc)
         return []
-    return rows
+    return list(rows.values())
 
 
 class UsageMirror:
@@ -945,7 +946,6 @@ class SharedHealth:
         """Moves every count in memory by (merged - snapshot) and takes the merged health, except
         where this process changed it after the snapshot; inserts what the registry knows. A record
         the snapshot left out stood at what the store last gave (its accounted value)."""
-        self.seen = max(self.seen, pulled.version)
         registry, acc_tools, acc_usage = health.TOOLS, self._acc_tools, self._acc_usage
         new_tools = {row[0] for row in pulled.tools
                      if row[0] not in tools and row[0] not in acc_tools and registry.get(row[0]) is not None}
@@ -999,3 +999,5 @@ class SharedHealth:
                 self._acc_usage[key] = umerged
         finally:
             t._lock.release()
+        # Last: should anything above fail, the next sync takes these rows in again (harmlessly).
+        self.seen = max(self.seen, pulled.version)
