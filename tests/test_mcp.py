@@ -179,8 +179,9 @@ async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) ->
 def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_once_removed(tmp_path: Path,
                                                                                            tool: str) -> None:
     """The client sees each error, then the refusal with the last one; after the cooldown the handler runs again.
-    At the next start without that tool its history goes, the others keep theirs (an action the tool does not
-    have, given to `ok`, is counted under the bucket, which stays)."""
+    At the next start without that tool it leaves the answers, but the shared store keeps its history for the
+    processes that still serve it; the others keep theirs (an action the tool does not have, given to `ok`, is
+    counted under the bucket, which stays)."""
     db, server, guard, _ = tmp_path / "repo.db", *make_server(tmp_path / "repo.db")
     calls = [(tool, {})] * 3 + [("", {"s": 0.35}), (tool, {}), ("ok", {"action": "grep"}), ("ok", {"action": "sym"})]
     seen, _ = anyio.run(session, server, *calls)
@@ -192,9 +193,9 @@ def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_on
         ("ok", "(other)", "ok", False): 1, ("status", None, "ok", False): 1})
     _, after = anyio.run(session, make_server(db, keep=("ok",))[0])
     rows, counts = stored(db)
-    assert set(after) == set(rows) == {"ok", "status"} and after["ok"]["call_count"] == 2
+    assert set(after) == {"ok", "status"} and after["ok"]["call_count"] == 2
+    assert set(rows) == {k[0] for k in counts} == {tool, "ok", "status"} and rows[tool] == (3, 3, "bad input 3")
     assert [(u["action"], u["alias_hit"]) for u in after["ok"]["usage"]] == [("(other)", False), ("text", True)]
-    assert {k[0] for k in counts} == {"ok", "status"}
 
 
 def test_fifty_concurrent_calls_count_exactly_while_a_flush_waits_and_a_handler_blocks(

@@ -133,6 +133,17 @@ async def serve(guard: ToolGuard, metrics: MetricsServer | None = None) -> None:
         tg.cancel_scope.cancel()
 
 
+def _database(text: str) -> str | Path:
+    """--db: a postgresql:// URL as given, or a path; either is checked before anything is created."""
+    from ordanis_veltrane.sharing import check_target, is_postgres_url
+
+    try:
+        check_target(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
+    return text if is_postgres_url(text) else Path(text)
+
+
 def _parser() -> argparse.ArgumentParser:
     def at_least(low: float, kind: Callable[[str], float], high: float = math.inf) -> Callable[[str], float]:
         def parse(text: str) -> float:
@@ -146,8 +157,9 @@ def _parser() -> argparse.ArgumentParser:
         return parse
 
     parser = argparse.ArgumentParser(prog="python -m ordanis_veltrane.mcp_server", description=__doc__.splitlines()[0])
-    parser.add_argument("--db", type=Path, required=True, metavar="PATH",
-                        help="the repository's SQLite file (created if missing)")
+    parser.add_argument("--db", type=_database, required=True, metavar="PATH|URL",
+                        help="the SQLite file (created if missing) or a postgresql:// URL that the tool health "
+                             "is kept in and shared through with every server using it")
     parser.add_argument("--disable-after", type=at_least(1, int), metavar="N",
                         help=f"errors in a row that disable a tool (default {ToolsConfig.disable_after_errors})")
     parser.add_argument("--cooldown", type=at_least(0, float), metavar="SECONDS",
@@ -167,7 +179,6 @@ def main(argv: Sequence[str] | None = None) -> int:
         limits.disable_after_errors = int(args.disable_after)
     if args.cooldown is not None:
         limits.disable_cooldown_s = args.cooldown
-    args.db.parent.mkdir(parents=True, exist_ok=True)
     # One budget for the status tool and the metrics: the threads this process starts.
     budget = thread_budget(metrics=args.metrics_port is not None, max_connections=METRICS_CONNECTIONS)
     guard = ToolGuard(args.db, limits, flush_interval=args.flush_interval or None, thread_budget=budget)

@@ -34,6 +34,8 @@ import anyio.to_thread
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
+from ordanis_veltrane.sharing import HealthHandle, open_health
+from ordanis_veltrane.sharing import check_target as check_store_target
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
@@ -163,66 +165,16 @@ def default_observers() -> list[CallObserver]:
 # ---------------------------------------------------------------- the health handle
 
 
-class HealthHandle(Protocol):
-    tracker: health.ToolHealthTracker
-
-    def sync(self) -> int: ...
-
-    def close(self) -> None: ...
-
-
-class _PlainHealth:
-    """A tracker over one repository: ``sync`` is ``flush``; ``close`` flushes and closes what it opened."""
-
-    def __init__(self, tracker: health.ToolHealthTracker, opened: Repository | None) -> None:
-        self.tracker = tracker
-        self._opened = opened
-
-    def sync(self) -> int:
-        return self.tracker.flush() if self.tracker.has_unsaved_changes else 0
-
-    def close(self) -> None:
-        try:
-            if self.tracker.has_unsaved_changes:
-                self.tracker.flush()
-        finally:
-            if self._opened is not None:
-                self._opened.close()
-
-
-def open_plain(target: Target, limits: ToolsConfig) -> HealthHandle:
-    """A plain tracker over ``target``: a ``Repository`` of the host's, or the path of a SQLite file."""
-    if isinstance(target, Repository):
-        return _PlainHealth(health.ToolHealthTracker(target, limits), None)
-    repo = Repository(os.fspath(target))
-    try:
-        return _PlainHealth(health.ToolHealthTracker(repo, limits), repo)
-    except BaseException:
-        repo.close()
-        raise
-
-
 def open_handle(target: Target, limits: ToolsConfig) -> HealthHandle:
-    """A ``Repository`` is the host's own: a plain tracker. A path or a URL is a store that every process
-    serving the same tools shares."""
-    if isinstance(target, Repository):
-        return open_plain(target, limits)
-    try:
-        from ordanis_veltrane.sharing import open_health
-    except ImportError:
-        return open_plain(target, limits)
-    handle: HealthHandle = open_health(target, limits)
-    return handle
+    """A ``Repository`` is the host's own: a plain tracker over it. A path or a URL is a store that
+    every process serving the same tools shares."""
+    return open_health(target, limits)
 
 
 def check_target(target: Target) -> None:
     """Fails now, with a clear message, where a path or URL cannot be a store; creates nothing."""
     if not isinstance(target, Repository):
-        try:
-            from ordanis_veltrane.sharing import check_target as check
-        except ImportError:
-            return
-        check(target)
+        check_store_target(target)
 
 
 # ---------------------------------------------------------------- the runtime
