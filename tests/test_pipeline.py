@@ -140,3 +140,33 @@ def test_a_predicate_decides_and_a_failing_observer_changes_nothing(tmp_path: Pa
                        is_client_error=lambda exc: "negative" in str(exc), observers=[Broken(), reports])
     assert all(a.is_error for a in answers) and len(reports.seen) == 3
     assert stored(tmp_path / "repo.db")[0] == {"picky": (3, 0)}
+
+
+def test_a_disable_is_synced_at_once_not_at_the_end_of_the_period(tmp_path: Path) -> None:
+    """With an hour between syncs, the disable still reaches the store within a moment (other processes sharing
+    it learn it a period sooner); the calls before it wait for the period."""
+    db = tmp_path / "shared.db"
+    guard = ToolGuard(db, ToolsConfig(disable_after_errors=2, disable_cooldown_s=60), flush_interval=3600)
+    server: MCPServer[Any] = MCPServer("test", lifespan=guard.lifespan)
+
+    def picky(n: int) -> int:
+        raise RuntimeError("backend down")
+
+    guard.add_tool(server, picky)
+
+    def disabled_at() -> Any:
+        with sqlite3.connect(db) as conn:
+            row = conn.execute("SELECT disabled_at FROM tool_health WHERE tool_name = 'picky'").fetchone()
+        return row and row[0]
+
+    async def run() -> None:
+        async with Client(server, mode="legacy") as client:
+            await client.call_tool("picky", {"n": 1})
+            await anyio.sleep(0.6)
+            assert not disabled_at()
+            await client.call_tool("picky", {"n": 1})
+            with anyio.fail_after(5):
+                while not disabled_at():
+                    await anyio.sleep(0.05)
+
+    anyio.run(run)

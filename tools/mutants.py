@@ -177,6 +177,7 @@ MUTANTS = [
     m("tool_pipeline.py", "            return OTHER_ACTION, raw, False", "            return raw, raw, False",
       "pipeline-unresolved-action-kept"),
     m("tool_pipeline.py", "        if error is None or client:", "        if error is None:", "pipeline-client-error-counts"),
+    m("tool_pipeline.py", "                self.runtime.sync_soon()\n", "                pass\n", "pipeline-disable-waits-for-period"),
     # The metrics.
     m("tool_handlers/health_metrics.py", "(entry[1] * entry[0] + avg_ms * calls) / both", "(entry[1] + avg_ms) / 2",
       "metrics-mean-unweighted"),

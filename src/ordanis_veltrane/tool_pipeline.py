@@ -57,6 +57,9 @@ DEFAULT_MAX_ACTIONS = 32
 _OTHER = ActionSpec(OTHER_ACTION)
 Target = Union[Repository, str, "os.PathLike[str]"]
 
+# How soon the periodic syncer notices that a sync was asked for.
+SYNC_SOON_S = 0.25
+
 # Installing the registry and constructing the tracker go together: another runtime must not swap
 # health.TOOLS in between.
 _OPEN_LOCK = threading.Lock()
@@ -203,6 +206,7 @@ class HealthRuntime:
         self._session_lock: anyio.Lock | None = None
         self._limiter: anyio.CapacityLimiter | None = None
         self.started: list[Callable[[health.ToolHealthTracker], None]] = []
+        self._sync_soon = False
 
     def running_tracker(self) -> health.ToolHealthTracker:
         tracker = self.tracker
@@ -242,9 +246,19 @@ class HealthRuntime:
             return 0
         return await anyio.to_thread.run_sync(handle.sync, limiter=self._limiter)
 
+    def sync_soon(self) -> None:
+        """Asks for a sync within ``SYNC_SOON_S`` rather than at the end of the period (a tool was just
+        disabled: on a shared store the other processes learn it one period sooner). Any thread."""
+        self._sync_soon = True
+
     async def _sync_periodically(self, interval: float) -> None:
+        due = anyio.current_time() + interval
         while True:
-            await anyio.sleep(interval)
+            await anyio.sleep(max(0.0, min(SYNC_SOON_S, due - anyio.current_time())))
+            if not self._sync_soon and anyio.current_time() < due:
+                continue
+            self._sync_soon = False
+            due = anyio.current_time() + interval
             try:
                 await self.flush()
             except Exception as exc:  # the changes stay marked; the next sync writes them
@@ -430,6 +444,9 @@ class ToolPipeline:
             tracker.record_success(tool)
         else:
             tracker.record_error(tool, error)
+            state = tracker._state.get(tool)
+            if state is not None and state.disabled_at is not None:
+                self.runtime.sync_soon()
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
         collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
