@@ -30,6 +30,7 @@ try:
     from fastmcp.exceptions import NotFoundError, ToolError, ValidationError
     from fastmcp.server.lifespan import ContextManagerLifespan
     from fastmcp.server.middleware import CallNext, Middleware, MiddlewareContext
+    from fastmcp.server.middleware.tool_injection import ToolInjectionMiddleware
     from fastmcp.tools.base import Tool, ToolResult
     from mcp.types import TextContent
 except ImportError as _missing:  # pragma: no cover - exercised where FastMCP is missing
@@ -131,13 +132,18 @@ class ToolHealthMiddleware(Middleware):
             """Per-tool timing statistics: count, mean, p95, min, max and errors."""
             return await pipeline.performance_stats()
 
+        injected = []
         for fn in (status, get_tool_performance_stats):
             name = self.status_tool_names.get(fn.__name__)
             if name is None:  # decided once, at the first start
                 name = fn.__name__ if fn.__name__ not in taken else prefix + fn.__name__
                 self.status_tool_names[fn.__name__] = name
-                server.add_tool(Tool.from_function(fn, name=name))
+                injected.append(Tool.from_function(fn, name=name))
             added.append(name)
+        if injected:
+            # Injected, not registered: they answer even while a provider of the server (a proxied
+            # server that is down) cannot be reached.
+            server.add_middleware(ToolInjectionMiddleware(injected))
         return added
 
     # ------------------------------------------------------------ lifecycle
@@ -146,14 +152,19 @@ class ToolHealthMiddleware(Middleware):
         """Fills the registry from the server's tool list; where the list cannot be read (a proxied
         server that does not start), it prunes nothing this time."""
         registry = self.pipeline.tools
+        strategy = server.provider_error_strategy
+        server.provider_error_strategy = "raise"  # a provider that fails must not read as one without tools
         try:
-            tools = list(await server.list_tools(run_middleware=False))
+            with anyio.fail_after(self.call_timeout):
+                tools = list(await server.list_tools(run_middleware=False))
         except Exception as exc:
             logger.warning("Could not read the tool list of %r, so no tool history is pruned: %s", server.name, exc)
             registry.keep_unknown = True
             tools = []
         else:
             registry.keep_unknown = False
+        finally:
+            server.provider_error_strategy = strategy
         taken = {tool.name for tool in tools}
         for name in list(registry):
             registry.remove(name)
