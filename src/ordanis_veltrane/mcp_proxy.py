@@ -128,29 +128,23 @@ def build_proxy(
     health: ToolHealthMiddleware,
     *,
     metrics: MetricsServer | None = None,
-    stopped: anyio.Event | None = None,
     name: str = "ordanis-veltrane-proxy",
 ) -> FastMCP[Any]:
-    """FastMCP's proxy of ``target`` with ``health`` in front of every tool and the status tools.
-    ``stopped`` is set once the health has been written at shutdown."""
+    """FastMCP's proxy of ``target`` with ``health`` in front of every tool and the status tools."""
 
     @asynccontextmanager
     async def lifespan(server: FastMCP[Any]) -> AsyncIterator[dict[str, Any]]:
-        try:
-            async with health.running(server) as tracker:
+        async with health.running(server) as tracker:
+            if metrics is not None:
+                metrics.collector.tracker = tracker
+            try:
+                yield {}
+            finally:
                 if metrics is not None:
-                    metrics.collector.tracker = tracker
-                try:
-                    yield {}
-                finally:
-                    if metrics is not None:
-                        metrics.collector.tracker = None
-                    if isinstance(target, ClientTransport):
-                        with anyio.CancelScope(shield=True), anyio.move_on_after(10):
-                            await target.close()  # type: ignore[no-untyped-call]
-        finally:
-            if stopped is not None:
-                stopped.set()
+                    metrics.collector.tracker = None
+                if isinstance(target, ClientTransport):
+                    with anyio.CancelScope(shield=True), anyio.move_on_after(10):
+                        await target.close()  # type: ignore[no-untyped-call]
 
     proxy = create_proxy(target, name=name, lifespan=lifespan, middleware=[health])
     provider = next(m.provider for m in proxy.middleware if isinstance(m, ProxyMetadataMiddleware))
@@ -159,7 +153,7 @@ def build_proxy(
     return proxy
 
 
-async def serve(proxy: FastMCP[Any], stopped: anyio.Event) -> None:
+async def serve(proxy: FastMCP[Any], health: ToolHealthMiddleware) -> None:
     """Serves over stdio until stdin closes or SIGTERM/SIGINT; the health is written either way."""
     async with anyio.create_task_group() as tg:
         if sys.platform != "win32":
@@ -168,11 +162,14 @@ async def serve(proxy: FastMCP[Any], stopped: anyio.Event) -> None:
                 with anyio.open_signal_receiver(signal.SIGTERM, signal.SIGINT) as signals:
                     async for _ in signals:
                         break
-                # Cancelling ends the calls in flight and the lifespan, whose last write is shielded; the
-                # thread that reads stdin would hold the exit until stdin closes, so leave once it is done.
+                # FastMCP holds the lifespan open until the thread that reads stdin returns, which it does only
+                # once stdin closes: end the calls in flight (they count as cancelled), write what changed and leave.
                 tg.cancel_scope.cancel()
                 with anyio.CancelScope(shield=True), anyio.move_on_after(30):
-                    await stopped.wait()
+                    try:
+                        await health.flush()
+                    except Exception as exc:
+                        logger.error("Could not write the tool health at exit: %s", exc)
                 sys.stderr.flush()
                 os._exit(0)
 
@@ -207,8 +204,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     metrics = start_metrics(parser, args, THREAD_BUDGET + 2)
 
     async def run() -> None:
-        stopped = anyio.Event()
-        await serve(build_proxy(downstream(command, args.call_timeout or None), health, metrics=metrics, stopped=stopped), stopped)
+        await serve(build_proxy(downstream(command, args.call_timeout or None), health, metrics=metrics), health)
 
     try:
         anyio.run(run)
