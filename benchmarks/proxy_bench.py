@@ -1,0 +1,144 @@
+"""What tool health costs in front of an MCP server, measured in one run against baselines.
+
+Over stdio, with the official SDK's client, one call (``get_current_time``) of mcp-server-time:
+
+- ``direct``: to the server itself;
+- ``fastmcp proxy``: through FastMCP's proxy (``create_proxy``) with a middleware that only passes the call on;
+- ``health proxy``: through ``python -m ordanis_veltrane.mcp_proxy``.
+
+In one process, with FastMCP's in-memory client, one call of a trivial tool of a FastMCP server with and without
+``ToolHealthMiddleware``.
+
+The variants run in turns, in a rotating order, each round timing a batch of calls per variant; the figure of a
+variant is its best round (the least disturbed by the other work on the machine). The ratios compare figures of
+the same run.
+
+    python benchmarks/proxy_bench.py [--rounds 30] [--batch 20] [--json]
+"""
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import sys
+import tempfile
+import time
+from contextlib import AsyncExitStack
+from pathlib import Path
+from typing import Any, Awaitable, Callable
+
+import anyio
+
+TIME = [sys.executable, "-m", "mcp_server_time"]
+ARGS = {"timezone": "UTC"}
+
+
+def child_env() -> dict[str, str]:
+    src = str(Path(__file__).resolve().parents[1] / "src")
+    return {**os.environ, "PYTHONPATH": os.pathsep.join([src, *filter(None, [os.environ.get("PYTHONPATH")])])}
+
+
+def serve_fastmcp_proxy() -> None:
+    """The baseline proxy: FastMCP's own, with a middleware that passes every call on."""
+    from fastmcp.client.transports import StdioTransport
+    from fastmcp.server import create_proxy
+    from fastmcp.server.middleware import Middleware
+
+    class PassThrough(Middleware):
+        async def on_call_tool(self, context: Any, call_next: Any) -> Any:
+            return await call_next(context)
+
+    proxy = create_proxy(StdioTransport(TIME[0], TIME[1:], env=dict(os.environ), keep_alive=True),
+                         name="baseline", middleware=[PassThrough()])
+    proxy.run(show_banner=False)
+
+
+async def stdio_session(stack: AsyncExitStack, command: list[str]) -> Callable[[], Awaitable[Any]]:
+    from mcp import ClientSession, StdioServerParameters, stdio_client
+
+    params = StdioServerParameters(command=command[0], args=command[1:], env=child_env())
+    read, write = await stack.enter_async_context(stdio_client(params, errlog=open(os.devnull, "w")))
+    session = await stack.enter_async_context(ClientSession(read, write))
+    await session.initialize()
+
+    async def call() -> Any:
+        result = await session.call_tool("get_current_time", ARGS)
+        assert not result.is_error, result
+        return result
+
+    return call
+
+
+async def in_process(stack: AsyncExitStack, db: Path | None) -> Callable[[], Awaitable[Any]]:
+    from fastmcp import Client, FastMCP
+
+    from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware
+
+    health = ToolHealthMiddleware(db, flush_interval=5.0) if db is not None else None
+    server: FastMCP[Any] = FastMCP("bench", lifespan=health.lifespan if health else None,
+                                   middleware=[health] if health else [])
+
+    @server.tool
+    def now(timezone: str) -> str:
+        return f"12:00 in {timezone}"
+
+    client = await stack.enter_async_context(Client(server))
+
+    async def call() -> Any:
+        return await client.call_tool("now", ARGS)
+
+    return call
+
+
+async def measure(rounds: int, batch: int) -> dict[str, float]:
+    tmp = Path(tempfile.mkdtemp(prefix="proxy-bench-"))
+    async with AsyncExitStack() as stack:
+        variants = {
+            "direct": await stdio_session(stack, TIME),
+            "fastmcp proxy": await stdio_session(stack, [sys.executable, __file__, "--serve-baseline"]),
+            "health proxy": await stdio_session(stack, [sys.executable, "-m", "ordanis_veltrane.mcp_proxy", "--db",
+                                                        str(tmp / "health.db"), "--", *TIME]),
+            "in-process": await in_process(stack, None),
+            "in-process + middleware": await in_process(stack, tmp / "inproc.db"),
+        }
+        for call in variants.values():  # warm up: connections, caches, the downstream's first answers
+            for _ in range(batch):
+                await call()
+        best = {name: float("inf") for name in variants}
+        names = list(variants)
+        for r in range(rounds):
+            for name in names[r % len(names):] + names[:r % len(names)]:
+                call = variants[name]
+                start = time.perf_counter()
+                for _ in range(batch):
+                    await call()
+                best[name] = min(best[name], (time.perf_counter() - start) / batch)
+        return best
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--rounds", type=int, default=30)
+    parser.add_argument("--batch", type=int, default=20)
+    parser.add_argument("--json", action="store_true")
+    parser.add_argument("--serve-baseline", action="store_true", help=argparse.SUPPRESS)
+    args = parser.parse_args()
+    if args.serve_baseline:
+        serve_fastmcp_proxy()
+        return
+    best = anyio.run(measure, args.rounds, args.batch)
+    ratios = {"health proxy / fastmcp proxy": best["health proxy"] / best["fastmcp proxy"],
+              "fastmcp proxy / direct": best["fastmcp proxy"] / best["direct"],
+              "middleware / in-process": best["in-process + middleware"] / best["in-process"]}
+    if args.json:
+        print(json.dumps({"us_per_call": {k: v * 1e6 for k, v in best.items()}, "ratios": ratios}, indent=2))
+        return
+    print(f"best of {args.rounds} rounds of {args.batch} calls, microseconds per call")
+    for name, seconds in best.items():
+        print(f"  {name:26s} {seconds * 1e6:9.0f}")
+    for name, ratio in ratios.items():
+        print(f"  {name:30s} {ratio:6.3f} ({(ratio - 1) * 100:+.1f}%)")
+
+
+if __name__ == "__main__":
+    main()
