@@ -139,9 +139,13 @@ def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_t
                     tg.start_soon(kill_soon)
                     died = await session.call_tool("get_current_time", {"timezone": "UTC"})
                 assert died.is_error and "Connection closed" in text(died), text(died)
-                restarted = await session.call_tool("get_current_time", {"timezone": "UTC"})
-            assert not restarted.is_error and downstream_of(db, "mcp_server_time") != [pid]
-            assert health_of(await session.call_tool("status", {}))["get_current_time"]["error_count"] == 2
+                # The next call starts it again (on a loaded machine that may take longer than one call may).
+                restarts = [await session.call_tool("get_current_time", {"timezone": "UTC"})]
+                while restarts[-1].is_error and len(restarts) < 3:
+                    restarts.append(await session.call_tool("get_current_time", {"timezone": "UTC"}))
+            assert not restarts[-1].is_error and downstream_of(db, "mcp_server_time") not in ([], [pid])
+            status = health_of(await session.call_tool("status", {}))["get_current_time"]
+            assert (status["call_count"], status["error_count"]) == (3 + len(restarts), 1 + len(restarts))
         # A downstream that does not start: the proxy still answers, the call is an error of the tool, and no history
         # is pruned.
         async with sdk_session(db, [sys.executable, "-m", "no_such_mcp_server"], "--call-timeout", "10") as session:
@@ -150,7 +154,8 @@ def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_t
                 failed = await session.call_tool("get_current_time", {"timezone": "UTC"})
             assert failed.is_error and text(failed).startswith("the downstream server failed")
             status = health_of(await session.call_tool("status", {}))["get_current_time"]
-            assert (status["call_count"], status["error_count"], status["last_error"]) == (5, 3, text(failed))
+            assert (status["call_count"], status["error_count"], status["last_error"]) == (
+                4 + len(restarts), 2 + len(restarts), text(failed))
 
     anyio.run(scenario)
 
