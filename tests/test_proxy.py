@@ -146,16 +146,18 @@ def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_t
             assert not restarts[-1].is_error and downstream_of(db, "mcp_server_time") not in ([], [pid])
             status = health_of(await session.call_tool("status", {}))["get_current_time"]
             assert (status["call_count"], status["error_count"]) == (3 + len(restarts), 1 + len(restarts))
-        # A downstream that does not start: the proxy still answers, the call is an error of the tool, and no history
-        # is pruned.
-        async with sdk_session(db, [sys.executable, "-m", "no_such_mcp_server"], "--call-timeout", "10") as session:
-            with anyio.fail_after(30):
-                assert {t.name for t in (await session.list_tools()).tools} == {"status", "get_tool_performance_stats"}
-                failed = await session.call_tool("get_current_time", {"timezone": "UTC"})
-            assert failed.is_error and text(failed).startswith("the downstream server failed")
-            status = health_of(await session.call_tool("status", {}))["get_current_time"]
-            assert (status["call_count"], status["error_count"], status["last_error"]) == (
-                4 + len(restarts), 2 + len(restarts), text(failed))
+        # A downstream that does not start (it exits at once; there is no such command): the proxy still answers,
+        # the call is an error of the tool, and no history is pruned.
+        for attempt, command in enumerate(([sys.executable, "-m", "no_such_mcp_server"], ["/no/such/mcp-server"])):
+            async with sdk_session(db, command, "--call-timeout", "10") as session:
+                with anyio.fail_after(30):
+                    tools = {t.name for t in (await session.list_tools()).tools}
+                    failed = await session.call_tool("get_current_time", {"timezone": "UTC"})
+                assert tools == {"status", "get_tool_performance_stats"}
+                assert failed.is_error and text(failed).startswith("the downstream server failed")
+                status = health_of(await session.call_tool("status", {}))["get_current_time"]
+                assert (status["call_count"], status["error_count"], status["last_error"]) == (
+                    4 + len(restarts) + attempt, 2 + len(restarts) + attempt, text(failed))
 
     anyio.run(scenario)
 

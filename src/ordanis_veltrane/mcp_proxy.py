@@ -107,12 +107,18 @@ class _Downstream(StdioTransport):
         self.start_timeout = start_timeout
 
     async def connect(self, **options: Any) -> Any:
+        # Its failures are raised as the transport errors FastMCP's proxy expects of a backend it cannot reach, so
+        # that it still answers the client's initialize (without the downstream's metadata).
         with anyio.CancelScope(shield=True):
             with anyio.move_on_after(self.start_timeout if self.start_timeout is not None else float("inf")) as start:
-                return await super().connect(**options)
+                try:
+                    return await super().connect(**options)
+                except OSError as exc:
+                    raise anyio.BrokenResourceError(
+                        f"the downstream server {self.command!r} could not be started: {exc}") from exc
             await self.disconnect()  # type: ignore[no-untyped-call]
         assert start.cancelled_caught
-        raise RuntimeError(f"the downstream server {self.command!r} did not start within {self.start_timeout:g} s")
+        raise TimeoutError(f"the downstream server {self.command!r} did not start within {self.start_timeout:g} s")
 
 
 def downstream(command: Sequence[str], start_timeout: float | None = DEFAULT_CALL_TIMEOUT) -> ClientTransport | str:
