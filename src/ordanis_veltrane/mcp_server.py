@@ -12,24 +12,18 @@ from __future__ import annotations
 
 import argparse
 import itertools
-import math
 import os
 import signal
 import sys
 from contextlib import asynccontextmanager
-from pathlib import Path
-from typing import TYPE_CHECKING, AsyncIterator, Callable, Sequence
+from typing import TYPE_CHECKING, AsyncIterator, Sequence
 
 import anyio
 from mcp.server.mcpserver import MCPServer
 
-from ordanis_veltrane.config import ToolsConfig
+from ordanis_veltrane.cli import add_health_arguments, health_limits, health_thread_budget, start_metrics
 from ordanis_veltrane.mcp_guard import ToolGuard
-from ordanis_veltrane.status_answer import thread_budget
 from ordanis_veltrane.tool_registry import TOOLS, ActionSpec
-
-# Scrapes served at once by --metrics-port (the endpoint's default).
-METRICS_CONNECTIONS = 8
 
 if TYPE_CHECKING:
     from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
@@ -133,67 +127,19 @@ async def serve(guard: ToolGuard, metrics: MetricsServer | None = None) -> None:
         tg.cancel_scope.cancel()
 
 
-def _database(text: str) -> str | Path:
-    """--db: a postgresql:// URL as given, or a path; either is checked before anything is created."""
-    from ordanis_veltrane.sharing import check_target, is_postgres_url
-
-    try:
-        check_target(text)
-    except ValueError as exc:
-        raise argparse.ArgumentTypeError(str(exc)) from None
-    return text if is_postgres_url(text) else Path(text)
-
-
 def _parser() -> argparse.ArgumentParser:
-    def at_least(low: float, kind: Callable[[str], float], high: float = math.inf) -> Callable[[str], float]:
-        def parse(text: str) -> float:
-            value = kind(text)
-            if not low <= value <= high:
-                bounds = f"at least {low:g}" if high == math.inf else f"from {low:g} to {high:g}"
-                raise argparse.ArgumentTypeError(f"must be {bounds}")
-            return value
-
-        parse.__name__ = kind.__name__  # argparse names it in "invalid int value"
-        return parse
-
     parser = argparse.ArgumentParser(prog="python -m ordanis_veltrane.mcp_server", description=__doc__.splitlines()[0])
-    parser.add_argument("--db", type=_database, required=True, metavar="PATH|URL",
-                        help="the SQLite file (created if missing) or a postgresql:// URL that the tool health "
-                             "is kept in and shared through with every server using it")
-    parser.add_argument("--disable-after", type=at_least(1, int), metavar="N",
-                        help=f"errors in a row that disable a tool (default {ToolsConfig.disable_after_errors})")
-    parser.add_argument("--cooldown", type=at_least(0, float), metavar="SECONDS",
-                        help=f"how long a tool stays disabled (default {ToolsConfig.disable_cooldown_s:g})")
-    parser.add_argument("--flush-interval", type=at_least(0, float), default=5.0, metavar="S",
-                        help="seconds between writes of the health to --db; 0: only at shutdown (default 5)")
-    parser.add_argument("--metrics-port", type=at_least(0, int, 65535), metavar="N",
-                        help="serve Prometheus metrics on 127.0.0.1:N (0 picks a free port; needs the metrics extra)")
+    add_health_arguments(parser)
     return parser
 
 
 def main(argv: Sequence[str] | None = None) -> int:
     parser = _parser()
     args = parser.parse_args(argv)
-    limits = ToolsConfig()
-    if args.disable_after is not None:
-        limits.disable_after_errors = int(args.disable_after)
-    if args.cooldown is not None:
-        limits.disable_cooldown_s = args.cooldown
     # One budget for the status tool and the metrics: the threads this process starts.
-    budget = thread_budget(metrics=args.metrics_port is not None, max_connections=METRICS_CONNECTIONS)
-    guard = ToolGuard(args.db, limits, flush_interval=args.flush_interval or None, thread_budget=budget)
-
-    metrics: MetricsServer | None = None
-    if args.metrics_port is not None:
-        try:
-            from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
-
-            metrics = serve_metrics(None, int(args.metrics_port), thread_budget=budget,
-                                    max_connections=METRICS_CONNECTIONS)
-        except (ImportError, OSError) as exc:
-            parser.error(f"cannot serve metrics: {exc}")
-        # stdout carries the protocol; everything else goes to stderr.
-        print(f"serving tool health metrics at {metrics.url}", file=sys.stderr, flush=True)
+    budget = health_thread_budget(args)
+    guard = ToolGuard(args.db, health_limits(args), flush_interval=args.flush_interval or None, thread_budget=budget)
+    metrics = start_metrics(parser, args, budget)
     try:
         anyio.run(serve, guard, metrics)
     finally:

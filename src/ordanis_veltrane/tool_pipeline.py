@@ -102,6 +102,9 @@ class PipelineTools:
     def __init__(self) -> None:
         self.specs: dict[str, ToolSpec | OpenTool] = {}
         self._seen: dict[str, _DeclaredTool | OpenTool] = {}
+        # Set while the adapter could not read its tool list: every tool then answers as an open
+        # one, so that opening the tracker prunes no history.
+        self.keep_unknown = False
 
     def add(self, name: str, actions: Iterable[ActionSpec | str] | None) -> ToolSpec | OpenTool:
         spec: ToolSpec | OpenTool
@@ -118,7 +121,10 @@ class PipelineTools:
         self._seen.pop(name, None)
 
     def get(self, name: str) -> _DeclaredTool | OpenTool | None:
-        return self._seen.get(name)
+        found = self._seen.get(name)
+        if found is None and self.keep_unknown:
+            return OpenTool(name)
+        return found
 
     def __contains__(self, name: object) -> bool:
         return name in self.specs

@@ -1,0 +1,97 @@
+"""The command-line flags that every server of this package shares: where the health is kept, the
+disabling limits, how often it is written, and the Prometheus metrics."""
+from __future__ import annotations
+
+import argparse
+import math
+import sys
+from pathlib import Path
+from typing import TYPE_CHECKING, Callable, Union
+
+from ordanis_veltrane.config import ToolsConfig
+from ordanis_veltrane.tool_pipeline import check_target
+
+if TYPE_CHECKING:
+    from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
+
+__all__ = ["METRICS_CONNECTIONS", "Target", "add_health_arguments", "at_least", "health_limits",
+           "health_thread_budget", "start_metrics"]
+
+Target = Union[str, Path]
+# Scrapes served at once by --metrics-port.
+METRICS_CONNECTIONS = 8
+
+
+def at_least(low: float, kind: Callable[[str], float], high: float = math.inf) -> Callable[[str], float]:
+    """An argparse type: ``kind(text)`` within [low, high]."""
+
+    def parse(text: str) -> float:
+        value = kind(text)
+        if not low <= value <= high:
+            bounds = f"at least {low:g}" if high == math.inf else f"from {low:g} to {high:g}"
+            raise argparse.ArgumentTypeError(f"must be {bounds}")
+        return value
+
+    parse.__name__ = kind.__name__  # argparse names it in "invalid int value"
+    return parse
+
+
+def _target(text: str) -> Target:
+    """A ``postgresql://`` URL as it is, anything else a path; either is checked here, before anything
+    is created: a malformed URL or a path that cannot be opened ends the program with a clear message."""
+    from ordanis_veltrane.sharing import is_postgres_url
+
+    try:
+        check_target(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
+    return text if is_postgres_url(text) else Path(text)
+
+
+def add_health_arguments(parser: argparse.ArgumentParser) -> None:
+    """``--db``, ``--disable-after``, ``--cooldown``, ``--flush-interval`` and ``--metrics-port``."""
+    parser.add_argument("--db", type=_target, required=True, metavar="PATH|URL",
+                        help="where the tool health is kept and shared with every server using it: a SQLite "
+                             "file (created if missing, in a directory that exists) or a postgresql:// URL")
+    parser.add_argument("--disable-after", type=at_least(1, int), metavar="N",
+                        help=f"errors in a row that disable a tool (default {ToolsConfig.disable_after_errors})")
+    parser.add_argument("--cooldown", type=at_least(0, float), metavar="SECONDS",
+                        help=f"how long a tool stays disabled (default {ToolsConfig.disable_cooldown_s:g})")
+    parser.add_argument("--flush-interval", type=at_least(0, float), default=5.0, metavar="S",
+                        help="seconds between writes of the health to --db; 0: only at shutdown (default 5)")
+    parser.add_argument("--metrics-port", type=at_least(0, int, 65535), metavar="N",
+                        help="serve Prometheus metrics on 127.0.0.1:N (0 picks a free port; needs the metrics extra)")
+
+
+def health_limits(args: argparse.Namespace) -> ToolsConfig:
+    """The ``ToolsConfig`` with the flags' overrides."""
+    limits = ToolsConfig()
+    if args.disable_after is not None:
+        limits.disable_after_errors = int(args.disable_after)
+    if args.cooldown is not None:
+        limits.disable_cooldown_s = args.cooldown
+    return limits
+
+
+def health_thread_budget(args: argparse.Namespace, extra: int = 0) -> int:
+    """The threads the process starts, for the status tool and the metrics alike."""
+    from ordanis_veltrane.status_answer import thread_budget
+
+    return thread_budget(metrics=args.metrics_port is not None, max_connections=METRICS_CONNECTIONS, extra=extra)
+
+
+def start_metrics(parser: argparse.ArgumentParser, args: argparse.Namespace,
+                  thread_budget: int) -> MetricsServer | None:
+    """Serves the Prometheus metrics where ``--metrics-port`` asks for them (the URL goes to stderr)."""
+    if args.metrics_port is None:
+        return None
+    try:
+        from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
+
+        metrics = serve_metrics(None, int(args.metrics_port), thread_budget=thread_budget,
+                                max_connections=METRICS_CONNECTIONS)
+    except (ImportError, OSError) as exc:
+        parser.error(f"cannot serve metrics: {exc}")
+    # stdout carries the protocol; everything else goes to stderr.
+    print(f"serving tool health metrics at {metrics.url}", file=sys.stderr, flush=True)
+    return metrics

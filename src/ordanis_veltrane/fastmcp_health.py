@@ -1,0 +1,252 @@
+"""Tool health for a FastMCP (4.x) server: a middleware that runs every tool call through the tool-call pipeline.
+
+``ToolHealthMiddleware`` sits in the server's middleware chain, so every tool the server serves
+passes through it: its own, those of mounted servers and those of a proxied server. A disabled
+tool is refused with an error that gives its last error; a raised error or an ``isError`` result
+is recorded against the tool and reaches the client unchanged; FastMCP's own rejection of the
+arguments (and a call to a tool that does not exist) is the client's fault and never counts
+against the tool.
+
+The tracker lives with the server's lifespan (``FastMCP(..., lifespan=health.lifespan)``): at
+start the middleware reads the server's tool list (mounted and proxied tools included) into the
+registry the tracker prunes against, then opens the tracker on a worker thread; it is synced
+every ``flush_interval`` seconds and closed at shutdown.
+
+Needs the ``fastmcp`` extra: ``pip install '.[fastmcp]'``.
+"""
+from __future__ import annotations
+
+import asyncio
+import logging
+import os
+from contextlib import asynccontextmanager
+from typing import Any, AsyncIterator, Callable, Iterable, Sequence
+
+import anyio
+
+try:
+    import pydantic
+    from fastmcp import FastMCP
+    from fastmcp.exceptions import NotFoundError, ToolError, ValidationError
+    from fastmcp.server.lifespan import ContextManagerLifespan
+    from fastmcp.server.middleware import CallNext, Middleware, MiddlewareContext
+    from fastmcp.server.middleware.tool_injection import ToolInjectionMiddleware
+    from fastmcp.tools.base import Tool, ToolResult
+    from mcp.types import TextContent
+except ImportError as _missing:  # pragma: no cover - exercised where FastMCP is missing
+    raise ImportError(
+        "ordanis_veltrane.fastmcp_health needs FastMCP 4: install the 'fastmcp' extra "
+        "(pip install 'ordanis-veltrane-health[fastmcp]', or pip install '.[fastmcp]' from a checkout)"
+    ) from _missing
+
+from ordanis_veltrane.config import ToolsConfig
+from ordanis_veltrane.repository import Repository
+from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_pipeline import DEFAULT_MAX_ACTIONS, CallObserver, ToolPipeline, ToolRefused
+
+__all__ = ["CLIENT_ERRORS", "STATUS_TOOLS", "ToolHealthMiddleware", "declared_actions"]
+
+logger: logging.Logger = logging.getLogger(__name__)
+
+# FastMCP's own rejections of a call: arguments that fail the tool's schema, a tool that does not exist.
+CLIENT_ERRORS: tuple[type[BaseException], ...] = (ValidationError, pydantic.ValidationError, NotFoundError)
+STATUS_TOOLS = ("status", "get_tool_performance_stats")
+
+
+def declared_actions(parameters: dict[str, Any]) -> tuple[bool, list[str] | None]:
+    """(whether the tool takes ``action``, its actions): the ``enum`` of the ``action`` parameter's
+    JSON schema (also under one level of ``anyOf``); ``None`` where it has none (an open tool)."""
+    properties = parameters.get("properties")
+    schema = properties.get("action") if isinstance(properties, dict) else None
+    if not isinstance(schema, dict):
+        return False, None
+    for candidate in [schema, *(s for s in schema.get("anyOf", ()) if isinstance(s, dict))]:
+        enum = candidate.get("enum")
+        if isinstance(enum, list) and enum and all(isinstance(v, str) for v in enum):
+            return True, list(enum)
+    return True, None
+
+
+def _error_text(result: ToolResult) -> str:
+    text = "\n".join(block.text for block in result.content if isinstance(block, TextContent))
+    return text or "the tool returned an error result"
+
+
+class ToolHealthMiddleware(Middleware):
+    """A ``ToolHealthTracker`` in front of every tool of the FastMCP server it is added to.
+
+    ``db`` is a ``Repository`` of the host's, or the path of a SQLite file or a ``postgresql://``
+    URL (a store that every process serving the same tools shares). ``limits`` is the
+    ``ToolsConfig``. ``client_errors``/``is_client_error`` name further failures that are the
+    client's fault (FastMCP's argument validation and unknown tools always are). ``call_timeout``
+    (seconds) bounds each call: a call that takes longer is ended and recorded as an error of
+    the tool. Serve the server with ``lifespan=middleware.lifespan`` (composable with ``|``).
+    """
+
+    def __init__(
+        self,
+        db: Repository | str | os.PathLike[str],
+        limits: ToolsConfig | None = None,
+        *,
+        flush_interval: float | None = 5.0,
+        thread_budget: int = 48,
+        client_errors: Sequence[type[BaseException]] = (),
+        is_client_error: Callable[[BaseException], bool] | None = None,
+        max_actions: int = DEFAULT_MAX_ACTIONS,
+        observers: Iterable[CallObserver] | None = None,
+        call_timeout: float | None = None,
+    ) -> None:
+        self.pipeline = ToolPipeline(
+            db, limits, flush_interval=flush_interval, thread_budget=thread_budget,
+            client_errors=(*CLIENT_ERRORS, *client_errors), is_client_error=is_client_error,
+            max_actions=max_actions, observers=observers)
+        self.call_timeout = call_timeout
+        self.lifespan = ContextManagerLifespan(self._lifespan)
+        self.status_tool_names: dict[str, str] = {}  # status tool -> the name it is served under
+        self._status_servers: list[tuple[FastMCP[Any], str]] = []
+        self._takes_action: set[str] = set()
+
+    @property
+    def tracker(self) -> health.ToolHealthTracker | None:
+        """The live tracker; ``None`` while the server is not running."""
+        return self.pipeline.tracker
+
+    # ------------------------------------------------------------ status tools
+
+    def add_status_tools(self, server: FastMCP[Any], *, collision_prefix: str = "health_") -> None:
+        """Serves ``status`` and ``get_tool_performance_stats`` on ``server`` from its next start.
+
+        They never shadow a tool of the server: where the server (or a server it mounts or
+        proxies) has a tool of that name at start, they are served as ``collision_prefix + name``.
+        """
+        self._status_servers.append((server, collision_prefix))
+
+    def _install_status_tools(self, server: FastMCP[Any], prefix: str, taken: set[str]) -> list[str]:
+        pipeline, added = self.pipeline, []
+
+        async def status() -> dict[str, Any]:
+            """Tool health (calls, errors, disabled tools, usage per action) and the thread census."""
+            return await pipeline.status()
+
+        async def get_tool_performance_stats() -> dict[str, Any]:
+            """Per-tool timing statistics: count, mean, p95, min, max and errors."""
+            return await pipeline.performance_stats()
+
+        injected = []
+        for fn in (status, get_tool_performance_stats):
+            name = self.status_tool_names.get(fn.__name__)
+            if name is None:  # decided once, at the first start
+                name = fn.__name__ if fn.__name__ not in taken else prefix + fn.__name__
+                self.status_tool_names[fn.__name__] = name
+                injected.append(Tool.from_function(fn, name=name))
+            added.append(name)
+        if injected:
+            # Injected, not registered: they answer even while a provider of the server (a proxied
+            # server that is down) cannot be reached.
+            server.add_middleware(ToolInjectionMiddleware(injected))
+        return added
+
+    # ------------------------------------------------------------ lifecycle
+
+    async def _read_tools(self, server: FastMCP[Any]) -> None:
+        """Fills the registry from the server's tool list; where the list cannot be read (a proxied
+        server that does not start), it prunes nothing this time."""
+        registry = self.pipeline.tools
+        strategy = server.provider_error_strategy
+        server.provider_error_strategy = "raise"  # a provider that fails must not read as one without tools
+        try:
+            with anyio.fail_after(self.call_timeout):
+                tools = list(await server.list_tools(run_middleware=False))
+        except Exception as exc:
+            logger.warning("Could not read the tool list of %r, so no tool history is pruned: %s", server.name, exc)
+            registry.keep_unknown = True
+            tools = []
+        else:
+            registry.keep_unknown = False
+        finally:
+            server.provider_error_strategy = strategy
+        taken = {tool.name for tool in tools}
+        for name in list(registry):
+            registry.remove(name)
+        self._takes_action.clear()
+        for tool in tools:
+            takes_action, actions = declared_actions(tool.parameters)
+            registry.add(tool.name, actions)
+            if takes_action:
+                self._takes_action.add(tool.name)
+        for status_server, prefix in self._status_servers:
+            for name in self._install_status_tools(status_server, prefix, taken - set(self.status_tool_names.values())):
+                registry.add(name, None)
+
+    @asynccontextmanager
+    async def _lifespan(self, server: FastMCP[Any]) -> AsyncIterator[dict[str, Any]]:
+        # FastMCP closes the lifespans inside a cancel scope of its own, so a lifespan must hold no task
+        # group across its yield: the runtime (and its periodic syncer) lives in a task of its own.
+        if self.pipeline.runtime.tracker is None:
+            await self._read_tools(server)
+        ready, stop = anyio.Event(), anyio.Event()
+
+        async def hold() -> None:
+            try:
+                async with self.pipeline.runtime.running():
+                    ready.set()
+                    await stop.wait()
+            finally:
+                ready.set()
+
+        holder = asyncio.get_running_loop().create_task(hold())
+        try:
+            await ready.wait()
+            if holder.done():
+                holder.result()  # opening failed: its error
+            yield {}
+        finally:
+            stop.set()
+            with anyio.CancelScope(shield=True):
+                await asyncio.wait({holder})
+    @asynccontextmanager
+    async def running(self, server: FastMCP[Any]) -> AsyncIterator[health.ToolHealthTracker]:
+        """Keeps the tracker while entered, for a lifespan of your own."""
+        async with self._lifespan(server):
+            yield self.pipeline.runtime.running_tracker()
+
+    async def flush(self) -> int:
+        """Writes what changed, on a worker thread; answers the rows written."""
+        return await self.pipeline.runtime.flush()
+
+    # ------------------------------------------------------------ the call path
+
+    async def on_call_tool(
+        self,
+        context: MiddlewareContext[Any],
+        call_next: CallNext[Any, ToolResult],
+    ) -> ToolResult:
+        message = context.message
+        tool: str = message.name
+        arguments = message.arguments if tool in self._takes_action else None
+        try:
+            call = self.pipeline.begin(tool, arguments)
+        except ToolRefused as refused:
+            raise ToolError(str(refused)) from None
+        timeout = self.call_timeout
+        try:
+            if timeout is None:
+                result = await call_next(context)
+            else:
+                with anyio.move_on_after(timeout) as deadline:
+                    result = await call_next(context)
+        except Exception as exc:
+            call.raised(exc)
+            raise
+        except BaseException:
+            call.cancelled()
+            raise
+        if timeout is not None and deadline.cancelled_caught:
+            text = f"Tool {tool!r} did not answer within {timeout:g} s"
+            call.failed(text, "TimeoutError")
+            raise ToolError(text)
+        if result.is_error:
+            call.failed(_error_text(result))
+        else:
+            call.succeeded()
+        return result

@@ -1,0 +1,104 @@
+"""The health middleware in a FastMCP server, called through FastMCP's in-memory client: the server's own tools,
+a mounted server's, FastMCP's argument validation, the status tools beside a tool of the same name, the time
+limit, and the history across a restart with a tool gone."""
+
+import itertools
+import json
+from pathlib import Path
+from typing import Any, Literal
+
+import pytest
+
+pytest.importorskip("fastmcp")
+
+import anyio  # noqa: E402
+from fastmcp import Client, FastMCP  # noqa: E402
+from fastmcp.tools.base import ToolResult  # noqa: E402
+from mcp.types import TextContent  # noqa: E402
+
+from ordanis_veltrane.config import ToolsConfig  # noqa: E402
+from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware, declared_actions  # noqa: E402
+from ordanis_veltrane.tool_handlers import health  # noqa: E402
+from test_mcp import REFUSED, stored  # noqa: E402
+
+
+@pytest.fixture(autouse=True)
+def restore(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(health, "TOOLS", health.TOOLS)  # the middleware installs its own registry
+
+
+def make_server(db: Path, mount: bool = True) -> tuple[FastMCP[Any], ToolHealthMiddleware]:
+    """A server with a `status` tool of its own, `search` (actions from a Literal), a slow tool and one that answers
+    an error result; a mounted server whose `flaky` tool raises (disabled after 2 errors)."""
+    mw = ToolHealthMiddleware(db, ToolsConfig(disable_after_errors=2, disable_cooldown_s=60), flush_interval=None,
+                              call_timeout=0.5)
+    server: FastMCP[Any] = FastMCP("main", lifespan=mw.lifespan, middleware=[mw])
+    runs = itertools.count(1)
+
+    @server.tool
+    def status() -> str:
+        return "the server's own status"
+
+    @server.tool
+    def search(query: str, action: Literal["text", "symbol"] = "text") -> str:
+        return f"{action}:{query}"
+
+    @server.tool
+    async def slow() -> str:
+        await anyio.sleep(30)
+        return "late"
+
+    @server.tool
+    def refuses() -> ToolResult:
+        return ToolResult(content=[TextContent(type="text", text="quota exceeded")], is_error=True)
+
+    if mount:
+        child: FastMCP[Any] = FastMCP("child")
+
+        @child.tool
+        def flaky() -> str:
+            raise RuntimeError(f"backend down {next(runs)}")
+
+        server.mount(child, namespace="child")
+    mw.add_status_tools(server)
+    return server, mw
+
+
+async def calls(server: FastMCP[Any], *batch: tuple[str, dict[str, Any]]) -> tuple[list[Any], dict[str, Any]]:
+    async with Client(server) as client:
+        seen = [await client.call_tool(name, args, raise_on_error=False) for name, args in batch]
+        answer = await client.call_tool("health_status", {})
+    assert isinstance(answer.content[0], TextContent)
+    return seen, {t["tool_name"]: t for t in json.loads(answer.content[0].text)["tool_health"]}
+
+
+def text(result: Any) -> str:
+    return str(result.content[0].text)
+
+
+def test_every_tool_is_tracked_validation_is_the_clients_fault_and_history_survives_a_restart(tmp_path: Path) -> None:
+    db = tmp_path / "health.db"
+    server, mw = make_server(db)
+    seen, status = anyio.run(calls, server, *[("child_flaky", {})] * 3, ("search", {"query": "q", "action": "symbol"}),
+                             ("search", {"query": "q", "action": "grep"}), ("search", {}), ("status", {}),
+                             ("refuses", {}), ("slow", {}))
+    assert [(r.is_error, m in text(r)) for r, m in zip(seen[:3], ("down 1", "down 2", REFUSED + "Error calling tool"))
+            ] == [(True, True)] * 3, seen
+    assert "backend down 2" in text(seen[2]) and text(seen[3]) == "symbol:q"
+    assert seen[4].is_error and seen[5].is_error and text(seen[6]) == "the server's own status"
+    assert text(seen[7]) == "quota exceeded" and "did not answer within 0.5 s" in text(seen[8])
+    assert mw.status_tool_names == {"status": "health_status",
+                                    "get_tool_performance_stats": "get_tool_performance_stats"}
+    usage = {(u["action"], u["outcome"]): u["calls"] for u in status["search"]["usage"]}
+    assert usage == {("symbol", "ok"): 1, ("(other)", "client_error"): 1, (None, "client_error"): 1}
+    assert (status["search"]["error_count"], status["child_flaky"]["disabled"]) == (0, True)
+    assert status["refuses"]["last_error"] == "quota exceeded" and status["slow"]["error_count"] == 1
+    assert mw.tracker is None
+    assert declared_actions({"properties": {"action": {"anyOf": [{"enum": ["a"]}, {"type": "null"}]}}}) == (True, ["a"])
+
+    # Restarted without the mounted server: its tool leaves the answers, but the shared store keeps its history
+    # for the servers that still mount it; the others' history stays.
+    seen, status = anyio.run(calls, make_server(db, mount=False)[0], ("search", {"query": "q"}))
+    rows, counts = stored(db)
+    assert "child_flaky" not in status and rows["child_flaky"][:2] == (2, 2) and status["search"]["call_count"] == 4
+    assert {k[0] for k in counts} == {"search", "status", "refuses", "slow", "health_status", "child_flaky"}
