@@ -37,7 +37,9 @@ ARGS = {"timezone": "UTC"}
 
 
 def child_env() -> dict[str, str]:
-    src = str(Path(__file__).resolve().parents[1] / "src")
+    import ordanis_veltrane
+
+    src = str(Path(ordanis_veltrane.__file__).resolve().parents[1])  # the package under test, installed or in place
     return {**os.environ, "PYTHONPATH": os.pathsep.join([src, *filter(None, [os.environ.get("PYTHONPATH")])])}
 
 

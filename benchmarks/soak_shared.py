@@ -175,7 +175,9 @@ def store_state(target: str) -> tuple[dict[str, int], int, int, int, int]:
 
 
 def soak(target: str, args: argparse.Namespace, cluster: Any, workdir: Path) -> dict[str, Any]:
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(ROOT / "src"), *sys.path])}
+    import ordanis_veltrane
+
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(Path(ordanis_veltrane.__file__).parents[1]), *sys.path])}
     rng = random.Random(args.seed)
     serial = 0
     logs: list[Path] = []
