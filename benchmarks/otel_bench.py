@@ -116,14 +116,12 @@ def bench_calls(quick: bool, workdir: Path) -> dict[str, Any]:
                             await client.call_tool(tool, args)
                         took = (ns() - t0) / calls
                         per_call[way, tool] = min(per_call.get((way, tool), math.inf), took)
-                        for observer in guards[way].observers:
+                        for observer in guards[way].pipeline.observers:
                             drain(observer)
             wrapped: dict[tuple[str, str], Callable[..., Any]] = {}
             for way, guard in guards.items():
-                spec = guard.registry.get("lookup")
-                assert spec is not None
-                wrapped[way, "lookup"] = guard._guarded("lookup", spec, lookup)
-                wrapped[way, "lookup_async"] = guard._guarded("lookup", spec, lookup_async)
+                wrapped[way, "lookup"] = guard._guarded("lookup", lookup)
+                wrapped[way, "lookup_async"] = guard._guarded("lookup", lookup_async)
             for _ in range(repeat):
                 for (way, tool), fn in wrapped.items():
                     t0 = ns()
@@ -132,7 +130,7 @@ def bench_calls(quick: bool, workdir: Path) -> dict[str, Any]:
                         if tool == "lookup_async":
                             await result
                     direct[way, tool] = min(direct.get((way, tool), math.inf), (ns() - t0) / direct_calls)
-                    for observer in guards[way].observers:
+                    for observer in guards[way].pipeline.observers:
                         drain(observer)
 
     saved_tools = health.TOOLS

@@ -207,6 +207,14 @@ class OtelObserver:
 
     # ------------------------------------------------------------ per call
 
+    def active(self) -> bool:
+        """Whether a call's report would have any effect: false while no provider is installed, so the
+        pipeline does not even build one."""
+        if (_METRICS_STATE._METER_PROVIDER is not self._seen_meter
+                or _TRACE_STATE._TRACER_PROVIDER is not self._seen_tracer):
+            self._follow_globals()
+        return self._spans or self._histogram is not None
+
     def call_finished(self, report: CallReportLike) -> None:
         """Records one finished call: cheap, and without effect while no provider is installed."""
         if (_METRICS_STATE._METER_PROVIDER is not self._seen_meter

@@ -157,6 +157,10 @@ class CallObserver(Protocol):
     def call_finished(self, report: CallReport) -> None: ...
 
 
+def _always() -> bool:
+    return True
+
+
 def default_observers() -> list[CallObserver]:
     """The observers an adapter uses when its host names none: OpenTelemetry's, where its API is installed."""
     try:
@@ -363,6 +367,8 @@ class ToolPipeline:
         self._client_predicate = is_client_error
         self.max_actions = max_actions
         self.observers: list[CallObserver] = list(default_observers() if observers is None else observers)
+        # An observer may say, cheaply, that a report would change nothing (`active()`): then none is built.
+        self._observed = [(o, getattr(o, "active", _always)) for o in self.observers]
         self._actions_seen: dict[str, set[str]] = {}
         self._actions_lock = threading.Lock()
 
@@ -462,10 +468,14 @@ class ToolPipeline:
 
     def _report(self, call: ToolCall, outcome: str, elapsed: float, error_type: str | None,
                 message: str | None) -> None:
-        report = CallReport(call.tool, call.action, call.alias_hit, outcome, elapsed, error_type, message,
-                            call.tracker)
-        for observer in self.observers:
+        report: CallReport | None = None
+        for observer, active in self._observed:
             try:
+                if not active():
+                    continue
+                if report is None:
+                    report = CallReport(call.tool, call.action, call.alias_hit, outcome, elapsed, error_type,
+                                        message, call.tracker)
                 observer.call_finished(report)
             except Exception:
                 logger.exception("A tool-call observer failed")
