@@ -53,7 +53,7 @@ def downstream_of(db: Path, module: str) -> list[int]:
 def test_time_and_git_servers_errors_refusal_status_history_and_sigterm(tmp_path: Path) -> None:
     """mcp-server-time through the SDK's client: errors, then the refusal with the last one. mcp-server-git on the
     same store through FastMCP's client: an isError result is an error, the tools of the other downstream are left
-    out of the answers. mcp-server-time again: still refused, and SIGTERM writes the refusal."""
+    out of the answers. mcp-server-time again: still refused, and SIGTERM writes what it counted."""
     pytest.importorskip("mcp_server_git")
     repo, db = tmp_path / "repo", tmp_path / "health.db"
     subprocess.run(["git", "init", "-q", str(repo)], check=True)
