@@ -3,7 +3,6 @@ a mounted server's, FastMCP's argument validation, the status tools beside a too
 limit, and the history across a restart with a tool gone."""
 
 import itertools
-import json
 from pathlib import Path
 from typing import Any, Literal
 
@@ -18,13 +17,7 @@ from mcp.types import TextContent  # noqa: E402
 
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
 from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware, declared_actions  # noqa: E402
-from ordanis_veltrane.tool_handlers import health  # noqa: E402
-from test_mcp import REFUSED, stored  # noqa: E402
-
-
-@pytest.fixture(autouse=True)
-def restore(monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(health, "TOOLS", health.TOOLS)  # the middleware installs its own registry
+from test_mcp import REFUSED, health_of, restore, stored, text  # noqa: E402,F401 (restore is autouse)
 
 
 def make_server(db: Path, mount: bool = True) -> tuple[FastMCP[Any], ToolHealthMiddleware]:
@@ -67,13 +60,7 @@ def make_server(db: Path, mount: bool = True) -> tuple[FastMCP[Any], ToolHealthM
 async def calls(server: FastMCP[Any], *batch: tuple[str, dict[str, Any]]) -> tuple[list[Any], dict[str, Any]]:
     async with Client(server) as client:
         seen = [await client.call_tool(name, args, raise_on_error=False) for name, args in batch]
-        answer = await client.call_tool("health_status", {})
-    assert isinstance(answer.content[0], TextContent)
-    return seen, {t["tool_name"]: t for t in json.loads(answer.content[0].text)["tool_health"]}
-
-
-def text(result: Any) -> str:
-    return str(result.content[0].text)
+        return seen, health_of(await client.call_tool("health_status", {}))
 
 
 def test_every_tool_is_tracked_validation_is_the_clients_fault_and_history_survives_a_restart(tmp_path: Path) -> None:
@@ -91,14 +78,12 @@ def test_every_tool_is_tracked_validation_is_the_clients_fault_and_history_survi
                                     "get_tool_performance_stats": "get_tool_performance_stats"}
     usage = {(u["action"], u["outcome"]): u["calls"] for u in status["search"]["usage"]}
     assert usage == {("symbol", "ok"): 1, ("(other)", "client_error"): 1, (None, "client_error"): 1}
-    assert (status["search"]["error_count"], status["child_flaky"]["disabled"]) == (0, True)
+    assert (status["search"]["error_count"], status["child_flaky"]["disabled"]) == (0, True) and mw.tracker is None
     assert status["refuses"]["last_error"] == "quota exceeded" and status["slow"]["error_count"] == 1
-    assert mw.tracker is None
     assert declared_actions({"properties": {"action": {"anyOf": [{"enum": ["a"]}, {"type": "null"}]}}}) == (True, ["a"])
 
     # Restarted without the mounted server: its tool leaves the answers, but the shared store keeps its history
     # for the servers that still mount it; the others' history stays.
     seen, status = anyio.run(calls, make_server(db, mount=False)[0], ("search", {"query": "q"}))
-    rows, counts = stored(db)
-    assert "child_flaky" not in status and rows["child_flaky"][:2] == (2, 2) and status["search"]["call_count"] == 4
-    assert {k[0] for k in counts} == {"search", "status", "refuses", "slow", "health_status", "child_flaky"}
+    assert "child_flaky" not in status and stored(db)[0]["child_flaky"][:2] == (2, 2)
+    assert status["search"]["call_count"] == 4

@@ -1,5 +1,5 @@
 """The tool-call guard behind a real MCP server, called by the SDK's own client: the example server over stdio
-as a subprocess, and servers in memory."""
+as a subprocess, and servers in memory. The pipeline, FastMCP and proxy tests share the helpers here."""
 
 import itertools
 import json
@@ -10,7 +10,7 @@ import sys
 import threading
 from contextlib import asynccontextmanager
 from pathlib import Path
-from typing import Any, AsyncIterator, Awaitable, Callable, Iterable, Iterator
+from typing import Any, AsyncIterator, Callable, Iterable, Iterator
 
 import pytest
 
@@ -34,15 +34,19 @@ REFUSED = "is disabled after repeated errors; last error: "
 
 @pytest.fixture(autouse=True)
 def restore(monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
-    monkeypatch.setattr(health, "TOOLS", health.TOOLS)  # the guard installs its own registry
+    monkeypatch.setattr(health, "TOOLS", health.TOOLS)  # every adapter installs its own registry
     get_timing_collector().reset()
     yield
     get_timing_collector().reset()
 
 
-def text(result: CallToolResult) -> str:
-    assert isinstance(result.content[0], TextContent)
-    return result.content[0].text
+def text(result: Any) -> str:
+    return str(result.content[0].text)
+
+
+def health_of(result: Any) -> dict[str, Any]:
+    """A status tool's answer, by tool."""
+    return {t["tool_name"]: t for t in json.loads(text(result))["tool_health"]}
 
 
 def stored(db: Path) -> tuple[dict[str, tuple[Any, ...]], dict[tuple[Any, ...], int]]:
@@ -54,60 +58,62 @@ def stored(db: Path) -> tuple[dict[str, tuple[Any, ...]], dict[tuple[Any, ...], 
                 {(u["tool"], u["action"], u["outcome"], u["alias_hit"]): u["calls"] for u in json.loads(doc)})
 
 
-@asynccontextmanager
-async def stdio(tmp_path: Path, *flags: str) -> AsyncIterator[Callable[..., Awaitable[CallToolResult]]]:
-    """A ClientSession over stdio with `python -m ordanis_veltrane.mcp_server --db tmp_path/repo.db *flags`."""
-    server = ["-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"), *flags]
-    params = StdioServerParameters(command=sys.executable, args=server, env=child_env())
-    with open(tmp_path / "server.log", "a") as errlog:
-        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
-            await session.initialize()
-            yield session.call_tool
-
-
-def test_example_server_over_stdio_disables_keeps_it_across_a_restart_and_reports(tmp_path: Path) -> None:
-    async def scenario() -> None:
-        # Only the final flush writes (interval 0): the restart shows that it ran.
-        async with stdio(tmp_path, "--disable-after", "2", "--cooldown", "30", "--flush-interval", "0") as call:
-            seen = [await call("always_fails") for _ in range(3)]
-            assert not (await call("search", {"query": "x", "action": "grep"})).is_error
-            status = json.loads(text(await call("status")))
-            perf = {t["name"]: t for t in json.loads(text(await call("get_tool_performance_stats")))["tools"]}
-        async with stdio(tmp_path, "--disable-after", "2", "--cooldown", "30") as call:
-            seen.append(await call("always_fails"))  # a fresh process would count from attempt 1
-            restarted = json.loads(text(await call("status")))
-        refused = REFUSED + "the backend is unreachable (attempt 2)"
-        expected = ("(attempt 1)", "(attempt 2)", refused, refused)
-        assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
-        health_of = {t["tool_name"]: t for t in status["tool_health"]}
-        assert health_of["always_fails"]["disabled"] and health_of["always_fails"]["error_count"] == 2
-        assert [(u["action"], u["alias_hit"], u["calls"]) for u in health_of["search"]["usage"]] == [("text", True, 1)]
-        assert {"python", "budget"} <= status["threads"].keys()
-        assert (perf["always_fails"]["count"], perf["always_fails"]["errors"], perf["search"]["count"]) == (2, 2, 1)
-        assert {t["tool_name"]: t["call_count"] for t in restarted["tool_health"]}["search"] == 1
-
-    anyio.run(scenario)
-    assert "Traceback" in (tmp_path / "server.log").read_text()  # a crash's traceback stays on the server
-
-
-@pytest.mark.skipif(sys.platform == "win32", reason="POSIX signals")
-def test_example_server_writes_its_changes_when_terminated_while_stdin_is_open(tmp_path: Path) -> None:
-    server = subprocess.Popen([sys.executable, "-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "repo.db"),
-                               "--flush-interval", "0"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+def terminate_after_calls(args: list[str], *calls: dict[str, Any]) -> None:
+    """Runs `python *args` as an MCP server, makes the tool calls over stdio and sends SIGTERM with stdin still open:
+    the server must exit cleanly."""
+    server = subprocess.Popen([sys.executable, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL, text=True, env=child_env())
     assert server.stdin is not None and server.stdout is not None
     try:
         hello = {"protocolVersion": "2025-06-18", "capabilities": {}, "clientInfo": {"name": "t", "version": "1"}}
         for message in ({"id": 1, "method": "initialize", "params": hello}, {"method": "notifications/initialized"},
-                        {"id": 2, "method": "tools/call", "params": {"name": "always_fails", "arguments": {}}}):
+                        *({"id": n, "method": "tools/call", "params": call} for n, call in enumerate(calls, 2))):
             server.stdin.write(json.dumps({"jsonrpc": "2.0", **message}) + "\n")
             server.stdin.flush()
             assert "id" not in message or json.loads(server.stdout.readline())["id"] == message["id"]
         server.send_signal(signal.SIGTERM)
-        assert server.wait(10) == 0
+        assert server.wait(20) == 0
     finally:
         server.kill()
-    assert stored(tmp_path / "repo.db")[0] == {"always_fails": (1, 1, "the backend is unreachable (attempt 1)")}
+
+
+@asynccontextmanager
+async def stdio(args: list[str], log: Path) -> AsyncIterator[ClientSession]:
+    """A ClientSession with the MCP server `python *args` over stdio; its stderr goes to `log`."""
+    params = StdioServerParameters(command=sys.executable, args=args, env=child_env())
+    with open(log, "a") as errlog:
+        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
+            await session.initialize()
+            yield session
+
+
+def test_example_server_over_stdio_disables_keeps_it_across_a_restart_reports_and_writes_on_sigterm(
+        tmp_path: Path) -> None:
+    server, log = ["-m", "ordanis_veltrane.mcp_server", "--disable-after", "2", "--cooldown", "30"], tmp_path / "log"
+
+    async def scenario() -> None:
+        # Only the final flush writes (interval 0): the restart shows that it ran.
+        async with stdio([*server, "--db", str(tmp_path / "repo.db"), "--flush-interval", "0"], log) as first:
+            seen = [await first.call_tool("always_fails") for _ in range(3)]
+            assert not (await first.call_tool("search", {"query": "x", "action": "grep"})).is_error
+            status = json.loads(text(await first.call_tool("status")))
+        async with stdio([*server, "--db", str(tmp_path / "repo.db")], log) as second:
+            seen.append(await second.call_tool("always_fails"))  # a fresh process would count from attempt 1
+            restarted = health_of(await second.call_tool("status"))
+        refused = REFUSED + "the backend is unreachable (attempt 2)"
+        expected = ("(attempt 1)", "(attempt 2)", refused, refused)
+        assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
+        search = {t["tool_name"]: t for t in status["tool_health"]}["search"]
+        assert [(u["action"], u["alias_hit"], u["calls"]) for u in search["usage"]] == [("text", True, 1)]
+        assert {"python", "budget"} <= status["threads"].keys() and restarted["search"]["call_count"] == 1
+
+    anyio.run(scenario)
+    assert "Traceback" in log.read_text()  # a crash's traceback stays on the server
+    if sys.platform != "win32":
+        db = tmp_path / "fresh.db"
+        terminate_after_calls([*server, "--db", str(db), "--flush-interval", "0"],
+                              {"name": "always_fails", "arguments": {}})
+        assert stored(db)[0] == {"always_fails": (1, 1, "the backend is unreachable (attempt 1)")}
 
 
 class GatedDb:
@@ -132,11 +138,13 @@ class GatedDb:
         return run
 
 
-def make_server(repository: Any, keep: Iterable[str] | None = None, flush: float | None = None
+def make_server(repository: Any, keep: Iterable[str] | None = None, cooldown: float = 0.3, **options: Any
                 ) -> tuple[MCPServer[Any], ToolGuard, threading.Event]:
-    """Guarded sync and async tools: failing ones (disabled after 2 errors for 0.3 s), `ok` with actions and
-    synonyms, and `blocks`, which waits for the event answered."""
-    guard = ToolGuard(repository, ToolsConfig(disable_after_errors=2, disable_cooldown_s=0.3), flush_interval=flush)
+    """Guarded sync and async tools, disabled after 2 errors for `cooldown` s: failing ones; `ok` with actions and
+    synonyms; `ok_async`, whose actions are not declared; `picky` (a negative n raises ValueError, 1 LookupError,
+    0 RuntimeError); `blocks`, which waits for the event answered. `options` go to the ToolGuard."""
+    options.setdefault("flush_interval", None)
+    guard = ToolGuard(repository, ToolsConfig(disable_after_errors=2, disable_cooldown_s=cooldown), **options)
     server: MCPServer[Any] = MCPServer("test", lifespan=guard.lifespan)
     runs, gate = itertools.count(1), threading.Event()
 
@@ -152,46 +160,56 @@ def make_server(repository: Any, keep: Iterable[str] | None = None, flush: float
     def ok(action: str = "text") -> str:
         return action
 
-    async def ok_async() -> str:
+    async def ok_async(action: str | None = None) -> str:
         return "done"
+
+    def picky(n: int) -> int:
+        if n < 0:
+            raise ValueError(f"n must not be negative, got {n}")
+        if n == 1:
+            raise LookupError("no such item")
+        if n == 0:
+            raise RuntimeError("backend down")
+        return n
 
     def blocks() -> str:
         return str(gate.wait(10))
 
-    for fn in (fails, fails_async, error_result, ok, ok_async, blocks):
+    for fn in (fails, fails_async, error_result, ok, ok_async, picky, blocks):
         if keep is None or fn.__name__ in keep:
             guard.add_tool(server, fn, actions=[ActionSpec("text", ("grep",)), "symbol"] if fn is ok else None)
     guard.add_status_tools(server)
     return server, guard, gate
 
 
-async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) -> tuple[list[Any], dict[str, Any]]:
-    """The answers of the calls, in order, and the status tool's health by tool afterwards."""
+async def session(server: MCPServer[Any], *calls: tuple[str, dict[str, Any]]) -> list[Any]:
+    """The answers of the calls, in order, from one client; a call ("", {"s": seconds}) sleeps instead."""
+    seen = []
     async with Client(server, mode="legacy") as client:
-        seen = []
         for tool, args in calls:
-            seen.append(await client.call_tool(tool, args) if tool else await anyio.sleep(args["s"]))
-        status = json.loads(text(await client.call_tool("status", {})))
-    return [s for s in seen if s is not None], {t["tool_name"]: t for t in status["tool_health"]}
+            if tool:
+                seen.append(await client.call_tool(tool, args))
+            else:
+                await anyio.sleep(args["s"])
+    return seen
 
 
 @pytest.mark.parametrize("tool", ["fails", "fails_async", "error_result"])
-def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_is_pruned_once_removed(tmp_path: Path,
-                                                                                           tool: str) -> None:
+def test_failing_tool_is_disabled_runs_again_after_the_cooldown_and_keeps_its_history_once_removed(
+        tmp_path: Path, tool: str) -> None:
     """The client sees each error, then the refusal with the last one; after the cooldown the handler runs again.
     At the next start without that tool it leaves the answers, but the shared store keeps its history for the
-    processes that still serve it; the others keep theirs (an action the tool does not have, given to `ok`, is
-    counted under the bucket, which stays)."""
+    processes that still serve it (an action `ok` does not have is counted under the bucket, which stays)."""
     db, server, guard, _ = tmp_path / "repo.db", *make_server(tmp_path / "repo.db")
     calls = [(tool, {})] * 3 + [("", {"s": 0.35}), (tool, {}), ("ok", {"action": "grep"}), ("ok", {"action": "sym"})]
-    seen, _ = anyio.run(session, server, *calls)
+    seen = anyio.run(session, server, *calls, ("status", {}))
     expected = ("bad input 1", "bad input 2", REFUSED + "bad input 2", "bad input 3")
     assert [(r.is_error, m in text(r)) for r, m in zip(seen, expected)] == [(True, True)] * 4, seen
     assert guard.tracker is None
     assert stored(db) == ({tool: (3, 3, "bad input 3"), "ok": (2, 0, None), "status": (1, 0, None)}, {
         (tool, None, "error", False): 3, (tool, None, "disabled", False): 1, ("ok", "text", "ok", True): 1,
         ("ok", "(other)", "ok", False): 1, ("status", None, "ok", False): 1})
-    _, after = anyio.run(session, make_server(db, keep=("ok",))[0])
+    after = health_of(anyio.run(session, make_server(db, keep=("ok",))[0], ("status", {}))[0])
     rows, counts = stored(db)
     assert set(after) == {"ok", "status"} and after["ok"]["call_count"] == 2
     assert set(rows) == {k[0] for k in counts} == {tool, "ok", "status"} and rows[tool] == (3, 3, "bad input 3")
@@ -205,9 +223,14 @@ def test_fifty_concurrent_calls_count_exactly_while_a_flush_waits_and_a_handler_
     repo = Repository(tmp_path / "repo.db")
     db = repo.db = GatedDb(repo.db)  # type: ignore[assignment]
     db.fail = 1  # the first flush fails; its changes stay marked for the next
-    server, _, gate = make_server(repo, flush=0.02)
+    server, _, gate = make_server(repo, flush_interval=0.02)
     census, threads = health.thread_census, list[int]()
-    monkeypatch.setattr(health, "thread_census", lambda: threads.append(threading.get_ident()) or census())
+
+    def counted_census() -> Any:
+        threads.append(threading.get_ident())
+        return census()
+
+    monkeypatch.setattr(health, "thread_census", counted_census)
     calls = [("ok", {"action": "grep"}), ("ok", {"action": "symbol"}), ("ok", {}), ("ok_async", {}), ("fails", {})]
 
     async def scenario() -> None:
