@@ -97,11 +97,12 @@ def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_t
     db = tmp_path / "health.db"
 
     async def scenario() -> None:
-        async with sdk_session(db, TIME, "--call-timeout", "3") as session:
+        # Errors enough to disable the tool are allowed for: a slow machine may need several calls to restart it.
+        async with sdk_session(db, TIME, "--call-timeout", "3", "--disable-after", "20") as session:
             assert not (await session.call_tool("get_current_time", {"timezone": "UTC"})).is_error
             (pid,) = downstream_of(db, "mcp_server_time")
             os.kill(pid, signal.SIGSTOP)
-            with anyio.fail_after(20):
+            with anyio.fail_after(60):
                 hung = await session.call_tool("get_current_time", {"timezone": "UTC"})
                 assert hung.is_error and "did not answer within 3 s" in text(hung)
                 threading.Timer(0.5, os.kill, (pid, signal.SIGKILL)).start()  # while the next call waits
@@ -109,13 +110,13 @@ def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_t
                 assert died.is_error and "Connection closed" in text(died), text(died)
                 # The next call starts it again (on a loaded machine that may take longer than one call may).
                 restarts = [await session.call_tool("get_current_time", {"timezone": "UTC"})]
-                while restarts[-1].is_error and len(restarts) < 3:
+                while restarts[-1].is_error and len(restarts) < 8:
                     restarts.append(await session.call_tool("get_current_time", {"timezone": "UTC"}))
             assert not restarts[-1].is_error and downstream_of(db, "mcp_server_time") not in ([], [pid])
         # A downstream that does not start (it exits at once; there is no such command): the proxy still answers,
         # the call is an error of the tool, and the history (every call above counted) stays.
         for attempt, command in enumerate(([sys.executable, "-m", "no_such_mcp_server"], ["/no/such/mcp-server"])):
-            async with sdk_session(db, command, "--call-timeout", "10") as session:
+            async with sdk_session(db, command, "--call-timeout", "10", "--disable-after", "20") as session:
                 with anyio.fail_after(30):
                     tools = {t.name for t in (await session.list_tools()).tools}
                     failed = await session.call_tool("get_current_time", {"timezone": "UTC"})
