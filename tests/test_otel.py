@@ -144,6 +144,7 @@ def provider_set_later(db: str) -> None:
     then with an SDK meter and tracer provider installed as globals."""
     import anyio
     from mcp import Client
+    from mcp.types import CallToolResult, TextContent
     from opentelemetry import metrics, trace
 
     from ordanis_veltrane.mcp_guard import ToolGuard
@@ -151,6 +152,11 @@ def provider_set_later(db: str) -> None:
 
     guard = ToolGuard(db, ToolsConfig(disable_after_errors=3, disable_cooldown_s=600), flush_interval=None)
     server = build_server(guard)
+
+    @guard.tool(server)
+    def answers_error() -> CallToolResult:  # a failure answered, not raised
+        return CallToolResult(content=[TextContent(type="text", text="quota exceeded")], is_error=True)
+
     observer = otel.default_observer()
     assert observer is not None and guard.pipeline.observers == [observer]
     reader, spans, tracer_provider = InMemoryMetricReader(), InMemorySpanExporter(), TracerProvider()
@@ -163,17 +169,18 @@ def provider_set_later(db: str) -> None:
             metrics.set_meter_provider(MeterProvider(metric_readers=[reader]))
             trace.set_tracer_provider(tracer_provider)
             await client.call_tool("search", {"query": "after", "action": "grep"})
+            await client.call_tool("answers_error", {})
             for _ in range(4):  # three errors disable it; the fourth call is refused
                 await client.call_tool("always_fails", {})
 
     anyio.run(run)
     points = list(collect(reader)[DURATION].values())
     counts = {(p.attributes["gen_ai.tool.name"], p.attributes.get("error.type")): p.count for p in points}
-    assert counts == {("search", None): 1, ("always_fails", "RuntimeError"): 3,
+    assert counts == {("search", None): 1, ("answers_error", "tool_error"): 1, ("always_fails", "RuntimeError"): 3,
                       ("always_fails", "tool_disabled"): 1}, counts
     assert all(tuple(p.explicit_bounds) == otel.DURATION_BUCKETS for p in points)
     served = [s for s in spans.get_finished_spans() if s.name.startswith("tools/call ")]
-    assert len(served) == 5, served  # one server span per call: the SDK's, annotated
+    assert len(served) == 6, served  # one server span per call: the SDK's, annotated
     failing = [(s.attributes["veltrane.tool.consecutive_errors"], s.attributes["veltrane.tool.disabled"])
                for s in served if s.name == "tools/call always_fails"]
     assert failing == [(1, False), (2, False), (3, True), (3, True)], failing
