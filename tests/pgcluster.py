@@ -40,7 +40,9 @@ class PgCluster:
         command = [str(self.bin / tool), *args]
         if os.geteuid() == 0:
             command = ["runuser", "-u", "postgres", "--", *command]
-        result = subprocess.run(command, capture_output=True, text=True, timeout=120, cwd=self.dir)
+        # The server is not under test: a sanitizer runtime preloaded into the tests' interpreter stays out of it.
+        env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "ASAN_OPTIONS", "UBSAN_OPTIONS")}
+        result = subprocess.run(command, capture_output=True, text=True, timeout=120, cwd=self.dir, env=env)
         if result.returncode != 0:
             raise RuntimeError(f"{tool} failed: {result.stdout}{result.stderr}")
 
