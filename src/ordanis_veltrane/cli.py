@@ -4,9 +4,13 @@ from __future__ import annotations
 
 import argparse
 import math
+import os
+import signal
 import sys
 from pathlib import Path
-from typing import TYPE_CHECKING, Callable, Union
+from typing import TYPE_CHECKING, Awaitable, Callable, Union
+
+import anyio
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.tool_pipeline import check_target
@@ -15,7 +19,7 @@ if TYPE_CHECKING:
     from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
 
 __all__ = ["METRICS_CONNECTIONS", "Target", "add_health_arguments", "at_least", "health_limits",
-           "health_thread_budget", "start_metrics"]
+           "health_thread_budget", "serve_stdio", "start_metrics"]
 
 Target = Union[str, Path]
 # Scrapes served at once by --metrics-port.
@@ -95,3 +99,25 @@ def start_metrics(parser: argparse.ArgumentParser, args: argparse.Namespace,
     # stdout carries the protocol; everything else goes to stderr.
     print(f"serving tool health metrics at {metrics.url}", file=sys.stderr, flush=True)
     return metrics
+
+
+async def serve_stdio(run_stdio: Callable[[], Awaitable[object]], finish: Callable[[], Awaitable[object]]) -> None:
+    """Serves over stdio until stdin closes. SIGTERM or SIGINT end the calls in flight, run ``finish``
+    (shielded, 30 s at most) and leave at once: the thread that reads stdin cannot be cancelled and
+    would hold the exit until stdin closes."""
+    async with anyio.create_task_group() as tg:
+        if sys.platform != "win32":
+
+            async def stop_on_signal() -> None:
+                with anyio.open_signal_receiver(signal.SIGTERM, signal.SIGINT) as signals:
+                    async for _ in signals:
+                        break
+                tg.cancel_scope.cancel()
+                with anyio.CancelScope(shield=True), anyio.move_on_after(30):
+                    await finish()
+                sys.stderr.flush()
+                os._exit(0)
+
+            tg.start_soon(stop_on_signal)
+        await run_stdio()
+        tg.cancel_scope.cancel()

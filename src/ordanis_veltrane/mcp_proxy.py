@@ -15,14 +15,15 @@ from __future__ import annotations
 import argparse
 import logging
 import os
-import signal
 import sys
 from contextlib import asynccontextmanager
 from typing import TYPE_CHECKING, Any, AsyncIterator, Sequence
 
 import anyio
 
-from ordanis_veltrane.cli import add_health_arguments, at_least, health_limits, health_thread_budget, start_metrics
+from ordanis_veltrane.cli import (
+    add_health_arguments, at_least, health_limits, health_thread_budget, serve_stdio, start_metrics,
+)
 from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware
 
 try:
@@ -160,27 +161,14 @@ def build_proxy(
 
 async def serve(proxy: FastMCP[Any], health: ToolHealthMiddleware) -> None:
     """Serves over stdio until stdin closes or SIGTERM/SIGINT; the health is written either way."""
-    async with anyio.create_task_group() as tg:
-        if sys.platform != "win32":
+    async def write_health() -> None:
+        # FastMCP holds the lifespan open until stdin closes: the health is written here, not by the lifespan.
+        try:
+            await health.flush()
+        except Exception as exc:
+            logger.error("Could not write the tool health at exit: %s", exc)
 
-            async def stop_on_signal() -> None:
-                with anyio.open_signal_receiver(signal.SIGTERM, signal.SIGINT) as signals:
-                    async for _ in signals:
-                        break
-                # FastMCP holds the lifespan open until the thread that reads stdin returns, which it does only
-                # once stdin closes: end the calls in flight (they count as cancelled), write what changed and leave.
-                tg.cancel_scope.cancel()
-                with anyio.CancelScope(shield=True), anyio.move_on_after(30):
-                    try:
-                        await health.flush()
-                    except Exception as exc:
-                        logger.error("Could not write the tool health at exit: %s", exc)
-                sys.stderr.flush()
-                os._exit(0)
-
-            tg.start_soon(stop_on_signal)
-        await proxy.run_stdio_async(show_banner=False)
-        tg.cancel_scope.cancel()
+    await serve_stdio(lambda: proxy.run_stdio_async(show_banner=False), write_health)
 
 
 def _parser() -> argparse.ArgumentParser:

@@ -12,8 +12,6 @@ from __future__ import annotations
 
 import argparse
 import itertools
-import os
-import signal
 import sys
 from contextlib import asynccontextmanager
 from typing import TYPE_CHECKING, AsyncIterator, Sequence
@@ -21,7 +19,7 @@ from typing import TYPE_CHECKING, AsyncIterator, Sequence
 import anyio
 from mcp.server.mcpserver import MCPServer
 
-from ordanis_veltrane.cli import add_health_arguments, health_limits, health_thread_budget, start_metrics
+from ordanis_veltrane.cli import add_health_arguments, health_limits, health_thread_budget, serve_stdio, start_metrics
 from ordanis_veltrane.mcp_guard import ToolGuard
 from ordanis_veltrane.tool_registry import TOOLS, ActionSpec
 
@@ -106,25 +104,8 @@ async def serve(guard: ToolGuard, metrics: MetricsServer | None = None) -> None:
     """Serves over stdio until stdin closes or SIGTERM/SIGINT; the final flush runs either way."""
     stopped = anyio.Event()
     server = build_server(guard, metrics, stopped)
-    async with anyio.create_task_group() as tg:
-        if sys.platform != "win32":
-
-            async def stop_on_signal() -> None:
-                with anyio.open_signal_receiver(signal.SIGTERM, signal.SIGINT) as signals:
-                    async for _ in signals:
-                        break
-                # Cancelling ends the calls in flight and the lifespan, whose final flush is shielded. The
-                # thread that reads stdin cannot be cancelled and would hold the exit until stdin closes,
-                # so the process leaves as soon as the flush is done.
-                tg.cancel_scope.cancel()
-                with anyio.CancelScope(shield=True), anyio.move_on_after(30):
-                    await stopped.wait()
-                sys.stderr.flush()
-                os._exit(0)
-
-            tg.start_soon(stop_on_signal)
-        await server.run_stdio_async()
-        tg.cancel_scope.cancel()
+    # Cancelling ends the calls in flight and the lifespan, whose final flush is shielded; the exit waits for it.
+    await serve_stdio(server.run_stdio_async, stopped.wait)
 
 
 def _parser() -> argparse.ArgumentParser:
