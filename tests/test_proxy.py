@@ -25,7 +25,10 @@ from mcp import ClientSession  # noqa: E402
 from conftest import child_env  # noqa: E402
 from test_mcp import REFUSED, health_of, stdio, stored, terminate_after_calls, text  # noqa: E402
 
-TIME = [sys.executable, "-m", "mcp_server_time"]
+# The downstream servers are not under test: a sanitizer runtime preloaded into the tests stays out of them (it
+# would make a restarted one slower to start than a call may take).
+CLEAN_ENV = ["env", "-u", "LD_PRELOAD", "-u", "PYTHONMALLOC"] if os.environ.get("LD_PRELOAD") else []
+TIME = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_time"]
 
 
 def proxy_args(db: Path, downstream: list[str], *flags: str) -> list[str]:
@@ -59,7 +62,7 @@ def test_time_and_git_servers_errors_refusal_status_history_and_sigterm(tmp_path
     subprocess.run(["git", "init", "-q", str(repo)], check=True)
     subprocess.run(["git", "-C", str(repo), "-c", "user.name=t", "-c", "user.email=t@e", "commit", "-q",
                     "--allow-empty", "-m", "first"], check=True)
-    git = [sys.executable, "-m", "mcp_server_git", "--repository", str(repo)]
+    git = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_git", "--repository", str(repo)]
     flags = ("--disable-after", "2", "--cooldown", "60")
 
     async def scenario() -> None:
