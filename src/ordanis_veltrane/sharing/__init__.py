@@ -36,9 +36,7 @@ import socket
 import threading
 import time
 import uuid
-from pathlib import Path
 from typing import Any, Callable, Protocol, Union
-from urllib.parse import urlsplit
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
@@ -52,11 +50,12 @@ from ordanis_veltrane.sharing.batches import (
     usage_key_text,
 )
 from ordanis_veltrane.sharing.stores import PostgresStore, SqliteStore, Store
+from ordanis_veltrane.sharing.targets import check_target, is_postgres_url, redact_url
 from ordanis_veltrane.tool_handlers import health
 
 __all__ = [
     "Batch", "HealthHandle", "PlainHealth", "PostgresStore", "Pulled", "SharedHealth", "SqliteStore", "Store",
-    "check_target", "is_postgres_url", "open_health",
+    "check_target", "is_postgres_url", "open_health", "redact_url",
 ]
 
 logger: logging.Logger = logging.getLogger(__name__)
@@ -84,58 +83,6 @@ class HealthHandle(Protocol):
 
 
 # ---------------------------------------------------------------- targets
-
-
-def is_postgres_url(target: object) -> bool:
-    return isinstance(target, str) and target.lower().startswith(("postgresql://", "postgres://"))
-
-
-def check_target(target: str | os.PathLike[str]) -> None:
-    """Raises ``ValueError`` with a clear message when ``target`` is neither a well-formed
-    ``postgresql://`` URL nor the path of a SQLite file that can be opened; creates nothing."""
-    if is_postgres_url(target):
-        text = str(target)
-        try:
-            parts = urlsplit(text)
-            parts.port  # noqa: B018 - raises for a port that is not a number
-        except ValueError as exc:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: {exc}") from None
-        if not parts.hostname and "host=" not in parts.query:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: no host")
-        try:
-            from psycopg.conninfo import conninfo_to_dict
-        except ImportError as exc:
-            raise ValueError(f"{text!r} needs psycopg: install the 'postgres' extra ({exc})") from None
-        try:
-            conninfo_to_dict(text)
-        except Exception as exc:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: {exc}") from None
-        return
-    text = os.fspath(target)
-    if isinstance(text, bytes) or not text:
-        raise ValueError(f"not a database path or URL: {target!r}")
-    if "://" in text:
-        raise ValueError(f"unsupported database URL {text!r}: use postgresql://... or a SQLite file path")
-    path = Path(text)
-    if path.exists():
-        if not path.is_file():
-            raise ValueError(f"cannot open {text!r} as a SQLite database: it is not a file")
-        if not os.access(path, os.R_OK | os.W_OK):
-            raise ValueError(f"cannot open {text!r} as a SQLite database: no read and write permission")
-        # The header, not a connection: opening a database in WAL mode would create its side files.
-        try:
-            with open(path, "rb") as f:
-                header = f.read(16)
-        except OSError as exc:
-            raise ValueError(f"cannot open {text!r} as a SQLite database: {exc.strerror}") from None
-        if header and header != b"SQLite format 3\x00":
-            raise ValueError(f"cannot open {text!r} as a SQLite database: the file is not a database")
-        return
-    parent = path.parent
-    if not parent.is_dir():
-        raise ValueError(f"cannot create the SQLite database {text!r}: directory {str(parent)!r} does not exist")
-    if not os.access(parent, os.W_OK | os.X_OK):
-        raise ValueError(f"cannot create the SQLite database {text!r}: directory {str(parent)!r} is not writable")
 
 
 def open_health(target: Target, limits: ToolsConfig | None) -> HealthHandle:
