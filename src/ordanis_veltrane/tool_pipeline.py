@@ -321,9 +321,10 @@ class ToolCall:
     def succeeded(self) -> None:
         self.pipeline._finish(self, None, None, False)
 
-    def failed(self, message: str, error_type: str = "tool_error") -> None:
-        """The handler answered an error result (``tool_error``), or raised (its type's name)."""
-        self.pipeline._finish(self, message, error_type, False)
+    def failed(self, message: str, error_type: str = "tool_error", *, client: bool = False) -> None:
+        """The handler answered an error result (``tool_error``), or raised (its type's name); ``client``
+        says the failure is the client's fault (bad input), which is never held against the tool."""
+        self.pipeline._finish(self, message, error_type, client)
 
     def raised(self, exc: BaseException) -> bool:
         """Records a raised error; answers whether it was the client's fault."""
