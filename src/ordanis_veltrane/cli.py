@@ -3,6 +3,7 @@ disabling limits, how often it is written, and the Prometheus metrics."""
 from __future__ import annotations
 
 import argparse
+import logging
 import math
 import os
 import signal
@@ -20,6 +21,8 @@ if TYPE_CHECKING:
 
 __all__ = ["METRICS_CONNECTIONS", "Target", "add_health_arguments", "at_least", "health_limits",
            "health_thread_budget", "serve_stdio", "start_metrics"]
+
+logger: logging.Logger = logging.getLogger("ordanis_veltrane")
 
 Target = Union[str, Path]
 # Scrapes served at once by --metrics-port.
@@ -53,7 +56,8 @@ def _target(text: str) -> Target:
 
 
 def add_health_arguments(parser: argparse.ArgumentParser) -> None:
-    """``--db``, ``--disable-after``, ``--cooldown``, ``--flush-interval`` and ``--metrics-port``."""
+    """``--db``, ``--disable-after``, ``--cooldown``, ``--flush-interval``, ``--metrics-port``, ``--metrics-host``,
+    ``--hide-disabled`` and ``--no-status-tools``."""
     parser.add_argument("--db", type=_target, required=True, metavar="PATH|URL",
                         help="where the tool health is kept and shared with every server using it: a SQLite "
                              "file (created if missing, in a directory that exists) or a postgresql:// URL")
@@ -64,7 +68,15 @@ def add_health_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--flush-interval", type=at_least(0, float), default=5.0, metavar="S",
                         help="seconds between writes of the health to --db; 0: only at shutdown (default 5)")
     parser.add_argument("--metrics-port", type=at_least(0, int, 65535), metavar="N",
-                        help="serve Prometheus metrics on 127.0.0.1:N (0 picks a free port; needs the metrics extra)")
+                        help="serve Prometheus metrics on --metrics-host:N (0 picks a free port; needs the metrics "
+                             "extra); a port that is taken is logged and the server serves on without metrics")
+    parser.add_argument("--metrics-host", default="127.0.0.1", metavar="ADDR",
+                        help="the address the metrics are served on (default 127.0.0.1, this machine only; "
+                             "0.0.0.0 serves them to every network this machine is on)")
+    parser.add_argument("--hide-disabled", action="store_true",
+                        help="leave disabled tools out of tools/list and tell the client when the list changes")
+    parser.add_argument("--no-status-tools", dest="status_tools", action="store_false",
+                        help="do not serve the status and get_tool_performance_stats tools")
 
 
 def health_limits(args: argparse.Namespace) -> ToolsConfig:
@@ -86,16 +98,24 @@ def health_thread_budget(args: argparse.Namespace, extra: int = 0) -> int:
 
 def start_metrics(parser: argparse.ArgumentParser, args: argparse.Namespace,
                   thread_budget: int) -> MetricsServer | None:
-    """Serves the Prometheus metrics where ``--metrics-port`` asks for them (the URL goes to stderr)."""
+    """Serves the Prometheus metrics where ``--metrics-port`` asks for them (the URL goes to stderr).
+    Without the metrics extra the program stops with a clear message; a port that is taken (another
+    session's server holds it) or an address that cannot be bound is logged, and the server serves
+    on without metrics."""
     if args.metrics_port is None:
         return None
+    host = getattr(args, "metrics_host", "127.0.0.1")
     try:
         from ordanis_veltrane.tool_handlers.health_metrics import serve_metrics
-
-        metrics = serve_metrics(None, int(args.metrics_port), thread_budget=thread_budget,
-                                max_connections=METRICS_CONNECTIONS)
-    except (ImportError, OSError) as exc:
+    except ImportError as exc:
         parser.error(f"cannot serve metrics: {exc}")
+    try:
+        metrics = serve_metrics(None, int(args.metrics_port), host, thread_budget=thread_budget,
+                                max_connections=METRICS_CONNECTIONS)
+    except OSError as exc:
+        logger.warning("Not serving tool health metrics: cannot listen on %s port %s: %s; serving on without them",
+                       host, args.metrics_port, exc.strerror or exc)
+        return None
     # stdout carries the protocol; everything else goes to stderr.
     print(f"serving tool health metrics at {metrics.url}", file=sys.stderr, flush=True)
     return metrics

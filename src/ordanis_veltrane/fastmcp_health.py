@@ -7,10 +7,13 @@ is recorded against the tool and reaches the client unchanged; FastMCP's own rej
 arguments (and a call to a tool that does not exist) is the client's fault and never counts
 against the tool.
 
-The tracker lives with the server's lifespan (``FastMCP(..., lifespan=health.lifespan)``): at
-start the middleware reads the server's tool list (mounted and proxied tools included) into the
-registry the tracker prunes against, then opens the tracker on a worker thread; it is synced
-every ``flush_interval`` seconds and closed at shutdown.
+``mcp.add_middleware(ToolHealthMiddleware(db="health.db", disable_after_errors=3, cooldown_s=60))``
+is enough: the tracker starts with the server's first message and lives until the server's event
+loop ends. Served with ``FastMCP(..., lifespan=health.lifespan)`` instead, it lives with the
+server's lifespan. Either way, at start the middleware reads the server's tool list (mounted and
+proxied tools included) into the registry the tracker prunes against, adds the status tools
+(unless ``status_tools=False``), then opens the tracker on a worker thread; it is synced every
+``flush_interval`` seconds and closed at shutdown.
 
 Needs the ``fastmcp`` extra: ``pip install '.[fastmcp]'``.
 """
@@ -42,9 +45,11 @@ except ImportError as _missing:  # pragma: no cover - exercised where FastMCP is
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
-from ordanis_veltrane.tool_pipeline import DEFAULT_MAX_ACTIONS, CallObserver, ToolPipeline, ToolRefused
+from ordanis_veltrane.tool_pipeline import (
+    DEFAULT_MAX_ACTIONS, CallObserver, ToolPipeline, ToolRefused, ToolsChangedNotifier, make_limits,
+)
 
-__all__ = ["CLIENT_ERRORS", "STATUS_TOOLS", "ToolHealthMiddleware", "declared_actions"]
+__all__ = ["CLIENT_ERRORS", "STATUS_TOOLS", "ToolHealthMiddleware", "ToolsConfig", "declared_actions"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
@@ -80,12 +85,17 @@ class ToolHealthMiddleware(Middleware):
     ``ToolsConfig``. ``client_errors``/``is_client_error`` name further failures that are the
     client's fault (FastMCP's argument validation and unknown tools always are). ``call_timeout``
     (seconds) bounds each call: a call that takes longer is ended and recorded as an error of
-    the tool. Serve the server with ``lifespan=middleware.lifespan`` (composable with ``|``).
+    the tool. ``disable_after_errors`` and ``cooldown_s`` override those of ``limits`` (or the
+    defaults). ``hide_disabled`` leaves a disabled tool out of ``tools/list`` and sends the clients
+    that listed the tools ``notifications/tools/list_changed`` when a tool goes or comes back.
+    ``status_tools=False`` serves no status tools. ``mcp.add_middleware(middleware)`` alone is
+    enough; ``lifespan=middleware.lifespan`` (composable with ``|``) ties the tracker to the lifespan.
+    A ``db`` that cannot be a store fails here, before the server starts.
     """
 
     def __init__(
         self,
-        db: Repository | str | os.PathLike[str],
+        db: Repository | str | os.PathLike[str] | None = None,
         limits: ToolsConfig | None = None,
         *,
         flush_interval: float | None = 5.0,
@@ -95,12 +105,26 @@ class ToolHealthMiddleware(Middleware):
         max_actions: int = DEFAULT_MAX_ACTIONS,
         observers: Iterable[CallObserver] | None = None,
         call_timeout: float | None = None,
+        disable_after_errors: int | None = None,
+        cooldown_s: float | None = None,
+        hide_disabled: bool = False,
+        status_tools: bool = True,
     ) -> None:
+        if db is None:
+            raise TypeError("ToolHealthMiddleware needs db=: the path of a SQLite file (created if missing) or a "
+                            "postgresql:// URL where the tool health is kept, e.g. ToolHealthMiddleware(db='health.db')")
+        if call_timeout is not None and not call_timeout > 0:
+            raise ValueError(f"call_timeout must be a number of seconds above 0, not {call_timeout!r}")
         self.pipeline = ToolPipeline(
-            db, limits, flush_interval=flush_interval, thread_budget=thread_budget,
+            db, make_limits(limits, disable_after_errors=disable_after_errors, cooldown_s=cooldown_s),
+            flush_interval=flush_interval, thread_budget=thread_budget,
             client_errors=(*CLIENT_ERRORS, *client_errors), is_client_error=is_client_error,
-            max_actions=max_actions, observers=observers)
+            max_actions=max_actions, observers=observers, hide_disabled=hide_disabled, status_tools=status_tools)
         self.call_timeout = call_timeout
+        self._start_lock: asyncio.Lock | None = None
+        self._holder: asyncio.Task[None] | None = None
+        self.notifier = ToolsChangedNotifier()
+        self.pipeline.add_tools_changed_listener(self.notifier.notify)
         self.lifespan = ContextManagerLifespan(self._lifespan)
         self.status_tool_names: dict[str, str] = {}  # status tool -> the name it is served under
         self._status_servers: list[tuple[FastMCP[Any], str]] = []
@@ -118,8 +142,11 @@ class ToolHealthMiddleware(Middleware):
 
         They never shadow a tool of the server: where the server (or a server it mounts or
         proxies) has a tool of that name at start, they are served as ``collision_prefix + name``.
+        Without a call, they are served on the server the middleware starts with; with
+        ``status_tools=False``, nowhere.
         """
-        self._status_servers.append((server, collision_prefix))
+        if self.pipeline.status_tools:
+            self._status_servers.append((server, collision_prefix))
 
     def _install_status_tools(self, server: FastMCP[Any], prefix: str, taken: set[str]) -> list[str]:
         pipeline, added = self.pipeline, []
@@ -174,6 +201,8 @@ class ToolHealthMiddleware(Middleware):
             registry.add(tool.name, actions)
             if takes_action:
                 self._takes_action.add(tool.name)
+        if self.pipeline.status_tools and not self._status_servers:
+            self._status_servers.append((server, "health_"))
         for status_server, prefix in self._status_servers:
             for name in self._install_status_tools(status_server, prefix, taken - set(self.status_tool_names.values())):
                 registry.add(name, None)
@@ -213,6 +242,59 @@ class ToolHealthMiddleware(Middleware):
     async def flush(self) -> int:
         """Writes what changed, on a worker thread; answers the rows written."""
         return await self.pipeline.runtime.flush()
+
+    # ------------------------------------------------------------ started by the first message
+
+    async def on_message(self, context: MiddlewareContext[Any], call_next: CallNext[Any, Any]) -> Any:
+        if self.pipeline.runtime.tracker is None and self._holder is None:
+            await self._start_with(context)
+        return await call_next(context)
+
+    async def _start_with(self, context: MiddlewareContext[Any]) -> None:
+        """Added with ``add_middleware`` alone: the first message starts the tracker, in a task that
+        holds it until the event loop ends (the last sync runs then)."""
+        fastmcp_context = context.fastmcp_context
+        if fastmcp_context is None:
+            return
+        server = fastmcp_context.fastmcp
+        if self._start_lock is None:
+            self._start_lock = asyncio.Lock()
+        async with self._start_lock:
+            if self.pipeline.runtime.tracker is not None or self._holder is not None:
+                return
+            ready = anyio.Event()
+
+            async def hold() -> None:
+                try:
+                    await self._read_tools(server)
+                    async with self.pipeline.runtime.running():
+                        ready.set()
+                        await anyio.sleep_forever()
+                finally:
+                    ready.set()
+
+            holder = asyncio.get_running_loop().create_task(hold())
+            self._holder = holder
+            await ready.wait()
+            if holder.done():
+                self._holder = None
+                holder.result()  # opening failed: its error
+
+    # ------------------------------------------------------------ what the model sees
+
+    async def on_list_tools(self, context: MiddlewareContext[Any], call_next: CallNext[Any, Any]) -> Any:
+        tools = await call_next(context)
+        if not self.pipeline.hide_disabled:
+            return tools
+        if context.fastmcp_context is not None:
+            try:
+                session = context.fastmcp_context.session
+            except RuntimeError:
+                session = None
+            if session is not None:
+                self.notifier.remember(session)
+        hidden = self.pipeline.hidden_tools()
+        return [tool for tool in tools if tool.name not in hidden] if hidden else tools
 
     # ------------------------------------------------------------ the call path
 

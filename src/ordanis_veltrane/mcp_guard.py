@@ -19,12 +19,15 @@ import functools
 import inspect
 import logging
 import os
+import weakref
 from contextlib import AbstractAsyncContextManager, asynccontextmanager
 from typing import Any, AsyncIterator, Callable, Iterable, Sequence, TypeVar
 
 try:
+    from mcp.server.lowlevel.server import NotificationOptions
     from mcp.server.mcpserver import MCPServer
     from mcp.server.mcpserver.exceptions import ToolError
+    from mcp.server.subscriptions import ToolsListChanged
     from mcp.shared.exceptions import MCPError
     from mcp.types import CallToolResult, TextContent
 except ImportError as _missing:  # pragma: no cover - exercised where the SDK is missing
@@ -37,11 +40,10 @@ from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_pipeline import (
-    DEFAULT_MAX_ACTIONS, CallObserver, PipelineTools, ToolCall, ToolPipeline, ToolRefused,
+    DEFAULT_MAX_ACTIONS, ActionSpec, CallObserver, PipelineTools, ToolCall, ToolPipeline, ToolRefused, ToolsChangedNotifier, make_limits,
 )
-from ordanis_veltrane.tool_registry import ActionSpec
 
-__all__ = ["DEFAULT_THREAD_BUDGET", "GuardedTools", "ToolGuard"]
+__all__ = ["DEFAULT_THREAD_BUDGET", "ActionSpec", "GuardedTools", "ToolGuard", "ToolsConfig"]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
@@ -64,6 +66,16 @@ def _error_text(result: CallToolResult) -> str:
     return text or "the tool returned an error result"
 
 
+class _BusTarget:
+    """A server's subscription bus, told like a connection."""
+
+    def __init__(self, bus: Any) -> None:
+        self.bus = bus
+
+    async def send_tool_list_changed(self) -> None:
+        await self.bus.publish(ToolsListChanged())
+
+
 class ToolGuard:
     """A ``ToolHealthTracker`` in front of the tools registered through it.
 
@@ -76,6 +88,10 @@ class ToolGuard:
     that are the client's fault: they reach the client but never count towards disabling.
     ``max_actions`` bounds the distinct actions counted for a tool that declares none.
     ``observers`` are told of every finished call (default: OpenTelemetry's, where installed).
+    ``disable_after_errors`` and ``cooldown_s`` override those of ``limits`` (or the defaults).
+    ``hide_disabled`` leaves a disabled tool out of ``tools/list`` and sends the clients that listed
+    the tools ``notifications/tools/list_changed`` when a tool goes or comes back. ``status_tools=False``
+    makes ``add_status_tools`` register nothing.
     """
 
     def __init__(
@@ -89,14 +105,24 @@ class ToolGuard:
         is_client_error: Callable[[BaseException], bool] | None = None,
         max_actions: int = DEFAULT_MAX_ACTIONS,
         observers: Iterable[CallObserver] | None = None,
+        disable_after_errors: int | None = None,
+        cooldown_s: float | None = None,
+        hide_disabled: bool = False,
+        status_tools: bool = True,
     ) -> None:
         self.repository = repository
         self.pipeline = ToolPipeline(
-            repository, limits, flush_interval=flush_interval, thread_budget=thread_budget,
+            repository, make_limits(limits, disable_after_errors=disable_after_errors, cooldown_s=cooldown_s),
+            flush_interval=flush_interval, thread_budget=thread_budget,
             client_errors=client_errors, is_client_error=is_client_error, max_actions=max_actions,
-            observers=observers)
+            observers=observers, hide_disabled=hide_disabled, status_tools=status_tools)
         self.limits: ToolsConfig = self.pipeline.runtime.limits
         self.registry: PipelineTools = self.pipeline.tools
+        self._servers: weakref.WeakSet[MCPServer[Any]] = weakref.WeakSet()
+        # The sessions that listed the tools, with their event loops: they are told when the list changes.
+        self.notifier = ToolsChangedNotifier()
+        self._buses: list[_BusTarget] = []
+        self.pipeline.add_tools_changed_listener(self.notifier.notify)
 
     @property
     def tracker(self) -> health.ToolHealthTracker | None:
@@ -148,6 +174,9 @@ class ToolGuard:
         tool_name = name or fn.__name__
         self.registry.add(tool_name, actions)
         server.add_tool(self._guarded(tool_name, fn), name=tool_name, **options)
+        if self.pipeline.hide_disabled and server not in self._servers:
+            self._servers.add(server)
+            self._filter_tools_list(server)
 
     def remove_tool(self, server: MCPServer[Any], name: str) -> None:
         """Removes the tool from the server and from the registry: its history goes at the next start."""
@@ -155,8 +184,11 @@ class ToolGuard:
         self.registry.remove(name)
 
     def add_status_tools(self, server: MCPServer[Any]) -> None:
-        """Registers the ``status`` and ``get_tool_performance_stats`` tools, guarded like the others."""
+        """Registers the ``status`` and ``get_tool_performance_stats`` tools, guarded like the others
+        (none where the guard was made with ``status_tools=False``)."""
         pipeline = self.pipeline
+        if not pipeline.status_tools:
+            return
 
         async def status() -> dict[str, Any]:
             """Tool health (calls, errors, disabled tools, usage per action) and the thread census."""
@@ -168,6 +200,37 @@ class ToolGuard:
 
         self.add_tool(server, status)
         self.add_tool(server, get_tool_performance_stats)
+
+    # ------------------------------------------------------------ what the model sees
+
+    def _filter_tools_list(self, server: MCPServer[Any]) -> None:
+        """Wraps the server's ``tools/list`` so that it leaves out the hidden tools and remembers the
+        session that asked, and has the server announce that its tool list may change."""
+        low = server._lowlevel_server
+        entry = low.get_request_handler("tools/list")
+        if entry is None:  # pragma: no cover - every MCPServer serves tools/list
+            raise RuntimeError("the server has no tools/list handler to filter")
+        inner = entry.handler
+        pipeline, remember = self.pipeline, self.notifier.remember
+
+        async def list_tools(ctx: Any, params: Any) -> Any:
+            # The session object lives for one request; the connection under it lasts as long as the client.
+            remember(ctx.session)
+            result = await inner(ctx, params)
+            hidden = pipeline.hidden_tools()
+            if hidden:
+                result = result.model_copy(update={"tools": [t for t in result.tools if t.name not in hidden]})
+            return result
+
+        low.add_request_handler("tools/list", entry.params_type, list_tools)
+        create = low.create_initialization_options
+
+        def with_tools_changed(notification_options: Any = None, *args: Any, **kwargs: Any) -> Any:
+            options = notification_options or NotificationOptions()
+            options.tools_changed = True
+            return create(options, *args, **kwargs)
+
+        low.create_initialization_options = with_tools_changed  # type: ignore[method-assign]
 
     # ------------------------------------------------------------ the call path
 

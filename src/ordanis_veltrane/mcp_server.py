@@ -109,7 +109,7 @@ async def serve(guard: ToolGuard, metrics: MetricsServer | None = None) -> None:
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="python -m ordanis_veltrane.mcp_server", description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(prog="veltrane-example-server", description=__doc__.splitlines()[0])
     add_health_arguments(parser)
     return parser
 
@@ -119,7 +119,8 @@ def main(argv: Sequence[str] | None = None) -> int:
     args = parser.parse_args(argv)
     # One budget for the status tool and the metrics: the threads this process starts.
     budget = health_thread_budget(args)
-    guard = ToolGuard(args.db, health_limits(args), flush_interval=args.flush_interval or None, thread_budget=budget)
+    guard = ToolGuard(args.db, health_limits(args), flush_interval=args.flush_interval or None, thread_budget=budget,
+                      hide_disabled=args.hide_disabled, status_tools=args.status_tools)
     metrics = start_metrics(parser, args, budget)
     try:
         anyio.run(serve, guard, metrics)

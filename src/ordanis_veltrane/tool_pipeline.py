@@ -21,10 +21,13 @@ on one worker thread at a time and closes it at shutdown. Nothing here blocks th
 """
 from __future__ import annotations
 
+import asyncio
+import functools
 import logging
 import os
 import threading
 import time
+import weakref
 from contextlib import asynccontextmanager
 from dataclasses import dataclass
 from typing import Any, AsyncIterator, Callable, Iterable, Protocol, Sequence, Union
@@ -36,12 +39,14 @@ from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.sharing import HealthHandle, open_health
 from ordanis_veltrane.sharing import check_target as check_store_target
+from ordanis_veltrane.sharing.operators import Decision
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
 __all__ = [
-    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "OTHER_ACTION", "CallObserver", "CallReport", "HealthHandle",
-    "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall", "ToolPipeline", "ToolRefused", "default_observers",
+    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "OTHER_ACTION", "ActionSpec", "CallObserver", "CallReport",
+    "HealthHandle", "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall", "ToolPipeline", "ToolRefused",
+    "ToolsConfig", "ToolsChangedNotifier", "default_observers", "make_limits",
 ]
 
 logger: logging.Logger = logging.getLogger(__name__)
@@ -175,6 +180,25 @@ def default_observers() -> list[CallObserver]:
     return [] if observer is None else [observer]
 
 
+def make_limits(limits: ToolsConfig | None = None, *, disable_after_errors: int | None = None,
+                cooldown_s: float | None = None) -> ToolsConfig:
+    """The ``ToolsConfig`` to use: ``limits`` itself where no flat keyword overrides it (the tracker reads
+    it at each use, so a host may change it while serving), else a new one; the caller's is never changed."""
+    if limits is not None and not isinstance(limits, ToolsConfig):
+        raise TypeError(f"limits must be a ToolsConfig, not {type(limits).__name__}")
+    if disable_after_errors is not None and (isinstance(disable_after_errors, bool)
+                                             or not isinstance(disable_after_errors, int) or disable_after_errors < 1):
+        raise ValueError(f"disable_after_errors must be a whole number of at least 1, not {disable_after_errors!r}")
+    if cooldown_s is not None and (isinstance(cooldown_s, bool) or not isinstance(cooldown_s, (int, float))
+                                   or not 0 <= cooldown_s < float("inf")):
+        raise ValueError(f"cooldown_s must be a number of seconds of at least 0, not {cooldown_s!r}")
+    base = limits if limits is not None else ToolsConfig()
+    if disable_after_errors is None and cooldown_s is None:
+        return base
+    return ToolsConfig(base.disable_after_errors if disable_after_errors is None else disable_after_errors,
+                       base.disable_cooldown_s if cooldown_s is None else float(cooldown_s))
+
+
 # ---------------------------------------------------------------- the health handle
 
 
@@ -216,6 +240,10 @@ class HealthRuntime:
         self._session_lock: anyio.Lock | None = None
         self._limiter: anyio.CapacityLimiter | None = None
         self.started: list[Callable[[health.ToolHealthTracker], None]] = []
+        # Run on the syncing worker thread after each sync (and once after opening): each one's failure
+        # is logged and leaves the others running.
+        self.after_sync: list[Callable[[], None]] = []
+        self.closed: list[Callable[[], None]] = []  # run on the closing worker thread, after the last sync
         self._sync_soon = False
 
     def running_tracker(self) -> health.ToolHealthTracker:
@@ -254,7 +282,20 @@ class HealthRuntime:
         if handle is None:
             self.running_tracker()
             return 0
-        return await anyio.to_thread.run_sync(handle.sync, limiter=self._limiter)
+        return await anyio.to_thread.run_sync(self._sync_then_hooks, handle, limiter=self._limiter)
+
+    def _sync_then_hooks(self, handle: HealthHandle) -> int:
+        try:
+            return handle.sync()
+        finally:
+            self._run_after_sync()
+
+    def _run_after_sync(self) -> None:
+        for hook in self.after_sync:
+            try:
+                hook()
+            except Exception:
+                logger.exception("A tool health hook failed after a sync")
 
     def sync_soon(self) -> None:
         """Asks for a sync within ``SYNC_SOON_S`` rather than at the end of the period (a tool was just
@@ -277,7 +318,10 @@ class HealthRuntime:
     def _open(self) -> HealthHandle:
         with _OPEN_LOCK:
             health.TOOLS = self.registry
-            return self._opener(self.target, self.limits)
+            handle = self._opener(self.target, self.limits)
+        self.handle, self.tracker = handle, handle.tracker
+        self._run_after_sync()  # the hooks see the first sync's state before the first call
+        return handle
 
     async def _start(self) -> None:
         self._limiter = anyio.CapacityLimiter(1)
@@ -292,9 +336,19 @@ class HealthRuntime:
         if handle is None:
             return
         try:
-            await anyio.to_thread.run_sync(handle.close, limiter=self._limiter)
+            await anyio.to_thread.run_sync(self._close, handle, limiter=self._limiter)
         except Exception:
             logger.exception("Could not write the tool health at shutdown")
+
+    def _close(self, handle: HealthHandle) -> None:
+        try:
+            handle.close()
+        finally:
+            for hook in self.closed:
+                try:
+                    hook()
+                except Exception:
+                    logger.exception("A tool health hook failed at shutdown")
 
 
 # ---------------------------------------------------------------- one call
@@ -355,6 +409,8 @@ class ToolPipeline:
         max_actions: int = DEFAULT_MAX_ACTIONS,
         observers: Iterable[CallObserver] | None = None,
         opener: Callable[[Target, ToolsConfig], HealthHandle] = open_handle,
+        hide_disabled: bool = False,
+        status_tools: bool = True,
     ) -> None:
         if max_actions < 0:
             raise ValueError(f"max_actions must be at least 0, not {max_actions}")
@@ -372,6 +428,8 @@ class ToolPipeline:
         self._observed = [(o, getattr(o, "active", _always)) for o in self.observers]
         self._actions_seen: dict[str, set[str]] = {}
         self._actions_lock = threading.Lock()
+        self._init_visibility(hide_disabled, status_tools)
+        self._init_operators(target)
 
     @property
     def tracker(self) -> health.ToolHealthTracker | None:
@@ -440,14 +498,23 @@ class ToolPipeline:
             if alias_hit:
                 arguments["action"] = handler_action
         started = time.perf_counter()
+        if self.operator_disabled:
+            decision = self.operator_disabled.get(tool)
+            if decision is not None and decision.active(time.time()):
+                self._refuse(tracker, tool, action, alias_hit, started, decision.reason, decision.refusal(tool))
         disabled, last_error = tracker.is_disabled(tool)
         if disabled:
-            tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
-            if self.observers:
-                call = ToolCall(self, tracker, tool, action, alias_hit, started)
-                self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", last_error)
-            raise ToolRefused(f"Tool {tool!r} is disabled after repeated errors; last error: {last_error}")
+            self._refuse(tracker, tool, action, alias_hit, started, last_error,
+                         f"Tool {tool!r} is disabled after repeated errors; last error: {last_error}")
         return ToolCall(self, tracker, tool, action, alias_hit, time.perf_counter())
+
+    def _refuse(self, tracker: health.ToolHealthTracker, tool: str, action: str | None, alias_hit: bool,
+                started: float, cause: str | None, message: str) -> None:
+        tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
+        if self.observers:
+            call = ToolCall(self, tracker, tool, action, alias_hit, started)
+            self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", cause)
+        raise ToolRefused(message)
 
     def _finish(self, call: ToolCall, error: str | None, error_type: str | None, client: bool) -> None:
         elapsed = time.perf_counter() - call.started
@@ -460,6 +527,8 @@ class ToolPipeline:
             state = tracker._state.get(tool)
             if state is not None and state.disabled_at is not None:
                 self.runtime.sync_soon()
+                if self.hide_disabled:
+                    self.check_tools_changed()
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
         collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
@@ -495,3 +564,163 @@ class ToolPipeline:
         self.runtime.running_tracker()
         answer: dict[str, Any] = await anyio.to_thread.run_sync(health.handle_get_tool_performance_stats)
         return answer
+
+    # -- what the model sees: tools left out of tools/list, and the listeners told when that changes
+
+    def _init_visibility(self, hide_disabled: bool, status_tools: bool) -> None:
+        self.hide_disabled = bool(hide_disabled)
+        self.status_tools = bool(status_tools)
+        self._listeners: list[Callable[[], None]] = []
+        self._hidden_lock = threading.Lock()
+        self._hidden: frozenset[str] = frozenset()
+        # A cooldown that runs out, or a change another process made, shows at the next sync.
+        self.runtime.after_sync.append(self._after_sync)
+
+    def hidden_tools(self) -> frozenset[str]:
+        """The tools to leave out of ``tools/list`` now: every disabled one where ``hide_disabled`` is
+        set (by its errors, within its cooldown, or by an operator); otherwise none."""
+        if not self.hide_disabled:
+            return frozenset()
+        now = time.time()
+        hidden = {tool for tool, decision in self.operator_disabled.items() if decision.active(now)}
+        tracker = self.runtime.tracker
+        if tracker is not None:
+            cooldown = tracker.cooldown_s
+            lock = tracker._lock
+            lock.acquire()
+            try:
+                for name, record in tracker._state.items():
+                    disabled_at = record.disabled_at
+                    if disabled_at is not None and now - disabled_at < cooldown:
+                        hidden.add(name)
+            finally:
+                lock.release()
+        return frozenset(hidden)
+
+    def add_tools_changed_listener(self, callback: Callable[[], None]) -> None:
+        """``callback()`` runs whenever ``hidden_tools()`` changes: a tool disabled, or back after its
+        cooldown, a success or an operator's decision. It runs on any thread, never under a lock, and
+        must not block (an adapter schedules its notification on its event loop)."""
+        self._listeners.append(callback)
+
+    def check_tools_changed(self) -> bool:
+        """Compares ``hidden_tools()`` with what it was at the last check; tells the listeners when it
+        changed and answers whether it did."""
+        hidden = self.hidden_tools()
+        with self._hidden_lock:
+            if hidden == self._hidden:
+                return False
+            self._hidden = hidden
+        for listener in list(self._listeners):
+            try:
+                listener()
+            except Exception:
+                logger.exception("A tools-changed listener failed")
+        return True
+
+    def _after_sync(self) -> None:
+        self._poll_operators()
+        if self.hide_disabled:
+            self.check_tools_changed()
+
+    # -- operators' decisions, read from a shared store after each sync
+
+    def _init_operators(self, target: Target) -> None:
+        from ordanis_veltrane.sharing.operators import DecisionStore
+
+        # The latest decision of each tool, and the disables among them (possibly ended: see ``active``).
+        self.operator_decisions: dict[str, Decision] = {}
+        self.operator_disabled: dict[str, Decision] = {}
+        # A host's own Repository is nobody else's: no operator can reach it.
+        self._decisions = None if isinstance(target, Repository) else DecisionStore(target)
+        self._decisions_failing = False
+        self.runtime.closed.append(self._close_operators)
+
+    def _poll_operators(self) -> None:
+        store = self._decisions
+        if store is None:
+            return
+        try:
+            decisions = store.current()
+        except Exception as exc:  # the decisions known stay in force until the store answers again
+            if not self._decisions_failing:
+                self._decisions_failing = True
+                logger.warning("Could not read the operators' decisions from %s: %s", store.description, exc)
+            return
+        if self._decisions_failing:
+            self._decisions_failing = False
+            logger.warning("The operators' decisions can be read from %s again", store.description)
+        self.operator_decisions = decisions
+        self.operator_disabled = {tool: d for tool, d in decisions.items() if d.decision == "disable"}
+        enables = {tool: d.at for tool, d in decisions.items() if d.decision == "enable"}
+        if enables:
+            self._reset_disabled(enables)
+
+    def _reset_disabled(self, enabled_at: dict[str, float]) -> None:
+        """An operator's enable clears a disable by errors that is older than it: the record is reset
+        here and marked, and the sync carries the enable (stamped now, so it is the newest) to the store."""
+        tracker = self.runtime.tracker
+        if tracker is None:
+            return
+        now = time.time()
+        lock = tracker._lock
+        lock.acquire()
+        try:
+            for tool, at in enabled_at.items():
+                record = tracker._state.get(tool)
+                if record is not None and record.disabled_at is not None and record.disabled_at <= at:
+                    record.disabled_at = None
+                    record.consecutive_errors = 0
+                    record.updated_at = max(now, record.updated_at)
+                    tracker._dirty.add(tool)
+        finally:
+            lock.release()
+
+    def _close_operators(self) -> None:
+        if self._decisions is not None:
+            self._decisions.close()
+
+
+class ToolsChangedNotifier:
+    """The client connections that listed the tools, each with its event loop; ``notify()``, from any
+    thread, schedules ``notifications/tools/list_changed`` to each live one. A connection that has
+    gone is forgotten. Register ``notify`` with ``ToolPipeline.add_tools_changed_listener``."""
+
+    def __init__(self) -> None:
+        self._targets: dict[int, tuple[weakref.ref[Any], asyncio.AbstractEventLoop]] = {}
+        self._lock = threading.Lock()
+
+    def remember(self, session: Any) -> None:
+        """On the event loop, while serving ``tools/list``: ``session`` has ``send_tool_list_changed()``.
+        The SDK's session object lives for one request; the connection under it lasts with the client."""
+        target = getattr(session, "_connection", session)
+        key = id(target)
+        with self._lock:
+            known = self._targets.get(key)
+            if known is None or known[0]() is not target:
+                if len(self._targets) >= 64:  # connections that have gone since the last change
+                    self._targets = {k: v for k, v in self._targets.items() if v[0]() is not None}
+                self._targets[key] = (weakref.ref(target), asyncio.get_running_loop())
+
+    def notify(self) -> None:
+        with self._lock:
+            targets = list(self._targets.items())
+        for key, (ref, loop) in targets:
+            target = ref()
+            try:
+                if target is None or loop.is_closed():
+                    raise RuntimeError("the connection has gone")
+                future = asyncio.run_coroutine_threadsafe(target.send_tool_list_changed(), loop)
+            except RuntimeError:
+                self._forget(key)
+                continue
+            future.add_done_callback(functools.partial(self._sent, key))
+
+    def _sent(self, key: int, future: Any) -> None:
+        if future.cancelled() or future.exception() is not None:
+            logger.debug("Could not send tools/list_changed: %r", None if future.cancelled() else future.exception())
+            self._forget(key)
+
+    def _forget(self, key: int) -> None:
+        with self._lock:
+            self._targets.pop(key, None)
