@@ -162,13 +162,14 @@ class DecisionStore:
             raise StoreError(f"cannot read {str(path)!r} as a SQLite database: {exc}") from None
         return conn
 
-    def _query(self, sql: str, params: Sequence[Any] = ()) -> list[tuple[Any, ...]]:
+    def _query(self, sql: str, params: Sequence[Any] = (), fetch: bool = True) -> list[tuple[Any, ...]]:
         if self._conn is None:
             self._conn = self._connect()
         if self.is_postgres:
             sql = sql.replace("?", "%s")
         try:
-            return list(self._conn.execute(sql, params).fetchall())
+            cursor = self._conn.execute(sql, params)
+            return list(cursor.fetchall()) if fetch else []
         except Exception as exc:
             if not _missing_table(exc):
                 self.close()  # a broken connection is opened again at the next use
@@ -236,7 +237,7 @@ class DecisionStore:
             self._query("SELECT pg_advisory_lock(7412093412)")  # one creator of the table at a time
             try:
                 for statement in _PG_DDL:
-                    self._query(statement)
+                    self._query(statement, fetch=False)
             finally:
                 self._query("SELECT pg_advisory_unlock(7412093412)")
             row = self._query(
