@@ -129,3 +129,16 @@ def test_decision_store_bad_input_and_plain_files(tmp_path: Path) -> None:
     assert store.current()[weird] == d and len(d.reason or "") == 1000 and d.until == pytest.approx(d.at + 30)
     assert d.active(d.at + 29) and not d.active(d.at + 31)
     store.close()
+
+
+def test_console_scripts_name_callables() -> None:
+    import importlib
+
+    tomllib = pytest.importorskip("tomllib")
+    scripts = tomllib.loads((Path(__file__).parents[1] / "pyproject.toml").read_text())["project"]["scripts"]
+    assert {"veltrane-health", "veltrane-proxy", "veltrane-example-server"} <= scripts.keys()
+    for target in scripts.values():
+        module, _, attr = target.partition(":")
+        if module.endswith("mcp_proxy"):
+            pytest.importorskip("fastmcp")
+        assert callable(getattr(importlib.import_module(module), attr))

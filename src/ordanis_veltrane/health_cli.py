@@ -139,7 +139,7 @@ def _state(totals: ToolTotals | None, decision: Decision | None, now: float, coo
     by_errors = disabled_at is not None and now - disabled_at < cooldown
     reset = decision is not None and decision.decision == ENABLE and disabled_at is not None \
         and decision.at >= disabled_at
-    if by_errors and not reset:
+    if disabled_at is not None and by_errors and not reset:
         return {"state": "disabled", "by": "errors", "since": disabled_at, "until": disabled_at + cooldown,
                 "operator": None, "reason": totals.last_error if totals is not None else None}
     if decision is not None:

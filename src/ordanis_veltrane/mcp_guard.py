@@ -29,7 +29,7 @@ try:
     from mcp.server.mcpserver.exceptions import ToolError
     from mcp.server.subscriptions import ToolsListChanged
     from mcp.shared.exceptions import MCPError
-    from mcp.types import CallToolResult, TextContent
+    from mcp.types import CallToolResult, ListToolsResult, TextContent
 except ImportError as _missing:  # pragma: no cover - exercised where the SDK is missing
     raise ImportError(
         "ordanis_veltrane.mcp_guard needs the official MCP SDK: install the 'mcp' extra "
@@ -216,9 +216,9 @@ class ToolGuard:
         async def list_tools(ctx: Any, params: Any) -> Any:
             # The session object lives for one request; the connection under it lasts as long as the client.
             remember(ctx.session)
-            result = await inner(ctx, params)
+            result: Any = await inner(ctx, params)
             hidden = pipeline.hidden_tools()
-            if hidden:
+            if hidden and isinstance(result, ListToolsResult):
                 result = result.model_copy(update={"tools": [t for t in result.tools if t.name not in hidden]})
             return result
 

@@ -1,0 +1,92 @@
+"""The Grafana dashboard's queries against a real Prometheus scraping two example servers, and a third server
+whose metrics port is taken serving on without metrics."""
+
+import json
+import shutil
+import socket
+import subprocess
+import sys
+import time
+import urllib.parse
+import urllib.request
+from contextlib import AsyncExitStack
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+pytest.importorskip("mcp")
+pytest.importorskip("prometheus_client")
+
+import anyio  # noqa: E402
+from conftest import child_env  # noqa: E402
+from mcp import ClientSession, StdioServerParameters, stdio_client  # noqa: E402
+
+DASHBOARD = Path(__file__).parents[1] / "examples" / "grafana" / "tool-health.json"
+
+
+def free_port() -> int:
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return int(s.getsockname()[1])
+
+
+def query(base: str, expr: str) -> list[Any]:
+    url = f"{base}/api/v1/query?" + urllib.parse.urlencode({"query": expr})
+    with urllib.request.urlopen(url, timeout=10) as answer:
+        body = json.load(answer)
+    assert body["status"] == "success", body
+    return list(body["data"]["result"])
+
+
+def test_every_panel_has_data_from_a_real_prometheus(tmp_path: Path) -> None:
+    prometheus = shutil.which("prometheus")
+    if prometheus is None:
+        pytest.skip("prometheus is not installed (Debian: apt-get install prometheus)")
+    exprs = [t["expr"].replace("$__rate_interval", "1m") for p in json.loads(DASHBOARD.read_text())["panels"]
+             for t in p["targets"]]
+    assert len(exprs) >= 5
+    ports = [free_port(), free_port()]
+    db = str(tmp_path / "fleet.db")
+    common = ["-m", "ordanis_veltrane.mcp_server", "--db", db, "--flush-interval", "0.5", "--disable-after", "2",
+              "--cooldown", "600", "--metrics-host", "127.0.0.1"]
+    web = free_port()
+    (tmp_path / "prometheus.yml").write_text(
+        "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
+        "scrape_configs:\n  - job_name: tools\n    static_configs:\n"
+        f"      - targets: ['127.0.0.1:{ports[0]}', '127.0.0.1:{ports[1]}']\n")
+    log = tmp_path / "log"
+
+    async def scenario() -> None:
+        async with AsyncExitStack() as stack:
+            errlog = stack.enter_context(open(log, "a"))
+            sessions = []
+            for port in [*ports, ports[0]]:  # the third finds its port taken
+                params = StdioServerParameters(command=sys.executable, args=[*common, "--metrics-port", str(port)],
+                                               env=child_env())
+                read, write = await stack.enter_async_context(stdio_client(params, errlog=errlog))
+                session = await stack.enter_async_context(ClientSession(read, write))
+                await session.initialize()
+                sessions.append(session)
+            server = subprocess.Popen(
+                [prometheus, f"--config.file={tmp_path / 'prometheus.yml'}", f"--storage.tsdb.path={tmp_path / 'tsdb'}",
+                 f"--web.listen-address=127.0.0.1:{web}"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            stack.callback(server.wait, 30)
+            stack.callback(server.terminate)
+            base = f"http://127.0.0.1:{web}"
+            deadline = time.monotonic() + 40
+            missing = exprs
+            while missing and time.monotonic() < deadline:
+                for session in sessions:  # calls of every outcome, all along
+                    await session.call_tool("search", {"query": "q", "action": "grep"})
+                    await session.call_tool("always_fails", {})
+                await anyio.sleep(1)
+                try:
+                    missing = [e for e in exprs if not await anyio.to_thread.run_sync(query, base, e)]
+                except OSError:
+                    continue  # not listening yet
+            assert not missing, missing
+            assert not (await sessions[2].call_tool("search", {"query": "q"})).is_error
+
+    anyio.run(scenario)
+    assert "Not serving tool health metrics" in log.read_text()
