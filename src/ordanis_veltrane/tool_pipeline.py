@@ -3,9 +3,9 @@
 One call, whatever the adapter:
 
 1. ``begin``: the action is resolved (a synonym to its action, an action that does not resolve, or
-   one past the per-tool bound, to the bucket ``OTHER_ACTION``), then ``is_disabled(tool)``; a
-   disabled tool is counted with outcome ``"disabled"`` and refused with ``ToolRefused``, whose
-   text gives the last error;
+   one past the per-tool bound, to the bucket ``OTHER_ACTION``); a tool an operator disabled is
+   refused with the operator's reason; then ``is_disabled(tool)``; a disabled tool is counted with
+   outcome ``"disabled"`` and refused with ``ToolRefused``, whose text gives the last error;
 2. the adapter runs the handler;
 3. ``succeeded``, ``failed`` (an error result or a raised error) or ``cancelled``: ``record_success``
    or ``record_error``, then ``record_call`` with the action, the outcome, ``alias_hit`` and the
@@ -14,6 +14,15 @@ One call, whatever the adapter:
 A failure that is the client's fault (``client_errors``/``is_client_error``) is not held against
 the tool: it is recorded as a success of the tool, counted with outcome ``"client_error"``, and the
 client still sees the error.
+
+Operators' decisions (``veltrane-health disable``/``enable``, kept in a shared store) are read after
+each sync, on the syncing worker thread. An operator's disable holds until it is lifted or ends,
+whatever the tool's cooldown or successes; an enable newer than a disable by errors also resets
+that tool's record here (under the tracker's lock, marked so that the next sync shares it).
+
+With ``hide_disabled``, ``hidden_tools()`` names the disabled tools an adapter leaves out of
+``tools/list``; the listeners added with ``add_tools_changed_listener`` are told when that set
+changes (a disable at once; a cooldown that ends or another process's change at the next sync).
 
 ``HealthRuntime`` keeps the tracker's life: it installs the adapter's registry as
 ``health.TOOLS``, opens the tracker on a worker thread, syncs it every ``flush_interval`` seconds
@@ -641,7 +650,7 @@ class ToolPipeline:
         if store is None:
             return
         try:
-            decisions = store.current()
+            decisions = store.current(local_clock=True)
         except Exception as exc:  # the decisions known stay in force until the store answers again
             if not self._decisions_failing:
                 self._decisions_failing = True

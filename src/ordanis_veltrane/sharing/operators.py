@@ -18,7 +18,7 @@ import json
 import os
 import sqlite3
 import time
-from dataclasses import asdict, dataclass
+from dataclasses import asdict, dataclass, replace
 from datetime import datetime, timezone
 from pathlib import Path
 from typing import Any, Sequence
@@ -203,16 +203,31 @@ class DecisionStore:
 
     # -- decisions
 
-    def current(self) -> dict[str, Decision]:
+    def current(self, *, local_clock: bool = False) -> dict[str, Decision]:
         """The latest decision of every tool that has one. Raises where the store cannot be read; a store
-        without decisions answers none."""
+        without decisions answers none.
+
+        Decisions are timed by the store's clock (PostgreSQL's, on another machine); ``local_clock``
+        moves their times onto this machine's clock, measured by the same query, so that a process
+        whose clock is off still ends a decision on time and compares it with its own records."""
+        sql = _LATEST
+        if self.is_postgres:
+            sql = _LATEST.replace(" FROM ", ", extract(epoch FROM clock_timestamp())::float8 FROM ", 1)
         try:
-            rows = self._query(_LATEST)
+            sent = time.time()
+            rows = self._query(sql)
+            now = (sent + time.time()) / 2
         except Exception as exc:
             if _missing_table(exc):
                 return {}
             raise
-        return {row[1]: _decision(row) for row in rows}
+        decisions = {row[1]: _decision(row) for row in rows}
+        if local_clock and self.is_postgres and rows:
+            offset = float(rows[0][7]) - now  # the store's clock minus this machine's
+            if abs(offset) > 0.5:
+                decisions = {tool: replace(d, at=d.at - offset, until=None if d.until is None else d.until - offset)
+                             for tool, d in decisions.items()}
+        return decisions
 
     def history(self, tool: str | None = None, limit: int = 10) -> list[Decision]:
         """The last ``limit`` decisions (of ``tool``), newest first."""
