@@ -29,7 +29,8 @@ def names(tools: Any) -> list[str]:
     return sorted(t.name for t in getattr(tools, "tools", tools))
 
 
-def test_guard_hides_a_disabled_tool_and_tells_the_client_both_ways(tmp_path: Path) -> None:
+@pytest.mark.parametrize("mode", ["legacy", "stateless"])
+def test_guard_hides_a_disabled_tool_and_tells_the_client_both_ways(mode: str, tmp_path: Path) -> None:
     guard = ToolGuard(tmp_path / "h.db", disable_after_errors=2, cooldown_s=1.0, hide_disabled=True,
                       flush_interval=0.2, status_tools=False)
     server: MCPServer[Any] = MCPServer("t", lifespan=guard.lifespan)
@@ -48,19 +49,36 @@ def test_guard_hides_a_disabled_tool_and_tells_the_client_both_ways(tmp_path: Pa
     async def on_message(message: Any) -> None:
         heard.append(getattr(message, "method", repr(message)))
 
+    async def wait_for(count: int) -> None:
+        with anyio.fail_after(3):  # a disable is told at once; the cooldown's end at the next sync
+            while len(heard) < count:
+                await anyio.sleep(0.02)
+
+    async def steps(client: Any) -> None:
+        assert names(await client.list_tools()) == ["bad", "good"]
+        for _ in range(2):
+            assert (await client.call_tool("bad", {})).is_error
+        await wait_for(1)
+        assert names(await client.list_tools()) == ["good"]
+        await wait_for(2)
+        assert names(await client.list_tools()) == ["bad", "good"]
+
     async def scenario() -> None:
-        async with Client(server, mode="legacy", message_handler=on_message) as client:
-            assert names(await client.list_tools()) == ["bad", "good"]
-            for _ in range(2):
-                assert (await client.call_tool("bad", {})).is_error
-            with anyio.fail_after(2):
-                while not heard:
-                    await anyio.sleep(0.02)
-            assert names(await client.list_tools()) == ["good"]
-            with anyio.fail_after(3):  # the cooldown runs out: noticed at a sync, and told
-                while len(heard) < 2:
-                    await anyio.sleep(0.05)
-            assert names(await client.list_tools()) == ["bad", "good"]
+        if mode == "legacy":
+            async with Client(server, mode="legacy", message_handler=on_message) as client:
+                await steps(client)
+            return
+        async with Client(server) as client, anyio.create_task_group() as tg:
+            await client.list_tools()
+            async with client.listen(tools_list_changed=True) as events:
+
+                async def hear() -> None:
+                    async for event in events:
+                        heard.append("notifications/tools/list_changed")
+
+                tg.start_soon(hear)
+                await steps(client)
+                tg.cancel_scope.cancel()
 
     anyio.run(scenario)
     assert heard == ["notifications/tools/list_changed"] * 2

@@ -212,10 +212,13 @@ class ToolGuard:
             raise RuntimeError("the server has no tools/list handler to filter")
         inner = entry.handler
         pipeline, remember = self.pipeline, self.notifier.remember
+        # Clients of the stateless protocol hear of changes through subscriptions/listen, fed by the server's bus.
+        bus = _BusTarget(server._subscriptions)
+        self._buses.append(bus)
 
         async def list_tools(ctx: Any, params: Any) -> Any:
-            # The session object lives for one request; the connection under it lasts as long as the client.
             remember(ctx.session)
+            remember(bus)
             result: Any = await inner(ctx, params)
             hidden = pipeline.hidden_tools()
             if hidden and isinstance(result, ListToolsResult):
