@@ -125,13 +125,15 @@ def test_plain_tracker_file_is_read_only_and_bad_input_is_refused(tmp_path: Path
     repo = Repository(db)
     tracker = health.ToolHealthTracker(repo)
     for _ in range(3):
-        tracker.record_error("search", "boom")
+        tracker.record_error("search", "boom\x1b[2J\x07")
     tracker.record_call("search", "text", "error", alias_hit=False, duration_ms=3.0)
     tracker.flush()
     repo.close()
     before = db.read_bytes()
     shown = json.loads(command("status", "--json", "search", "--db", str(db)).stdout)["tools"][0]
     assert (shown["state"], shown["by"], shown["errors"], shown["usage"][0]["calls"]) == ("disabled", "errors", 3, 1)
+    shown_text = command("status", "--db", str(db)).stdout
+    assert "boom" in shown_text and "\x1b" not in shown_text and "\x07" not in shown_text
     refused = command("disable", "search", "--reason", "x", "--db", str(db))
     assert refused.returncode == 1 and "single tracker's file" in refused.stderr
     assert db.read_bytes() == before

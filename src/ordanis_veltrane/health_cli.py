@@ -81,6 +81,13 @@ def _reason(text: str) -> str:
     return cleaned
 
 
+def _operator(text: str) -> str:
+    cleaned = " ".join(text.split())
+    if not cleaned or len(cleaned) > MAX_TOOL_NAME or any(unicodedata.category(c) in ("Cc", "Cs") for c in cleaned):
+        raise argparse.ArgumentTypeError(f"not an operator's name: {text!r}")
+    return cleaned
+
+
 def _default_operator() -> str:
     try:
         user = getpass.getuser()
@@ -114,11 +121,11 @@ def _parser() -> argparse.ArgumentParser:
     disable.add_argument("--for", dest="duration", type=parse_duration, metavar="DURATION",
                          help="how long (90s, 15m, 2h, 1d); default: until `enable`")
     disable.add_argument("--reason", type=_reason, required=True, help="why; the clients are told this")
-    disable.add_argument("--by", default=None, help="who decides (default: user@host)")
+    disable.add_argument("--by", type=_operator, default=None, help="who decides (default: user@host)")
     enable = command("enable", "enable a tool again on every server, also clearing a disable by errors")
     enable.add_argument("tool", type=_tool_name, metavar="TOOL")
     enable.add_argument("--reason", type=_reason, default=None, help="why")
-    enable.add_argument("--by", default=None, help="who decides (default: user@host)")
+    enable.add_argument("--by", type=_operator, default=None, help="who decides (default: user@host)")
     watch = command("watch", "the status table refreshed in place, with each tool's error ratio over the last minute")
     watch.add_argument("--interval", type=float, default=1.0, metavar="SECONDS", help="between refreshes (default 1)")
     watch.add_argument("--count", type=int, default=None, metavar="N", help="stop after N refreshes")
@@ -179,8 +186,13 @@ class _UsageError(Exception):
 # ---------------------------------------------------------------- output
 
 
+def _printable(text: Any) -> str:
+    """One line with no control characters: a tool's error text or a reason must not drive the terminal."""
+    return "".join(c if unicodedata.category(c) not in ("Cc", "Cs") else " " for c in " ".join(str(text).split()))
+
+
 def _clip(text: Any, width: int) -> str:
-    s = " ".join(str(text).split()) if text is not None else "-"
+    s = _printable(text) if text is not None else "-"
     return s if len(s) <= width else s[: width - 1] + "…"
 
 
@@ -210,7 +222,8 @@ def _table(rows: list[dict[str, Any]], ratio_key: str = "error_ratio", ratio_tit
 
 def _decision_line(d: Decision) -> str:
     until = f" until {format_time(d.until)}" if d.until is not None else ""
-    return f"  {format_time(d.at)}  {d.decision} {d.tool}{until} by {d.by}: {d.reason or '(no reason)'}"
+    return (f"  {format_time(d.at)}  {d.decision} {_clip(d.tool, 60)}{until} by {_clip(d.by, 60)}: "
+            f"{_clip(d.reason or '(no reason)', 200)}")
 
 
 def _status(args: argparse.Namespace, out: TextIO) -> int:
@@ -239,7 +252,8 @@ def _status(args: argparse.Namespace, out: TextIO) -> int:
     if args.tool is not None:
         row = rows[0]
         if row["state"] == "disabled":
-            out.write(f"\n{_state_text(row)} since {format_time(row['since'])}: {row['reason'] or '-'}\n")
+            out.write(f"\n{_clip(_state_text(row), 200)} since {format_time(row['since'])}: "
+                      f"{_clip(row['reason'], 1000)}\n")
         if row["usage"]:
             out.write(f"\n{'ACTION':<24}  {'OUTCOME':<12}  {'SYNONYM':<7}  {'CALLS':>8}  {'MEAN MS':>9}\n")
             for u in row["usage"]:
@@ -270,10 +284,11 @@ def _decide(args: argparse.Namespace, decision: str, out: TextIO) -> int:
               file=sys.stderr)
     if decision == DISABLE:
         until = f"until {format_time(made.until)}" if made.until is not None else "until `enable`"
-        out.write(f"disabled {args.tool!r} on every server of the store, {until}, by {made.by}: {made.reason}\n")
+        out.write(f"disabled {args.tool!r} on every server of the store, {until}, by {_clip(made.by, 100)}: "
+                  f"{_clip(made.reason, 1000)}\n")
     else:
         out.write(f"enabled {args.tool!r} on every server of the store (a disable by errors is cleared too), "
-                  f"by {made.by}\n")
+                  f"by {_clip(made.by, 100)}\n")
     return 0
 
 
