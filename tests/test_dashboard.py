@@ -49,7 +49,7 @@ def test_every_panel_has_data_from_a_real_prometheus(tmp_path: Path) -> None:
     ports = [free_port(), free_port()]
     db = str(tmp_path / "fleet.db")
     common = ["-m", "ordanis_veltrane.mcp_server", "--db", db, "--flush-interval", "0.5", "--disable-after", "2",
-              "--cooldown", "600", "--metrics-host", "127.0.0.1"]
+              "--cooldown", "600", "--metrics-host", "127.0.0.1", "--hide-disabled", "--no-status-tools"]
     web = free_port()
     (tmp_path / "prometheus.yml").write_text(
         "global: {scrape_interval: 1s, evaluation_interval: 1s}\n"
@@ -86,6 +86,8 @@ def test_every_panel_has_data_from_a_real_prometheus(tmp_path: Path) -> None:
                 except OSError:
                     continue  # not listening yet
             assert not missing, missing
+            listed = {t.name for t in (await sessions[0].list_tools()).tools}
+            assert "search" in listed and not listed & {"status", "always_fails"}  # always_fails: disabled, hidden
             assert not (await sessions[2].call_tool("search", {"query": "q"})).is_error
 
     anyio.run(scenario)
