@@ -112,7 +112,8 @@ class ToolHealthMiddleware(Middleware):
     ) -> None:
         if db is None:
             raise TypeError("ToolHealthMiddleware needs db=: the path of a SQLite file (created if missing) or a "
-                            "postgresql:// URL where the tool health is kept, e.g. ToolHealthMiddleware(db='health.db')")
+                            "postgresql:// URL where the tool health is kept, "
+                            "e.g. ToolHealthMiddleware(db='health.db')")
         if call_timeout is not None and not call_timeout > 0:
             raise ValueError(f"call_timeout must be a number of seconds above 0, not {call_timeout!r}")
         self.pipeline = ToolPipeline(

@@ -156,7 +156,8 @@ def _state(totals: ToolTotals | None, decision: Decision | None, now: float, coo
     return {"state": "enabled", "by": None, "since": None, "until": None, "operator": None, "reason": None}
 
 
-def _rows(store: DecisionStore, kind: str, cooldown: float, now: float) -> tuple[list[dict[str, Any]], dict[str, Decision]]:
+def _rows(store: DecisionStore, kind: str, cooldown: float,
+          now: float) -> tuple[list[dict[str, Any]], dict[str, Decision]]:
     totals = {t.tool: t for t in store.read_tools(kind)}
     decisions = store.current() if kind != "plain" else {}
     rows = []

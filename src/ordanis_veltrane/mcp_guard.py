@@ -40,7 +40,8 @@ from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_pipeline import (
-    DEFAULT_MAX_ACTIONS, ActionSpec, CallObserver, PipelineTools, ToolCall, ToolPipeline, ToolRefused, ToolsChangedNotifier, make_limits,
+    DEFAULT_MAX_ACTIONS, ActionSpec, CallObserver, PipelineTools, ToolCall, ToolPipeline, ToolRefused,
+    ToolsChangedNotifier, make_limits,
 )
 
 __all__ = ["DEFAULT_THREAD_BUDGET", "ActionSpec", "GuardedTools", "ToolGuard", "ToolsConfig"]

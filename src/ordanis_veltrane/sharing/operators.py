@@ -257,8 +257,8 @@ class DecisionStore:
                 self._query("SELECT pg_advisory_unlock(7412093412)")
             row = self._query(
                 f"INSERT INTO {DECISIONS_TABLE} (tool, decision, reason, decided_by, decided_at, until_at) "
-                "SELECT ?, ?, ?, ?, now_s, now_s + ?::float8 FROM (SELECT extract(epoch FROM clock_timestamp())::float8 "
-                f"AS now_s) t RETURNING {_COLUMNS}", (tool, decision, reason, by, duration_s))[0]
+                "SELECT ?, ?, ?, ?, now_s, now_s + ?::float8 FROM "
+                f"(SELECT extract(epoch FROM clock_timestamp())::float8 AS now_s) t RETURNING {_COLUMNS}", (tool, decision, reason, by, duration_s))[0]
             return _decision(row)
         conn = self._conn if self._conn is not None else self._connect()
         self._conn = conn
