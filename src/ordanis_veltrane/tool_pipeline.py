@@ -193,7 +193,7 @@ def make_limits(limits: ToolsConfig | None = None, *, disable_after_errors: int 
                 cooldown_s: float | None = None) -> ToolsConfig:
     """The ``ToolsConfig`` to use: ``limits`` itself where no flat keyword overrides it (the tracker reads
     it at each use, so a host may change it while serving), else a new one; the caller's is never changed."""
-    if limits is not None and not isinstance(limits, ToolsConfig):
+    if limits is not None and not all(hasattr(limits, a) for a in ("disable_after_errors", "disable_cooldown_s")):
         raise TypeError(f"limits must be a ToolsConfig, not {type(limits).__name__}")
     if disable_after_errors is not None and (isinstance(disable_after_errors, bool)
                                              or not isinstance(disable_after_errors, int) or disable_after_errors < 1):
