@@ -211,12 +211,12 @@ def _table(rows: list[dict[str, Any]], ratio_key: str = "error_ratio", ratio_tit
     if not rows:
         return "no tools yet: no server has recorded a call on this store\n"
     width = max(4, *(len(_clip(r["tool"], 40)) for r in rows))
-    head = f"{'TOOL':<{width}}  {'STATE':<52}  {'CALLS':>8}  {'ERRORS':>7}  {ratio_title:>6}  LAST ERROR"
+    head = f"{'TOOL':<{width}}  {'STATE':<62}  {'CALLS':>8}  {'ERRORS':>7}  {ratio_title:>6}  LAST ERROR"
     lines = [head]
     for r in rows:
         ratio = r.get(ratio_key)
         pct = "-" if ratio is None else f"{100 * ratio:.1f}"
-        lines.append(f"{_clip(r['tool'], 40):<{width}}  {_clip(_state_text(r), 52):<52}  {r['calls']:>8}  "
+        lines.append(f"{_clip(r['tool'], 40):<{width}}  {_clip(_state_text(r), 62):<62}  {r['calls']:>8}  "
                      f"{r['errors']:>7}  {pct:>6}  {_clip(r['last_error'], 60)}")
     return "\n".join(lines) + "\n"
 
