@@ -78,7 +78,10 @@ class McpServer(threading.Thread):
 
 
 def environment(tmp: Path) -> dict[str, str]:
-    """The package under test first; `python` is this interpreter, its scripts' directory next on the PATH."""
+    """The package under test first; `python` is this interpreter, its scripts' directory next on the PATH. The
+    directory looks like a checkout: benchmarks/, tools/ and examples/ are the repository's, src/ the package's."""
+    for name, target in (("benchmarks", ROOT), ("tools", ROOT), ("examples", ROOT), ("src", package_root())):
+        (tmp / name).symlink_to(target / name if target is ROOT else target)
     bin_dir = tmp / ".bin"
     bin_dir.mkdir(exist_ok=True)
     (bin_dir / "python").write_text(f'#!/bin/sh\nexec "{sys.executable}" "$@"\n')
@@ -86,6 +89,10 @@ def environment(tmp: Path) -> dict[str, str]:
     env = child_env()
     env["PATH"] = os.pathsep.join([str(bin_dir), str(Path(sys.executable).parent), env.get("PATH", "")])
     return env
+
+
+def package_root() -> Path:
+    return Path(health.__file__).parents[2]
 
 
 def run_shell(example: Any) -> None:
