@@ -68,7 +68,7 @@ def main_table(r: dict[str, Any]) -> list[str]:
 def interpreters_table(runs: list[dict[str, Any]]) -> list[str]:
     def name(r: dict[str, Any]) -> str:
         free = r.get("scaling", {}).get("gil") is False
-        return r["machine"]["python"] + ("t, GIL off" if free else "")
+        return str(r["machine"]["python"]) + ("t, GIL off" if free else "")
 
     lines = ["| Measure | " + " | ".join(name(r) for r in runs) + " |", "|---" * (len(runs) + 1) + "|",
              "| bound `dict.get` (baseline) | " + " | ".join(str(r["hot_path"]["dict_get_ns"]) for r in runs) + " |"]
