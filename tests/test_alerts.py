@@ -1,4 +1,4 @@
-"""The example alert rules: shown in the README as they are, using only metrics that health_metrics exports,
+"""The example alert rules: shown in the docs as they are, using only metrics that health_metrics exports,
 and, for promtool, valid and firing exactly where they should on made-up series."""
 
 import json
@@ -15,7 +15,7 @@ pytestmark = pytest.mark.skipif(not RULES.is_file(), reason="runs from a checkou
 
 
 def test_rules_use_exported_metrics() -> None:
-    assert RULES.read_text() in (RULES.parents[2] / "README.md").read_text()  # the README shows the file as it is
+    assert RULES.read_text() in (RULES.parents[2] / "docs" / "operators.md").read_text()  # shown as it is
     pytest.importorskip("prometheus_client")
     from ordanis_veltrane.tool_handlers.health_metrics import HealthCollector
 
