@@ -34,24 +34,26 @@ def calls_of(db: Path, *calls: tuple[str, dict[str, Any]], **options: Any) -> li
 
 def test_usage_keys_are_bounded_every_call_is_counted_and_the_bucket_survives_a_restart(tmp_path: Path) -> None:
     """Fresh actions of a tool with declared ones go to the bucket; a tool without declared ones keeps `max_actions`
-    of them, never one past the length bound. After a restart the bucket and the kept actions stay, and the kept
+    of them, never one past the length bound nor one a store cannot hold. Made-up tool names leave nothing. After a restart the bucket and the kept actions stay, and the kept
     ones still fill the bound."""
     db, huge = tmp_path / "repo.db", "x" * 100_000
-    first = ([("ok_async", {"action": huge})] + [("ok_async", {"action": f"a{i % 5}"}) for i in range(20)]
+    first = ([("ok_async", {"action": huge}), ("ok_async", {"action": "ev\x00il"})]
+             + [("ok_async", {"action": f"a{i % 5}"}) for i in range(20)]
              + [("ok", {"action": f"fresh-{i}"}) for i in range(40)]
-             + [("ok", {"action": "grep"}), ("ok", {"action": huge})])
+             + [("ok", {"action": "grep"}), ("ok", {"action": huge})]
+             + [(f"made-up-{i}", {}) for i in range(20)] + [("y" * 10_000, {})])  # never reach a guard
     answers = calls_of(db, *first, max_actions=3)
-    assert text(answers[21]) == "fresh-0"  # the handler still gets what the client sent
+    assert text(answers[22]) == "fresh-0"  # the handler still gets what the client sent
     rows, usage = stored(db)
     assert usage == {("ok", OTHER_ACTION, "ok", False): 41, ("ok", "text", "ok", True): 1,
                      ("ok_async", "a0", "ok", False): 4, ("ok_async", "a1", "ok", False): 4,
-                     ("ok_async", "a2", "ok", False): 4, ("ok_async", OTHER_ACTION, "ok", False): 9}
-    assert rows == {"ok": (42, 0, None), "ok_async": (21, 0, None)}
+                     ("ok_async", "a2", "ok", False): 4, ("ok_async", OTHER_ACTION, "ok", False): 10}
+    assert rows == {"ok": (42, 0, None), "ok_async": (22, 0, None)}
 
     calls_of(db, ("ok_async", {"action": "a9"}), ("ok_async", {"action": "a1"}), ("ok", {"action": "nope"}),
              max_actions=3)
     usage = stored(db)[1]
-    assert (usage[("ok_async", OTHER_ACTION, "ok", False)], usage[("ok_async", "a1", "ok", False)]) == (10, 5)
+    assert (usage[("ok_async", OTHER_ACTION, "ok", False)], usage[("ok_async", "a1", "ok", False)]) == (11, 5)
     assert usage[("ok", OTHER_ACTION, "ok", False)] == 42
 
 

@@ -13,7 +13,14 @@ One call, whatever the adapter:
 
 A failure that is the client's fault (``client_errors``/``is_client_error``) is not held against
 the tool: it is recorded as a success of the tool, counted with outcome ``"client_error"``, and the
-client still sees the error.
+client still sees the error. The classification looks at the raised error and at every error in its
+``__cause__`` chain, so that a framework that wraps the tool's own exception (FastMCP's ``ToolError``)
+hides nothing.
+
+A client chooses the tool names it calls, so only the names the server lists are counted under their
+own name: a call to any other name is counted under the one bucket ``UNKNOWN_TOOL``, and a listed name
+that no store can hold (longer than ``MAX_TOOL_NAME_LENGTH``, a NUL, a lone surrogate) under a bounded
+form of it (``counted_tool_name``).
 
 ``HealthRuntime`` keeps the tracker's life: it installs the adapter's registry as
 ``health.TOOLS``, opens the tracker on a worker thread, syncs it every ``flush_interval`` seconds
@@ -21,6 +28,7 @@ on one worker thread at a time and closes it at shutdown. Nothing here blocks th
 """
 from __future__ import annotations
 
+import hashlib
 import logging
 import os
 import threading
@@ -40,8 +48,9 @@ from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
 __all__ = [
-    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "OTHER_ACTION", "CallObserver", "CallReport", "HealthHandle",
-    "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall", "ToolPipeline", "ToolRefused", "default_observers",
+    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "MAX_TOOL_NAME_LENGTH", "OTHER_ACTION", "UNKNOWN_TOOL",
+    "CallObserver", "CallReport", "HealthHandle", "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall",
+    "ToolPipeline", "ToolRefused", "counted_tool_name", "default_observers",
 ]
 
 logger: logging.Logger = logging.getLogger(__name__)
@@ -53,6 +62,10 @@ OTHER_ACTION = "(other)"
 MAX_ACTION_LENGTH = 64
 # Distinct actions counted per tool that declares none; the rest go to OTHER_ACTION.
 DEFAULT_MAX_ACTIONS = 32
+# The one name under which calls to tools the server does not list are counted.
+UNKNOWN_TOOL = "(unknown)"
+# Longer tool names are counted under a bounded form (counted_tool_name).
+MAX_TOOL_NAME_LENGTH = 64
 
 _OTHER = ActionSpec(OTHER_ACTION)
 Target = Union[Repository, str, "os.PathLike[str]"]
@@ -67,6 +80,35 @@ _OPEN_LOCK = threading.Lock()
 
 class _TimingRecorder(Protocol):
     def record(self, tool_name: str, duration_ms: float, error: bool = False) -> None: ...
+
+
+# ---------------------------------------------------------------- names
+
+
+def storable_text(text: str) -> bool:
+    """Whether every store can hold `text`: no NUL, and nothing UTF-8 cannot carry (a lone surrogate)."""
+    if "\x00" in text:
+        return False
+    if text.isascii():
+        return True
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
+def counted_tool_name(name: str) -> str:
+    """The name a listed tool is counted and stored under: its own when a store can hold it and it has
+    at most ``MAX_TOOL_NAME_LENGTH`` characters; otherwise its first characters, with the ones no store
+    can hold replaced by U+FFFD, then ``~`` and 8 hex digits of a hash of the whole name, so that two
+    tools never share a record and every process counts a tool under the same name."""
+    if len(name) <= MAX_TOOL_NAME_LENGTH and storable_text(name):
+        return name
+    digest = hashlib.sha256(name.encode("utf-8", "surrogatepass")).hexdigest()[:8]
+    head = "".join(c if c != "\x00" and not "\ud800" <= c <= "\udfff" else "\ufffd"
+                   for c in name[:MAX_TOOL_NAME_LENGTH - 9])
+    return f"{head}~{digest}"
 
 
 # ---------------------------------------------------------------- the registry
@@ -101,7 +143,10 @@ class PipelineTools:
 
     def __init__(self) -> None:
         self.specs: dict[str, ToolSpec | OpenTool] = {}
-        self._seen: dict[str, _DeclaredTool | OpenTool] = {}
+        # listed name -> the name it is counted under (itself, unless it is too long or unstorable)
+        self.counted: dict[str, str] = {}
+        # by counted name: what the tracker sees
+        self._seen: dict[str, _DeclaredTool | OpenTool] = {UNKNOWN_TOOL: OpenTool(UNKNOWN_TOOL)}
         # Set while the adapter could not read its tool list: every tool then answers as an open
         # one, so that opening the tracker prunes no history.
         self.keep_unknown = False
@@ -112,13 +157,17 @@ class PipelineTools:
             spec = OpenTool(name)
         else:
             spec = ToolSpec(name, [a if isinstance(a, ActionSpec) else ActionSpec(a) for a in actions])
+        counted = counted_tool_name(name)
         self.specs[name] = spec
-        self._seen[name] = spec if isinstance(spec, OpenTool) else _DeclaredTool(spec)
+        self.counted[name] = counted
+        self._seen[counted] = spec if isinstance(spec, OpenTool) else _DeclaredTool(spec)
         return spec
 
     def remove(self, name: str) -> None:
         self.specs.pop(name, None)
-        self._seen.pop(name, None)
+        counted = self.counted.pop(name, None)
+        if counted is not None and counted != UNKNOWN_TOOL:
+            self._seen.pop(counted, None)
 
     def get(self, name: str) -> _DeclaredTool | OpenTool | None:
         found = self._seen.get(name)
@@ -380,10 +429,19 @@ class ToolPipeline:
     # -- classification
 
     def is_client_error(self, exc: BaseException) -> bool:
-        if self.client_errors and isinstance(exc, self.client_errors):
-            return True
-        predicate = self._client_predicate
-        return predicate is not None and bool(predicate(exc))
+        """Whether `exc`, or an error in its ``__cause__`` chain (the tool's own, where a framework wrapped
+        it), is one that ``client_errors`` or ``is_client_error`` name as the client's fault."""
+        types, predicate = self.client_errors, self._client_predicate
+        seen: list[BaseException] = []
+        link: BaseException | None = exc
+        while link is not None and len(seen) < 16 and not any(link is s for s in seen):
+            if types and isinstance(link, types):
+                return True
+            if predicate is not None and predicate(link):
+                return True
+            seen.append(link)
+            link = link.__cause__
+        return False
 
     def _seed_actions(self, tracker: health.ToolHealthTracker) -> None:
         """The actions already counted (loaded history) count against the per-tool bound."""
@@ -396,7 +454,8 @@ class ToolPipeline:
         seen: dict[str, set[str]] = {}
         for key in keys:
             tool, action = key[0], key[1]
-            if isinstance(action, str) and action != OTHER_ACTION and isinstance(self.tools.specs.get(tool), OpenTool):
+            if (isinstance(action, str) and action != OTHER_ACTION and tool != UNKNOWN_TOOL
+                    and isinstance(self.tools._seen.get(tool), OpenTool)):
                 seen.setdefault(tool, set()).add(action)
         with self._actions_lock:
             self._actions_seen = seen
@@ -405,7 +464,7 @@ class ToolPipeline:
         seen = self._actions_seen.get(tool)
         if seen is not None and action in seen:
             return action
-        if len(action) > MAX_ACTION_LENGTH:
+        if len(action) > MAX_ACTION_LENGTH or not storable_text(action):
             return OTHER_ACTION
         with self._actions_lock:
             seen = self._actions_seen.setdefault(tool, set())
@@ -421,8 +480,10 @@ class ToolPipeline:
         if not isinstance(raw, str):
             return None, raw, False
         spec = self.tools.specs.get(tool)
-        if spec is None or isinstance(spec, OpenTool):
-            return self._open_action(tool, raw), raw, False
+        if spec is None:
+            return None, raw, False  # a tool the server does not list: its actions are not counted
+        if isinstance(spec, OpenTool):
+            return self._open_action(self.tools.counted.get(tool, tool), raw), raw, False
         found = spec.action(raw)
         if found is None:
             return OTHER_ACTION, raw, False
@@ -431,12 +492,17 @@ class ToolPipeline:
     # -- one call
 
     def begin(self, tool: str, arguments: dict[str, Any] | None) -> ToolCall:
-        """Resolves the action (rewriting a synonym in ``arguments``) and refuses a disabled tool."""
+        """Resolves the action (rewriting a synonym in ``arguments``) and refuses a disabled tool. A tool
+        the registry does not list is counted under ``UNKNOWN_TOOL`` (see ``_unlisted``); a listed one
+        under its counted name."""
         tracker = self.runtime.running_tracker()
+        listed = tool
+        counted = self.tools.counted.get(listed)
+        tool = counted if counted is not None else self._unlisted(tracker, listed)
         action: str | None = None
         alias_hit = False
         if arguments is not None and "action" in arguments:
-            action, handler_action, alias_hit = self.resolve_action(tool, arguments["action"])
+            action, handler_action, alias_hit = self.resolve_action(listed, arguments["action"])
             if alias_hit:
                 arguments["action"] = handler_action
         started = time.perf_counter()
@@ -448,6 +514,15 @@ class ToolPipeline:
                 self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", last_error)
             raise ToolRefused(f"Tool {tool!r} is disabled after repeated errors; last error: {last_error}")
         return ToolCall(self, tracker, tool, action, alias_hit, time.perf_counter())
+
+    def _unlisted(self, tracker: health.ToolHealthTracker, name: str) -> str:
+        """The name a call to a tool the registry does not list is counted under: the bucket, unless the
+        adapter could not read its tool list and the history knows the tool (a downstream that is down)."""
+        if self.tools.keep_unknown:
+            counted = counted_tool_name(name)
+            if counted in tracker._state:
+                return counted
+        return UNKNOWN_TOOL
 
     def _finish(self, call: ToolCall, error: str | None, error_type: str | None, client: bool) -> None:
         elapsed = time.perf_counter() - call.started
