@@ -566,7 +566,11 @@ class ToolPipeline:
         return await anyio.to_thread.run_sync(build_status, tracker, self.thread_budget)
 
     async def performance_stats(self) -> dict[str, Any]:
-        """The ``get_tool_performance_stats`` answer, on a worker thread."""
+        """The ``get_tool_performance_stats`` answer, bounded like ``status``, on a worker thread."""
         self.runtime.running_tracker()
-        answer: dict[str, Any] = await anyio.to_thread.run_sync(health.handle_get_tool_performance_stats)
-        return answer
+        from ordanis_veltrane.status_answer import bound_performance_stats
+
+        def answer() -> dict[str, Any]:
+            return bound_performance_stats(health.handle_get_tool_performance_stats())
+
+        return await anyio.to_thread.run_sync(answer)
