@@ -44,6 +44,7 @@ from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.sharing import HealthHandle, open_health
 from ordanis_veltrane.sharing import check_target as check_store_target
+from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
@@ -321,7 +322,7 @@ class HealthRuntime:
             try:
                 await self.flush()
             except Exception as exc:  # the changes stay marked; the next sync writes them
-                logger.warning("Could not flush the tool health: %s", exc)
+                logger.warning("Could not flush the tool health: %s", redact_url(exc))
 
     def _open(self) -> HealthHandle:
         with _OPEN_LOCK:
@@ -342,8 +343,8 @@ class HealthRuntime:
             return
         try:
             await anyio.to_thread.run_sync(handle.close, limiter=self._limiter)
-        except Exception:
-            logger.exception("Could not write the tool health at shutdown")
+        except Exception as exc:  # the text only: a password in it is masked, as nowhere in a traceback
+            logger.error("Could not write the tool health at shutdown: %s", redact_url(exc))
 
 
 # ---------------------------------------------------------------- one call
