@@ -46,6 +46,7 @@ from ordanis_veltrane.sharing import HealthHandle, open_health
 from ordanis_veltrane.sharing import check_target as check_store_target
 from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_handlers.health_view import ServedCounts, serve_counts
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
 __all__ = [
@@ -386,6 +387,7 @@ class ToolCall:
         # The handler gave no answer: counted without a duration, and neither a success nor an error.
         pipeline = self.pipeline
         self.tracker.record_call(self.tool, self.action, "cancelled", alias_hit=self.alias_hit, duration_ms=None)
+        pipeline.served.add(self.tool, self.action, "cancelled", self.alias_hit, None)
         if pipeline.observers:
             pipeline._report(self, "cancelled", time.perf_counter() - self.started, "cancelled", None)
 
@@ -413,6 +415,9 @@ class ToolPipeline:
         self.tools = PipelineTools()
         self.runtime = HealthRuntime(target, limits, registry=self.tools, flush_interval=flush_interval, opener=opener)
         self.runtime.started.append(self._seed_actions)
+        # The calls this process served, for its metrics (a shared tracker counts every process's).
+        self.served = ServedCounts()
+        self.runtime.started.append(lambda tracker: serve_counts(tracker, self.served))
         self.thread_budget = thread_budget
         self.client_errors = tuple(client_errors)
         self._client_predicate = is_client_error
@@ -510,6 +515,7 @@ class ToolPipeline:
         disabled, last_error = tracker.is_disabled(tool)
         if disabled:
             tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
+            self.served.add(tool, action, "disabled", alias_hit, None)
             if self.observers:
                 call = ToolCall(self, tracker, tool, action, alias_hit, started)
                 self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", last_error)
@@ -538,6 +544,7 @@ class ToolPipeline:
                 self.runtime.sync_soon()
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
+        self.served.add(tool, call.action, outcome, call.alias_hit, duration_ms)
         collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
         collector.record(tool, duration_ms, error=error is not None)
         if self.observers:
