@@ -171,3 +171,35 @@ def test_two_example_servers_on_one_store_count_their_own_calls_and_share_the_he
              for s in scrapes]
     assert sorted(calls) == sorted(usage) == [5, 10]
     assert sorted(tool_of(s, "veltrane_tool_errors_total").get("always_fails", 0) for s in scrapes) == [0, 3]
+
+
+def test_served_counts_lose_nothing_to_threads_that_count_while_a_scrape_reads_or_that_end() -> None:
+    from ordanis_veltrane.tool_handlers.health_view import ServedCounts
+
+    served, start, stop, seen = ServedCounts(), threading.Barrier(9), threading.Event(), [0]
+
+    def count(k: int) -> None:
+        start.wait()
+        for i in range(20_000):
+            served.add(f"t{k % 2}", None, "ok" if i % 4 else "error", False)
+
+    def scrape() -> None:  # every snapshot at least the one before
+        start.wait()
+        while not stop.is_set():
+            seen.append(sum(served.snapshot().values()))
+
+    for round_ in range(2):  # the second round's threads are new ones: the first's maps were folded
+        workers = [threading.Thread(target=count, args=(k,)) for k in range(8)]
+        reader = threading.Thread(target=scrape)
+        for t in [*workers, reader]:
+            t.start()
+        for t in workers:
+            t.join()
+        stop.set()
+        reader.join()
+        stop.clear()
+        start.reset()
+        total = 80_000 * (round_ + 1)
+        assert seen == sorted(seen) and served.snapshot() == {("t0", None, "ok", False): total * 3 // 4, ("t0", None, "error", False): total // 4,
+                                     ("t1", None, "ok", False): total * 3 // 4, ("t1", None, "error", False): total // 4}
+        assert served._threads == []  # the ended threads' maps are folded

@@ -387,7 +387,7 @@ class ToolCall:
         # The handler gave no answer: counted without a duration, and neither a success nor an error.
         pipeline = self.pipeline
         self.tracker.record_call(self.tool, self.action, "cancelled", alias_hit=self.alias_hit, duration_ms=None)
-        pipeline.served.add(self.tool, self.action, "cancelled", self.alias_hit, None)
+        pipeline.served.add(self.tool, self.action, "cancelled", self.alias_hit)
         if pipeline.observers:
             pipeline._report(self, "cancelled", time.perf_counter() - self.started, "cancelled", None)
 
@@ -515,7 +515,7 @@ class ToolPipeline:
         disabled, last_error = tracker.is_disabled(tool)
         if disabled:
             tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
-            self.served.add(tool, action, "disabled", alias_hit, None)
+            self.served.add(tool, action, "disabled", alias_hit)
             if self.observers:
                 call = ToolCall(self, tracker, tool, action, alias_hit, started)
                 self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", last_error)
@@ -544,7 +544,7 @@ class ToolPipeline:
                 self.runtime.sync_soon()
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
-        self.served.add(tool, call.action, outcome, call.alias_hit, duration_ms)
+        self.served.add(tool, call.action, outcome, call.alias_hit)
         collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
         collector.record(tool, duration_ms, error=error is not None)
         if self.observers:

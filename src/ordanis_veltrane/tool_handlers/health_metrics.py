@@ -18,11 +18,11 @@ threads (when a budget is given)
     ``os_threads`` (where the OS can count), ``python_threads``, ``thread_budget``,
     ``python_threads_by_name`` (label ``name_prefix``).
 
-The counters (``calls_total``, ``errors_total``, ``usage_calls_total``) and the mean handler
-time count the calls this process served since it started when the tracker runs behind one of the
-package's adapters (which keep those counts: ``health_view.serve_counts``), so that ``sum()`` over
-the instances of a fleet sharing one store is the fleet's total; the gauges of health
-(``disabled``, ``disabled_for_seconds``) are the fleet's view, from the shared tracker. A host's
+The counters (``calls_total``, ``errors_total``, ``usage_calls_total``) count the calls this
+process served since it started when the tracker runs behind one of the package's adapters (which
+keep those counts: ``health_view.serve_counts``), so that ``sum()`` over the instances of a fleet
+sharing one store is the fleet's total; the gauges (``disabled``, ``disabled_for_seconds``,
+``usage_handler_mean_seconds``) are the fleet's view, from the shared tracker. A host's
 own tracker is read as it is: its totals since its history began.
 
 ``serve_metrics`` serves one collector over HTTP: prometheus_client's own WSGI

@@ -12,8 +12,8 @@ Counters per instance: a tracker that shares a store counts every process's call
 counter exported from it would count each call once per process, and ``sum()`` over instances
 would be off by their number. The tool-call pipeline therefore keeps ``ServedCounts``, the calls
 this process served, and registers it for its tracker (``serve_counts``); ``read_health`` then
-takes every count (calls, errors, usage calls and the mean handler time) from it, and only the
-health (disabled, since when) from the tracker. A tracker without served counts (a host's own) is
+takes every count (calls, errors, usage calls) from it, and the health (disabled, since when) and
+the mean handler time, gauges both, from the tracker. A tracker without served counts (a host's own) is
 read as it always was: its counts since its history began.
 
 No metrics library is imported here.
@@ -121,30 +121,50 @@ _RAN = frozenset(("ok", "error", "client_error"))
 
 
 class ServedCounts:
-    """The calls one process served, by usage key (tool, action, outcome, alias_hit):
-    ``[calls, timed calls, total ms]``. ``add`` is cheap and may be called from any thread."""
+    """The calls one process served, by usage key (tool, action, outcome, alias_hit).
 
-    __slots__ = ("lock", "usage", "__weakref__")
+    Counting is on the hot path of every call, so it takes no lock: each thread counts into a map of
+    its own, which only that thread writes; ``snapshot`` adds them up (and folds the maps of threads
+    that have ended into one, so that thread churn does not grow it)."""
+
+    __slots__ = ("_local", "_lock", "_threads", "_retired", "__weakref__")
 
     def __init__(self) -> None:
-        self.lock = threading.Lock()
-        self.usage: dict[tuple[Any, Any, str, bool], list[Any]] = {}
+        self._local = threading.local()
+        self._lock = threading.Lock()
+        self._threads: list[tuple[threading.Thread, dict[Any, int]]] = []
+        self._retired: dict[Any, int] = {}
 
-    def add(self, tool: Any, action: Any, outcome: str, alias_hit: bool, duration_ms: float | None) -> None:
+    def _mine(self) -> dict[Any, int]:
+        counts: dict[Any, int] = {}
+        self._local.counts = counts
+        with self._lock:
+            self._threads.append((threading.current_thread(), counts))
+        return counts
+
+    def add(self, tool: Any, action: Any, outcome: str, alias_hit: bool) -> None:
+        try:
+            counts: dict[Any, int] = self._local.counts
+        except AttributeError:
+            counts = self._mine()
         key = (tool, action, outcome, alias_hit)
-        with self.lock:
-            entry = self.usage.get(key)
-            if entry is None:
-                self.usage[key] = [1, 0, 0.0] if duration_ms is None else [1, 1, duration_ms]
-            else:
-                entry[0] += 1
-                if duration_ms is not None:
-                    entry[1] += 1
-                    entry[2] += duration_ms
+        counts[key] = counts.get(key, 0) + 1
 
-    def snapshot(self) -> list[tuple[tuple[Any, Any, str, bool], int, int, float]]:
-        with self.lock:
-            return [(key, c, t, ms) for key, (c, t, ms) in self.usage.items()]
+    def snapshot(self) -> dict[tuple[Any, Any, str, bool], int]:
+        with self._lock:
+            retired, live = self._retired, []
+            for thread, counts in self._threads:
+                if thread.is_alive():
+                    live.append((thread, counts))
+                else:  # it writes no more: folded in for good
+                    for key, n in counts.items():
+                        retired[key] = retired.get(key, 0) + n
+            self._threads = live
+            total = dict(retired)
+            for _, counts in live:
+                for key, n in counts.copy().items():  # one C-level copy: the owner may be adding meanwhile
+                    total[key] = total.get(key, 0) + n
+        return total
 
 
 _served: weakref.WeakKeyDictionary[Any, ServedCounts] = weakref.WeakKeyDictionary()
@@ -163,7 +183,7 @@ def _per_instance(view: HealthView, served: ServedCounts) -> HealthView:
     """`view`'s health, with every count taken from `served`."""
     tools = {name: ToolFigures(0, 0, f.disabled, f.disabled_for) for name, f in view.tools.items()}
     usage: dict[UsageKey, list[Any]] = {}
-    for (tool, action, outcome, alias_hit), calls, timed, total_ms in served.snapshot():
+    for (tool, action, outcome, alias_hit), calls in served.snapshot().items():
         name = tool if type(tool) is str and tool.isascii() else label(tool)
         figures = tools.get(name)
         if figures is None:
@@ -174,12 +194,12 @@ def _per_instance(view: HealthView, served: ServedCounts) -> HealthView:
                 figures.errors += calls
         key = (name, "" if action is None else label(action), label(outcome), "true" if alias_hit else "false")
         entry = usage.get(key)
-        if entry is None:
-            usage[key] = entry = [0, 0, 0.0]
-        entry[0] += calls
-        entry[1] += timed
-        entry[2] += total_ms
-    return HealthView(tools, {k: [c, round(ms / t, 2) if t else None] for k, (c, t, ms) in usage.items()})
+        if entry is None:  # the mean handler time is a gauge: the tracker's (the fleet's, when shared)
+            mean = view.usage.get(key)
+            usage[key] = [calls, None if mean is None else mean[1]]
+        else:
+            entry[0] += calls
+    return HealthView(tools, usage)
 
 
 def read_health(tracker: health.ToolHealthTracker, clock: Callable[[], float]) -> HealthView:
