@@ -200,6 +200,7 @@ def test_served_counts_lose_nothing_to_threads_that_count_while_a_scrape_reads_o
         stop.clear()
         start.reset()
         total = 80_000 * (round_ + 1)
-        assert seen == sorted(seen) and served.snapshot() == {("t0", None, "ok", False): total * 3 // 4, ("t0", None, "error", False): total // 4,
-                                     ("t1", None, "ok", False): total * 3 // 4, ("t1", None, "error", False): total // 4}
+        expected = {(f"t{k}", None, outcome, False): total * share // 4
+                    for k in (0, 1) for outcome, share in (("ok", 3), ("error", 1))}
+        assert seen == sorted(seen) and served.snapshot() == expected
         assert served._threads == []  # the ended threads' maps are folded

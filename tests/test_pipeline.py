@@ -36,8 +36,8 @@ def calls_of(db: Path, *calls: tuple[str, dict[str, Any]], **options: Any) -> li
 
 def test_usage_keys_are_bounded_every_call_is_counted_and_the_bucket_survives_a_restart(tmp_path: Path) -> None:
     """Fresh actions of a tool with declared ones go to the bucket; a tool without declared ones keeps `max_actions`
-    of them, never one past the length bound nor one a store cannot hold. Made-up tool names leave nothing. After a restart the bucket and the kept actions stay, and the kept
-    ones still fill the bound."""
+    of them, never one past the length bound nor one a store cannot hold. Made-up tool names leave nothing. After
+    a restart the bucket and the kept actions stay, and the kept ones still fill the bound."""
     db, huge = tmp_path / "repo.db", "x" * 100_000
     first = ([("ok_async", {"action": huge}), ("ok_async", {"action": "ev\x00il"})]
              + [("ok_async", {"action": f"a{i % 5}"}) for i in range(20)]

@@ -80,7 +80,9 @@ class _Families:
 
     def __init__(self, p: str) -> None:
         tool = ["tool"]
-        self.calls = CounterMetricFamily(p + "calls_total", "Calls of the tool (served by this process, behind an adapter).", labels=tool)
+        self.calls = CounterMetricFamily(
+            p + "calls_total", "Calls of the tool (served by this process, behind an adapter).", labels=tool
+        )
         self.errors = CounterMetricFamily(
             p + "errors_total", "Failed calls of the tool (served by this process, behind an adapter).", labels=tool
         )
