@@ -12,7 +12,7 @@ pytest.importorskip("fastmcp")
 
 import anyio  # noqa: E402
 from fastmcp import Client, FastMCP  # noqa: E402
-from fastmcp.tools.base import ToolResult  # noqa: E402
+from fastmcp.tools.base import Tool, ToolResult  # noqa: E402
 from mcp.types import TextContent  # noqa: E402
 
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
@@ -87,3 +87,42 @@ def test_every_tool_is_tracked_validation_is_the_clients_fault_and_history_survi
     seen, status = anyio.run(calls, make_server(db, mount=False)[0], ("search", {"query": "q"}))
     assert "child_flaky" not in status and stored(db)[0]["child_flaky"][:2] == (2, 2)
     assert status["search"]["call_count"] == 4
+
+
+def test_client_errors_are_seen_through_toolerror_and_unlisted_names_leave_one_bucket(tmp_path: Path) -> None:
+    """FastMCP wraps a tool's exception in ToolError: `client_errors` and `is_client_error` still see it, so bad
+    input never disables the tool. Made-up names (a NUL, 10,000 characters) are counted under one bucket; a tool
+    the server adds while it runs, and listed names no store can hold, are counted under their own bounded names."""
+    db = tmp_path / "health.db"
+    mw = ToolHealthMiddleware(db, ToolsConfig(disable_after_errors=2, disable_cooldown_s=60), flush_interval=None,
+                              client_errors=(ValueError,), is_client_error=lambda e: isinstance(e, KeyError))
+    server: FastMCP[Any] = FastMCP("main", lifespan=mw.lifespan, middleware=[mw])
+    long_name, nul_name = "t" * 100, "nul\x00tool"
+
+    @server.tool
+    def picky(n: int) -> int:
+        raise (ValueError if n < 0 else KeyError if n == 0 else RuntimeError)(f"bad n {n}")
+
+    for name in (long_name, nul_name):
+        server.add_tool(Tool.from_function(lambda: "ok", name=name))
+    mw.add_status_tools(server)
+    made_up = [f"made-up-{i}" for i in range(40)] + ["x" * 10_000, "ev\x00il"]
+
+    async def run() -> dict[str, Any]:
+        async with Client(server) as client:
+            for n in (-1, 0) * 3:
+                assert (await client.call_tool("picky", {"n": n}, raise_on_error=False)).is_error
+            for name in made_up + [long_name, nul_name]:
+                await client.call_tool(name, {}, raise_on_error=False)
+            server.add_tool(Tool.from_function(lambda: "late", name="late"))
+            assert text(await client.call_tool("late", {})) == "late"
+            return health_of(await client.call_tool("status", {}))
+
+    status = anyio.run(run)
+    assert (status["picky"]["error_count"], status["picky"]["disabled"]) == (0, False)
+    assert {(u["outcome"], u["calls"]) for u in status["picky"]["usage"]} == {("client_error", 6)}
+    rows, usage = stored(db)
+    bounded = {n for n in rows if n.startswith(("ttt", "nul"))}
+    assert rows["(unknown)"][:2] == (len(made_up), 0) and rows["late"][:2] == (1, 0)
+    assert len(rows) == 6 and len(bounded) == 2 and all(len(n) <= 64 and "\x00" not in n for n in bounded)
+    assert {k for k in usage if k[0] == "(unknown)"} == {("(unknown)", None, "client_error", False)}

@@ -130,3 +130,77 @@ def test_exposition_equals_summary_while_a_flush_waits(repo: Any, clock: Any, mo
     with health_metrics.serve_metrics(tracker, 0, thread_budget=4, prefix=prefix) as server:  # the same over HTTP
         assert tool_of(fetch(server.url), prefix + "calls_total") == tool_of(again, prefix + "calls_total")
     pytest.raises(OSError, urllib.request.urlopen, server.url, timeout=2)  # closed with its block
+
+
+def test_two_example_servers_on_one_store_count_their_own_calls_and_share_the_health(tmp_path: Any) -> None:
+    """Two servers on one SQLite file serve 10 and 5 calls: their counters sum to 15 (each counts what it served),
+    while the disable that one of them made shows on both (the fleet's view of health)."""
+    pytest.importorskip("mcp")
+    import anyio
+    from mcp import ClientSession, StdioServerParameters, stdio_client
+
+    args = ["-m", "ordanis_veltrane.mcp_server", "--db", str(tmp_path / "shared.db"), "--flush-interval", "0.2",
+            "--disable-after", "3", "--cooldown", "600", "--metrics-port", "0"]
+
+    async def serve(n: int, fails: int, log: Any, scrapes: list[Series]) -> None:
+        params = StdioServerParameters(command=sys.executable, args=args, env=child_env())
+        async with stdio_client(params, errlog=log) as (read, write), ClientSession(read, write) as session:
+            await session.initialize()
+            for i in range(n):
+                await session.call_tool("search", {"query": "q", "action": "grep" if i % 2 else "text"})
+            for _ in range(fails):
+                await session.call_tool("always_fails", {})
+            url = next(line.split()[-1] for line in open(log.name) if "metrics at http" in line)
+            with anyio.fail_after(20):  # both have synced: the disable shows here too
+                while tool_of(series := await anyio.to_thread.run_sync(fetch, url),
+                              "veltrane_tool_disabled").get("always_fails") != 1.0:
+                    await anyio.sleep(0.1)
+            scrapes.append(series)
+
+    async def scenario() -> list[Series]:
+        scrapes: list[Series] = []
+        with open(tmp_path / "a.log", "w") as log_a, open(tmp_path / "b.log", "w") as log_b:
+            async with anyio.create_task_group() as tg:
+                tg.start_soon(serve, 10, 3, log_a, scrapes)
+                tg.start_soon(serve, 5, 0, log_b, scrapes)
+        return scrapes
+
+    scrapes = anyio.run(scenario)
+    calls = [tool_of(s, "veltrane_tool_calls_total").get("search", 0) for s in scrapes]
+    usage = [sum(v for k, v in usage_of(s, "veltrane_tool_usage_calls_total").items() if k[0] == "search")
+             for s in scrapes]
+    assert sorted(calls) == sorted(usage) == [5, 10]
+    assert sorted(tool_of(s, "veltrane_tool_errors_total").get("always_fails", 0) for s in scrapes) == [0, 3]
+
+
+def test_served_counts_lose_nothing_to_threads_that_count_while_a_scrape_reads_or_that_end() -> None:
+    from ordanis_veltrane.tool_handlers.health_view import ServedCounts
+
+    served, start, stop, seen = ServedCounts(), threading.Barrier(9), threading.Event(), [0]
+
+    def count(k: int) -> None:
+        start.wait()
+        for i in range(20_000):
+            served.add(f"t{k % 2}", None, "ok" if i % 4 else "error", False)
+
+    def scrape() -> None:  # every snapshot at least the one before
+        start.wait()
+        while not stop.is_set():
+            seen.append(sum(served.snapshot().values()))
+
+    for round_ in range(2):  # the second round's threads are new ones: the first's maps were folded
+        workers = [threading.Thread(target=count, args=(k,)) for k in range(8)]
+        reader = threading.Thread(target=scrape)
+        for t in [*workers, reader]:
+            t.start()
+        for t in workers:
+            t.join()
+        stop.set()
+        reader.join()
+        stop.clear()
+        start.reset()
+        total = 80_000 * (round_ + 1)
+        expected = {(f"t{k}", None, outcome, False): total * share // 4
+                    for k in (0, 1) for outcome, share in (("ok", 3), ("error", 1))}
+        assert seen == sorted(seen) and served.snapshot() == expected
+        assert served._threads == []  # the ended threads' maps are folded

@@ -114,6 +114,16 @@ def test_calls_spans_and_health_from_one_walk_as_prometheus_reads_them(tmp_path:
     collect(reader)
     assert len(walks) == 2  # a new walk at each collection
 
+    # Behind an adapter the counters are the calls this process served; disabled stays the tracker's (the fleet's).
+    from ordanis_veltrane.tool_handlers.health_view import ServedCounts, serve_counts
+
+    serve_counts(tracker, served := ServedCounts())
+    served.add("search", "text", "ok", True)
+    got = collect(reader)
+    assert {dict(k)["gen_ai.tool.name"]: p.value for k, p in got["veltrane.tool.health.calls"].items()} \
+        == {"search": 1, "git": 0, quoted: 0, bad.encode("utf-8", "backslashreplace").decode(): 0}
+    assert {dict(k)["gen_ai.tool.name"]: p.value for k, p in got["veltrane.tool.health.disabled"].items()}["git"] == 1
+
     # Calls on threads of their own while collecting: measurements wait for a collection, up to a limit past
     # which the calls record their own; none is lost.
     monkeypatch.setattr(otel, "PENDING_LIMIT", 50)

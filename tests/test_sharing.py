@@ -268,7 +268,7 @@ def test_a_plain_file_seeds_the_shared_history_and_reads_its_mirror_as_its_own(
 
 
 @pytest.mark.parametrize("text, good", [
-    ("postgresql://host:notaport/db", False), ("postgres://", False), ("postgresql://[::1/db", False),
+    ("postgresql://host:notaport/db", False), ("postgres://", True), ("postgresql://[::1/db", False),
     ("mysql://host/db", False), ("{tmp}/missing/dir/h.db", False), ("{tmp}", False), ("{tmp}/garbage.db", False),
     ("", False), ("{tmp}/wal.db", True), ("{tmp}/new.db", True),
     ("postgresql://user@db.internal:5432/tools?sslmode=require", True)])

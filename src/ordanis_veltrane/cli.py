@@ -45,13 +45,14 @@ def at_least(low: float, kind: Callable[[str], float], high: float = math.inf) -
 
 def _target(text: str) -> Target:
     """A ``postgresql://`` URL as it is, anything else a path; either is checked here, before anything
-    is created: a malformed URL or a path that cannot be opened ends the program with a clear message."""
-    from ordanis_veltrane.sharing import is_postgres_url
+    is created: a malformed URL or a path that cannot be opened ends the program with a clear message,
+    in which no password appears (argparse would quote the whole value for any other error)."""
+    from ordanis_veltrane.sharing.targets import is_postgres_url, redact_message
 
     try:
         check_target(text)
-    except ValueError as exc:
-        raise argparse.ArgumentTypeError(str(exc)) from None
+    except Exception as exc:
+        raise argparse.ArgumentTypeError(redact_message(exc, text)) from None
     return text if is_postgres_url(text) else Path(text)
 
 

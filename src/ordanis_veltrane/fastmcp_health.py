@@ -5,7 +5,9 @@ passes through it: its own, those of mounted servers and those of a proxied serv
 tool is refused with an error that gives its last error; a raised error or an ``isError`` result
 is recorded against the tool and reaches the client unchanged; FastMCP's own rejection of the
 arguments (and a call to a tool that does not exist) is the client's fault and never counts
-against the tool.
+against the tool. ``client_errors``/``is_client_error`` see the tool's own exception: FastMCP
+wraps it in a ``ToolError`` whose ``__cause__`` it is, and the whole chain is looked at. A call
+to a name the server does not list is counted under the one bucket ``(unknown)``.
 
 ``mcp.add_middleware(ToolHealthMiddleware(db="health.db", disable_after_errors=3, cooldown_s=60))``
 is enough: the tracker starts with the server's first message and lives until the server's event
@@ -130,6 +132,7 @@ class ToolHealthMiddleware(Middleware):
         self.status_tool_names: dict[str, str] = {}  # status tool -> the name it is served under
         self._status_servers: list[tuple[FastMCP[Any], str]] = []
         self._takes_action: set[str] = set()
+        self._server: FastMCP[Any] | None = None
 
     @property
     def tracker(self) -> health.ToolHealthTracker | None:
@@ -212,6 +215,7 @@ class ToolHealthMiddleware(Middleware):
     async def _lifespan(self, server: FastMCP[Any]) -> AsyncIterator[dict[str, Any]]:
         # FastMCP closes the lifespans inside a cancel scope of its own, so a lifespan must hold no task
         # group across its yield: the runtime (and its periodic syncer) lives in a task of its own.
+        self._server = server
         if self.pipeline.runtime.tracker is None:
             await self._read_tools(server)
         ready, stop = anyio.Event(), anyio.Event()
@@ -299,6 +303,26 @@ class ToolHealthMiddleware(Middleware):
 
     # ------------------------------------------------------------ the call path
 
+    async def _learn(self, context: MiddlewareContext[Any], name: str) -> None:
+        """A name missing from the registry: the server may have added the tool since it started (or its
+        list could not be read then). If it has it now, it joins the registry; if not, the call is counted
+        under the unknown-tools bucket."""
+        fastmcp_context = context.fastmcp_context
+        server = fastmcp_context.fastmcp if fastmcp_context is not None else self._server
+        if server is None:
+            return
+        try:
+            with anyio.fail_after(self.call_timeout):
+                found = await server.get_tool(name)
+        except Exception:  # a provider that cannot answer now: the call goes to the bucket
+            return
+        if found is None or found.name != name:
+            return
+        takes_action, actions = declared_actions(found.parameters)
+        self.pipeline.tools.add(name, actions)
+        if takes_action:
+            self._takes_action.add(name)
+
     async def on_call_tool(
         self,
         context: MiddlewareContext[Any],
@@ -306,6 +330,8 @@ class ToolHealthMiddleware(Middleware):
     ) -> ToolResult:
         message = context.message
         tool: str = message.name
+        if tool not in self.pipeline.tools.counted:
+            await self._learn(context, tool)
         arguments = message.arguments if tool in self._takes_action else None
         try:
             call = self.pipeline.begin(tool, arguments)

@@ -22,7 +22,9 @@ of every finished call (``call_finished(report)``), on the thread the call ran o
   from one ``get_health_summary()`` shared by all of them (``health_view``, the walk the
   Prometheus collector uses too): ``veltrane.tool.health.calls``,
   ``veltrane.tool.health.errors``, ``veltrane.tool.health.disabled`` and
-  ``veltrane.tool.health.usage``.
+  ``veltrane.tool.health.usage``. The counters count the calls this process served when the
+  tracker runs behind one of the package's adapters (so that a sum over instances is the fleet's
+  total), ``disabled`` is the fleet's view; a host's own tracker is read as it is.
 
 Only the OpenTelemetry API is needed; the SDK, its readers and exporters are the
 application's choice (``opentelemetry-instrument`` sets them up from the environment).
@@ -309,16 +311,16 @@ class OtelObserver:
     def _add_health_instruments(self, meter: Meter) -> None:
         meter.create_observable_counter(
             "veltrane.tool.health.calls", [self._observe_calls], unit="{call}",
-            description="Calls of the tool since its history began.")
+            description="Calls of the tool (served by this process, behind an adapter).")
         meter.create_observable_counter(
             "veltrane.tool.health.errors", [self._observe_errors], unit="{error}",
-            description="Failed calls of the tool since its history began.")
+            description="Failed calls of the tool (served by this process, behind an adapter).")
         meter.create_observable_up_down_counter(
             "veltrane.tool.health.disabled", [self._observe_disabled], unit="{tool}",
             description="1 while the tool is disabled after repeated errors, else 0.")
         meter.create_observable_counter(
             "veltrane.tool.health.usage", [self._observe_usage], unit="{call}",
-            description="Calls by tool, action, outcome and synonym use, since the history began.")
+            description="Calls by tool, action, outcome and synonym use (served by this process, behind an adapter).")
 
     def _view(self, first: bool) -> HealthView | None:
         """The walk of this collection: ``first`` (the first instrument's callback) takes a new one."""

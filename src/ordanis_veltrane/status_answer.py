@@ -39,6 +39,7 @@ __all__ = [
     "RUNTIME_THREADS",
     "answer_size",
     "bound_answer",
+    "bound_performance_stats",
     "build_status",
     "thread_budget",
 ]
@@ -269,6 +270,62 @@ def _noted(records: list[dict[str, Any]], kept: int, summary: list[dict[str, Any
         note["usage_rows_left_out"] += len(source["usage"])
     note["texts_cut"] = sum(cuts[:kept])
     return {"tool_health": shown, "threads": threads, "truncated": note}
+
+
+# ---------------------------------------------------------------- get_tool_performance_stats
+
+
+def _number(value: Any) -> float:
+    return value if type(value) in (int, float) and value == value else 0
+
+
+def bound_performance_stats(answer: dict[str, Any], max_bytes: int = DEFAULT_MAX_BYTES) -> dict[str, Any]:
+    """The ``get_tool_performance_stats`` answer, at most `max_bytes` of JSON measured as ``status`` is.
+
+    An answer that fits is returned unchanged. Otherwise text values (names) longer than
+    ``MAX_TEXT_CHARS`` are cut, the tools with the most calls are kept (in the answer's order) until
+    the bound is reached, and a ``truncated`` member says how many tools were left out with their calls
+    and errors. `answer` is not changed."""
+    if answer_size(answer) <= max_bytes:
+        return answer
+    tools = answer.get("tools")
+    tools = tools if isinstance(tools, list) else []
+    cut_tools = [_cut_texts(r, ("name",))[0] if isinstance(r, dict) else r for r in tools]
+    note: dict[str, Any] = {
+        "reason": f"the full answer would exceed {max_bytes} bytes of JSON",
+        "max_bytes": max_bytes,
+        "tools_left_out": 0,
+        "calls_of_tools_left_out": 0,
+        "errors_of_tools_left_out": 0,
+        "texts_cut": 0,
+        "text_limit_chars": MAX_TEXT_CHARS,
+    }
+    others = {k: v for k, v in answer.items() if k != "tools"}
+    budget = max_bytes - answer_size({**others, "tools": [], "truncated": note}) - 16 * len(note)
+    # Each record's size in the indented answer: its compact text plus its line breaks and indents.
+    sizes = [len(json.dumps(r, separators=(",", ": "), default=str)) + _indents(r, 2) + 6 for r in cut_tools]
+    by_calls = sorted(range(len(cut_tools)),
+                      key=lambda i: -_number(cut_tools[i].get("count")) if isinstance(cut_tools[i], dict) else 0.0)
+    chosen: set[int] = set()
+    for i in by_calls:
+        if sizes[i] <= budget:
+            budget -= sizes[i]
+            chosen.add(i)
+    while True:
+        kept = [r for i, r in enumerate(cut_tools) if i in chosen]
+        left = [r for i, r in enumerate(cut_tools) if i not in chosen]
+        done = dict(note)
+        done["tools_left_out"] = len(left)
+        done["calls_of_tools_left_out"] = sum(_number(r.get("count")) for r in left if isinstance(r, dict))
+        done["errors_of_tools_left_out"] = sum(_number(r.get("errors")) for r in left if isinstance(r, dict))
+        done["texts_cut"] = sum(1 for i, r in enumerate(tools) if i in chosen and isinstance(r, dict)
+                                and type(r.get("name")) is str and len(r["name"]) > MAX_TEXT_CHARS)
+        bounded = {**others, "tools": kept, "truncated": done}
+        if answer_size(bounded) <= max_bytes or not chosen:
+            return bounded
+        # The estimate fell short (a value of an unusual type): the fewest-called half of the kept go too.
+        ranked = [i for i in by_calls if i in chosen]
+        chosen = set(ranked[:len(ranked) // 2])
 
 
 # ---------------------------------------------------------------- the thread budget

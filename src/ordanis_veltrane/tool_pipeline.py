@@ -13,7 +13,14 @@ One call, whatever the adapter:
 
 A failure that is the client's fault (``client_errors``/``is_client_error``) is not held against
 the tool: it is recorded as a success of the tool, counted with outcome ``"client_error"``, and the
-client still sees the error.
+client still sees the error. The classification looks at the raised error and at every error in its
+``__cause__`` chain, so that a framework that wraps the tool's own exception (FastMCP's ``ToolError``)
+hides nothing.
+
+A client chooses the tool names it calls, so only the names the server lists are counted under their
+own name: a call to any other name is counted under the one bucket ``UNKNOWN_TOOL``, and a listed name
+that no store can hold (longer than ``MAX_TOOL_NAME_LENGTH``, a NUL, a lone surrogate) under a bounded
+form of it (``counted_tool_name``).
 
 Operators' decisions (``veltrane-health disable``/``enable``, kept in a shared store) are read after
 each sync, on the syncing worker thread. An operator's disable holds until it is lifted or ends,
@@ -32,6 +39,7 @@ from __future__ import annotations
 
 import asyncio
 import functools
+import hashlib
 import logging
 import os
 import threading
@@ -49,13 +57,16 @@ from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.sharing import HealthHandle, open_health
 from ordanis_veltrane.sharing import check_target as check_store_target
 from ordanis_veltrane.sharing.operators import Decision
+from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_handlers.health_view import ServedCounts, serve_counts
 from ordanis_veltrane.tool_registry import ActionSpec, ToolSpec
 
 __all__ = [
-    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "OTHER_ACTION", "ActionSpec", "CallObserver", "CallReport",
-    "HealthHandle", "HealthRuntime", "OpenTool", "PipelineTools", "ToolCall", "ToolPipeline", "ToolRefused",
-    "ToolsConfig", "ToolsChangedNotifier", "default_observers", "make_limits",
+    "DEFAULT_MAX_ACTIONS", "MAX_ACTION_LENGTH", "MAX_TOOL_NAME_LENGTH", "OTHER_ACTION", "UNKNOWN_TOOL",
+    "ActionSpec", "CallObserver", "CallReport", "HealthHandle", "HealthRuntime", "OpenTool", "PipelineTools",
+    "ToolCall", "ToolPipeline", "ToolRefused", "ToolsConfig", "ToolsChangedNotifier", "counted_tool_name",
+    "default_observers", "make_limits",
 ]
 
 logger: logging.Logger = logging.getLogger(__name__)
@@ -67,6 +78,10 @@ OTHER_ACTION = "(other)"
 MAX_ACTION_LENGTH = 64
 # Distinct actions counted per tool that declares none; the rest go to OTHER_ACTION.
 DEFAULT_MAX_ACTIONS = 32
+# The one name under which calls to tools the server does not list are counted.
+UNKNOWN_TOOL = "(unknown)"
+# Longer tool names are counted under a bounded form (counted_tool_name).
+MAX_TOOL_NAME_LENGTH = 64
 
 _OTHER = ActionSpec(OTHER_ACTION)
 Target = Union[Repository, str, "os.PathLike[str]"]
@@ -81,6 +96,35 @@ _OPEN_LOCK = threading.Lock()
 
 class _TimingRecorder(Protocol):
     def record(self, tool_name: str, duration_ms: float, error: bool = False) -> None: ...
+
+
+# ---------------------------------------------------------------- names
+
+
+def storable_text(text: str) -> bool:
+    """Whether every store can hold `text`: no NUL, and nothing UTF-8 cannot carry (a lone surrogate)."""
+    if "\x00" in text:
+        return False
+    if text.isascii():
+        return True
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
+def counted_tool_name(name: str) -> str:
+    """The name a listed tool is counted and stored under: its own when a store can hold it and it has
+    at most ``MAX_TOOL_NAME_LENGTH`` characters; otherwise its first characters, with the ones no store
+    can hold replaced by U+FFFD, then ``~`` and 8 hex digits of a hash of the whole name, so that two
+    tools never share a record and every process counts a tool under the same name."""
+    if len(name) <= MAX_TOOL_NAME_LENGTH and storable_text(name):
+        return name
+    digest = hashlib.sha256(name.encode("utf-8", "surrogatepass")).hexdigest()[:8]
+    head = "".join(c if c != "\x00" and not "\ud800" <= c <= "\udfff" else "\ufffd"
+                   for c in name[:MAX_TOOL_NAME_LENGTH - 9])
+    return f"{head}~{digest}"
 
 
 # ---------------------------------------------------------------- the registry
@@ -115,7 +159,10 @@ class PipelineTools:
 
     def __init__(self) -> None:
         self.specs: dict[str, ToolSpec | OpenTool] = {}
-        self._seen: dict[str, _DeclaredTool | OpenTool] = {}
+        # listed name -> the name it is counted under (itself, unless it is too long or unstorable)
+        self.counted: dict[str, str] = {}
+        # by counted name: what the tracker sees
+        self._seen: dict[str, _DeclaredTool | OpenTool] = {UNKNOWN_TOOL: OpenTool(UNKNOWN_TOOL)}
         # Set while the adapter could not read its tool list: every tool then answers as an open
         # one, so that opening the tracker prunes no history.
         self.keep_unknown = False
@@ -126,13 +173,17 @@ class PipelineTools:
             spec = OpenTool(name)
         else:
             spec = ToolSpec(name, [a if isinstance(a, ActionSpec) else ActionSpec(a) for a in actions])
+        counted = counted_tool_name(name)
         self.specs[name] = spec
-        self._seen[name] = spec if isinstance(spec, OpenTool) else _DeclaredTool(spec)
+        self.counted[name] = counted
+        self._seen[counted] = spec if isinstance(spec, OpenTool) else _DeclaredTool(spec)
         return spec
 
     def remove(self, name: str) -> None:
         self.specs.pop(name, None)
-        self._seen.pop(name, None)
+        counted = self.counted.pop(name, None)
+        if counted is not None and counted != UNKNOWN_TOOL:
+            self._seen.pop(counted, None)
 
     def get(self, name: str) -> _DeclaredTool | OpenTool | None:
         found = self._seen.get(name)
@@ -322,7 +373,7 @@ class HealthRuntime:
             try:
                 await self.flush()
             except Exception as exc:  # the changes stay marked; the next sync writes them
-                logger.warning("Could not flush the tool health: %s", exc)
+                logger.warning("Could not flush the tool health: %s", redact_url(exc))
 
     def _open(self) -> HealthHandle:
         with _OPEN_LOCK:
@@ -346,8 +397,8 @@ class HealthRuntime:
             return
         try:
             await anyio.to_thread.run_sync(self._close, handle, limiter=self._limiter)
-        except Exception:
-            logger.exception("Could not write the tool health at shutdown")
+        except Exception as exc:  # the text only: a password in it is masked, as nowhere in a traceback
+            logger.error("Could not write the tool health at shutdown: %s", redact_url(exc))
 
     def _close(self, handle: HealthHandle) -> None:
         try:
@@ -399,6 +450,7 @@ class ToolCall:
         # The handler gave no answer: counted without a duration, and neither a success nor an error.
         pipeline = self.pipeline
         self.tracker.record_call(self.tool, self.action, "cancelled", alias_hit=self.alias_hit, duration_ms=None)
+        pipeline.served.add(self.tool, self.action, "cancelled", self.alias_hit)
         if pipeline.observers:
             pipeline._report(self, "cancelled", time.perf_counter() - self.started, "cancelled", None)
 
@@ -428,6 +480,9 @@ class ToolPipeline:
         self.tools = PipelineTools()
         self.runtime = HealthRuntime(target, limits, registry=self.tools, flush_interval=flush_interval, opener=opener)
         self.runtime.started.append(self._seed_actions)
+        # The calls this process served, for its metrics (a shared tracker counts every process's).
+        self.served = ServedCounts()
+        self.runtime.started.append(lambda tracker: serve_counts(tracker, self.served))
         self.thread_budget = thread_budget
         self.client_errors = tuple(client_errors)
         self._client_predicate = is_client_error
@@ -447,10 +502,19 @@ class ToolPipeline:
     # -- classification
 
     def is_client_error(self, exc: BaseException) -> bool:
-        if self.client_errors and isinstance(exc, self.client_errors):
-            return True
-        predicate = self._client_predicate
-        return predicate is not None and bool(predicate(exc))
+        """Whether `exc`, or an error in its ``__cause__`` chain (the tool's own, where a framework wrapped
+        it), is one that ``client_errors`` or ``is_client_error`` name as the client's fault."""
+        types, predicate = self.client_errors, self._client_predicate
+        seen: list[BaseException] = []
+        link: BaseException | None = exc
+        while link is not None and len(seen) < 16 and not any(link is s for s in seen):
+            if types and isinstance(link, types):
+                return True
+            if predicate is not None and predicate(link):
+                return True
+            seen.append(link)
+            link = link.__cause__
+        return False
 
     def _seed_actions(self, tracker: health.ToolHealthTracker) -> None:
         """The actions already counted (loaded history) count against the per-tool bound."""
@@ -463,7 +527,8 @@ class ToolPipeline:
         seen: dict[str, set[str]] = {}
         for key in keys:
             tool, action = key[0], key[1]
-            if isinstance(action, str) and action != OTHER_ACTION and isinstance(self.tools.specs.get(tool), OpenTool):
+            if (isinstance(action, str) and action != OTHER_ACTION and tool != UNKNOWN_TOOL
+                    and isinstance(self.tools._seen.get(tool), OpenTool)):
                 seen.setdefault(tool, set()).add(action)
         with self._actions_lock:
             self._actions_seen = seen
@@ -472,7 +537,7 @@ class ToolPipeline:
         seen = self._actions_seen.get(tool)
         if seen is not None and action in seen:
             return action
-        if len(action) > MAX_ACTION_LENGTH:
+        if len(action) > MAX_ACTION_LENGTH or not storable_text(action):
             return OTHER_ACTION
         with self._actions_lock:
             seen = self._actions_seen.setdefault(tool, set())
@@ -488,8 +553,10 @@ class ToolPipeline:
         if not isinstance(raw, str):
             return None, raw, False
         spec = self.tools.specs.get(tool)
-        if spec is None or isinstance(spec, OpenTool):
-            return self._open_action(tool, raw), raw, False
+        if spec is None:
+            return None, raw, False  # a tool the server does not list: its actions are not counted
+        if isinstance(spec, OpenTool):
+            return self._open_action(self.tools.counted.get(tool, tool), raw), raw, False
         found = spec.action(raw)
         if found is None:
             return OTHER_ACTION, raw, False
@@ -498,12 +565,17 @@ class ToolPipeline:
     # -- one call
 
     def begin(self, tool: str, arguments: dict[str, Any] | None) -> ToolCall:
-        """Resolves the action (rewriting a synonym in ``arguments``) and refuses a disabled tool."""
+        """Resolves the action (rewriting a synonym in ``arguments``) and refuses a disabled tool. A tool
+        the registry does not list is counted under ``UNKNOWN_TOOL`` (see ``_unlisted``); a listed one
+        under its counted name."""
         tracker = self.runtime.running_tracker()
+        listed = tool
+        counted = self.tools.counted.get(listed)
+        tool = counted if counted is not None else self._unlisted(tracker, listed)
         action: str | None = None
         alias_hit = False
         if arguments is not None and "action" in arguments:
-            action, handler_action, alias_hit = self.resolve_action(tool, arguments["action"])
+            action, handler_action, alias_hit = self.resolve_action(listed, arguments["action"])
             if alias_hit:
                 arguments["action"] = handler_action
         started = time.perf_counter()
@@ -520,10 +592,20 @@ class ToolPipeline:
     def _refuse(self, tracker: health.ToolHealthTracker, tool: str, action: str | None, alias_hit: bool,
                 started: float, cause: str | None, message: str) -> None:
         tracker.record_call(tool, action, "disabled", alias_hit=alias_hit, duration_ms=None)
+        self.served.add(tool, action, "disabled", alias_hit)
         if self.observers:
             call = ToolCall(self, tracker, tool, action, alias_hit, started)
             self._report(call, "disabled", time.perf_counter() - started, "tool_disabled", cause)
         raise ToolRefused(message)
+
+    def _unlisted(self, tracker: health.ToolHealthTracker, name: str) -> str:
+        """The name a call to a tool the registry does not list is counted under: the bucket, unless the
+        adapter could not read its tool list and the history knows the tool (a downstream that is down)."""
+        if self.tools.keep_unknown:
+            counted = counted_tool_name(name)
+            if counted in tracker._state:
+                return counted
+        return UNKNOWN_TOOL
 
     def _finish(self, call: ToolCall, error: str | None, error_type: str | None, client: bool) -> None:
         elapsed = time.perf_counter() - call.started
@@ -540,6 +622,7 @@ class ToolPipeline:
                     self.check_tools_changed()
         outcome = "ok" if error is None else "client_error" if client else "error"
         tracker.record_call(tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms)
+        self.served.add(tool, call.action, outcome, call.alias_hit)
         collector: _TimingRecorder = health.get_timing_collector()  # type: ignore[assignment]
         collector.record(tool, duration_ms, error=error is not None)
         if self.observers:
@@ -569,10 +652,14 @@ class ToolPipeline:
         return await anyio.to_thread.run_sync(build_status, tracker, self.thread_budget)
 
     async def performance_stats(self) -> dict[str, Any]:
-        """The ``get_tool_performance_stats`` answer, on a worker thread."""
+        """The ``get_tool_performance_stats`` answer, bounded like ``status``, on a worker thread."""
         self.runtime.running_tracker()
-        answer: dict[str, Any] = await anyio.to_thread.run_sync(health.handle_get_tool_performance_stats)
-        return answer
+        from ordanis_veltrane.status_answer import bound_performance_stats
+
+        def answer() -> dict[str, Any]:
+            return bound_performance_stats(health.handle_get_tool_performance_stats())
+
+        return await anyio.to_thread.run_sync(answer)
 
     # -- what the model sees: tools left out of tools/list, and the listeners told when that changes
 

@@ -8,20 +8,59 @@ from __future__ import annotations
 import os
 import re
 from pathlib import Path
-from urllib.parse import urlsplit
+from urllib.parse import unquote
 
-__all__ = ["check_target", "is_postgres_url", "redact_url"]
+__all__ = ["check_target", "is_postgres_url", "redact_message", "redact_url"]
 
-# A password in the authority part (user:password@) or as a conninfo parameter (password=...).
-_AUTHORITY_PASSWORD = re.compile(r"^([a-z][a-z0-9+.-]*://[^/?#@:]*):[^/?#@]*@", re.IGNORECASE)
-_PARAMETER_PASSWORD = re.compile(r"(\bpassword=)[^&\s]*", re.IGNORECASE)
+# The authority of a URL: from "scheme://" to the first "/" or white space. Its user information
+# ends at its last "@", so that a password holding an "@" is masked whole.
+_AUTHORITY = re.compile(r"([a-z][a-z0-9+.-]*://)([^/\s]*)", re.IGNORECASE)
+# A password as a URL parameter (password=...) or a conninfo keyword (password=... or password='...').
+_PARAMETER_PASSWORD = re.compile(r"(\bpassword\s*=\s*)('(?:[^'\\]|\\.)*'?|[^&\s'\"]*)", re.IGNORECASE)
+
+
+def _mask_authority(match: re.Match[str]) -> str:
+    scheme, authority = match.group(1), match.group(2)
+    at = authority.rfind("@")
+    colon = authority.find(":", 0, at)
+    if at < 0 or colon < 0:
+        return match.group(0)
+    return f"{scheme}{authority[:colon]}:***{authority[at:]}"
 
 
 def redact_url(text: object) -> str:
-    """``text`` with any password replaced by ``***``; safe on text that is not a URL."""
+    """``text`` with any password replaced by ``***``: in the user information of a URL
+    (``user:password@``) and as a ``password=`` parameter or keyword; safe on text that is not a URL."""
     s = str(text)
-    s = _AUTHORITY_PASSWORD.sub(r"\1:***@", s)
-    return _PARAMETER_PASSWORD.sub(r"\1***", s)
+    if "://" in s:
+        s = _AUTHORITY.sub(_mask_authority, s)
+    if "assword" in s or "ASSWORD" in s:
+        s = _PARAMETER_PASSWORD.sub(r"\1***", s)
+    return s
+
+
+def _passwords_of(url: str) -> list[str]:
+    """The password texts a URL holds, as written and decoded: a message that quotes one of them (a
+    parser's complaint about a bad escape) is masked even where its shape is not a URL's."""
+    found: list[str] = []
+    match = _AUTHORITY.search(url)
+    if match is not None:
+        authority = match.group(2)
+        at = authority.rfind("@")
+        colon = authority.find(":", 0, at)
+        if at >= 0 and colon >= 0:
+            found.append(authority[colon + 1:at])
+    found += [m.group(2).strip("'") for m in _PARAMETER_PASSWORD.finditer(url)]
+    found += [unquote(p) for p in found]
+    return sorted({p for p in found if p}, key=len, reverse=True)
+
+
+def redact_message(message: object, url: str) -> str:
+    """``redact_url`` of `message`, with every password `url` holds masked wherever it appears."""
+    text = str(message)
+    for password in _passwords_of(url):
+        text = text.replace(password, "***")
+    return redact_url(text)
 
 
 def is_postgres_url(target: object) -> bool:
@@ -32,22 +71,7 @@ def check_target(target: str | os.PathLike[str]) -> None:
     """Raises ``ValueError`` with a clear message when ``target`` is neither a well-formed
     ``postgresql://`` URL nor the path of a SQLite file that can be opened; creates nothing."""
     if is_postgres_url(target):
-        text = str(target)
-        try:
-            parts = urlsplit(text)
-            parts.port  # noqa: B018 - raises for a port that is not a number
-        except ValueError as exc:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: {exc}") from None
-        if not parts.hostname and "host=" not in parts.query:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: no host")
-        try:
-            from psycopg.conninfo import conninfo_to_dict
-        except ImportError as exc:
-            raise ValueError(f"{text!r} needs psycopg: install the 'postgres' extra ({exc})") from None
-        try:
-            conninfo_to_dict(text)
-        except Exception as exc:
-            raise ValueError(f"malformed PostgreSQL URL {text!r}: {exc}") from None
+        _check_postgres_url(str(target))
         return
     text = os.fspath(target)
     if isinstance(text, bytes) or not text:
@@ -74,3 +98,21 @@ def check_target(target: str | os.PathLike[str]) -> None:
         raise ValueError(f"cannot create the SQLite database {text!r}: directory {str(parent)!r} does not exist")
     if not os.access(parent, os.W_OK | os.X_OK):
         raise ValueError(f"cannot create the SQLite database {text!r}: directory {str(parent)!r} is not writable")
+
+
+def _check_postgres_url(url: str) -> None:
+    """libpq's own parsing of the URL: what it leaves out (host, port, user, database, password) libpq
+    takes from its environment (PGHOST, PGPORT, PGUSER, PGDATABASE, PGPASSWORD), a service file
+    (``service=``, PGSERVICEFILE) and ``.pgpass`` when it connects, exactly as psql does."""
+    shown = redact_url(url)
+    try:
+        from psycopg.conninfo import conninfo_to_dict
+    except ImportError as exc:
+        raise ValueError(f"{shown!r} needs psycopg: install the 'postgres' extra ({exc})") from None
+    try:
+        params = conninfo_to_dict(url)
+    except Exception as exc:
+        raise ValueError(f"malformed PostgreSQL URL {shown!r}: {redact_message(exc, url).strip()}") from None
+    for port in str(params.get("port") or "").split(","):
+        if port and not (port.isdigit() and 0 < int(port) < 65536):
+            raise ValueError(f"malformed PostgreSQL URL {shown!r}: invalid port {redact_message(port, url)!r}")

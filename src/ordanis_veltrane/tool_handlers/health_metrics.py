@@ -7,8 +7,8 @@ access), reads the tracker's limits, takes a thread census on the scraping
 thread, and yields (names shown with the default prefix ``veltrane_tool_``):
 
 per tool (label ``tool``)
-    ``calls_total``, ``errors_total`` (counters: totals since the history began),
-    ``disabled`` (0/1), ``disabled_for_seconds`` (only while disabled);
+    ``calls_total``, ``errors_total`` (counters), ``disabled`` (0/1),
+    ``disabled_for_seconds`` (only while disabled);
 limits of the tracker (no labels)
     ``disable_after_errors``, ``disable_cooldown_seconds``;
 per usage key (labels ``tool``, ``action``, ``outcome``, ``alias_hit``)
@@ -17,6 +17,13 @@ per usage key (labels ``tool``, ``action``, ``outcome``, ``alias_hit``)
 threads (when a budget is given)
     ``os_threads`` (where the OS can count), ``python_threads``, ``thread_budget``,
     ``python_threads_by_name`` (label ``name_prefix``).
+
+The counters (``calls_total``, ``errors_total``, ``usage_calls_total``) count the calls this
+process served since it started when the tracker runs behind one of the package's adapters (which
+keep those counts: ``health_view.serve_counts``), so that ``sum()`` over the instances of a fleet
+sharing one store is the fleet's total; the gauges (``disabled``, ``disabled_for_seconds``,
+``usage_handler_mean_seconds``) are the fleet's view, from the shared tracker. A host's
+own tracker is read as it is: its totals since its history began.
 
 ``serve_metrics`` serves one collector over HTTP: prometheus_client's own WSGI
 application behind a server that allows a bounded number of connections (each on a
@@ -73,9 +80,11 @@ class _Families:
 
     def __init__(self, p: str) -> None:
         tool = ["tool"]
-        self.calls = CounterMetricFamily(p + "calls_total", "Calls of the tool since its history began.", labels=tool)
+        self.calls = CounterMetricFamily(
+            p + "calls_total", "Calls of the tool (served by this process, behind an adapter).", labels=tool
+        )
         self.errors = CounterMetricFamily(
-            p + "errors_total", "Failed calls of the tool since its history began.", labels=tool
+            p + "errors_total", "Failed calls of the tool (served by this process, behind an adapter).", labels=tool
         )
         self.disabled = GaugeMetricFamily(
             p + "disabled", "1 while the tool is disabled after repeated errors.", labels=tool

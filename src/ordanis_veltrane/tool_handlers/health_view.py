@@ -8,17 +8,28 @@ and folds it into per-tool figures and per-usage-key counts, with every name mad
 into a label value. Rows whose label values come out equal (a tool ``1`` and a tool
 ``"1"``, an action ``None`` and ``""``) merge into one series.
 
+Counters per instance: a tracker that shares a store counts every process's calls, so that a
+counter exported from it would count each call once per process, and ``sum()`` over instances
+would be off by their number. The tool-call pipeline therefore keeps ``ServedCounts``, the calls
+this process served, and registers it for its tracker (``serve_counts``); ``read_health`` then
+takes every count (calls, errors, usage calls) from it, and the health (disabled, since when) and
+the mean handler time, gauges both, from the tracker. A tracker without served counts (a host's own) is
+read as it always was: its counts since its history began.
+
 No metrics library is imported here.
 """
 from __future__ import annotations
 
+import threading
+import weakref
 from dataclasses import dataclass
 from datetime import datetime, timezone
 from typing import Any, Callable
 
 from ordanis_veltrane.tool_handlers import health
 
-__all__ = ["HealthView", "ToolFigures", "UsageKey", "epoch_of", "label", "read_health", "walk_summary"]
+__all__ = ["HealthView", "ServedCounts", "ToolFigures", "UsageKey", "epoch_of", "label", "read_health", "serve_counts",
+           "served_counts", "walk_summary"]
 
 # (tool, action or "" for none, outcome, "true"/"false" for alias_hit)
 UsageKey = tuple[str, str, str, str]
@@ -105,8 +116,97 @@ def walk_summary(summary: list[dict[str, Any]], now: float) -> HealthView:
     return HealthView(tools, usage)
 
 
+# The outcomes of a call that ran (counted in a tool's calls), and the one that is its error.
+_RAN = frozenset(("ok", "error", "client_error"))
+
+
+class ServedCounts:
+    """The calls one process served, by usage key (tool, action, outcome, alias_hit).
+
+    Counting is on the hot path of every call, so it takes no lock: each thread counts into a map of
+    its own, which only that thread writes; ``snapshot`` adds them up (and folds the maps of threads
+    that have ended into one, so that thread churn does not grow it)."""
+
+    __slots__ = ("_local", "_lock", "_threads", "_retired", "__weakref__")
+
+    def __init__(self) -> None:
+        self._local = threading.local()
+        self._lock = threading.Lock()
+        self._threads: list[tuple[threading.Thread, dict[Any, int]]] = []
+        self._retired: dict[Any, int] = {}
+
+    def _mine(self) -> dict[Any, int]:
+        counts: dict[Any, int] = {}
+        self._local.counts = counts
+        with self._lock:
+            self._threads.append((threading.current_thread(), counts))
+        return counts
+
+    def add(self, tool: Any, action: Any, outcome: str, alias_hit: bool) -> None:
+        try:
+            counts: dict[Any, int] = self._local.counts
+        except AttributeError:
+            counts = self._mine()
+        key = (tool, action, outcome, alias_hit)
+        counts[key] = counts.get(key, 0) + 1
+
+    def snapshot(self) -> dict[tuple[Any, Any, str, bool], int]:
+        with self._lock:
+            retired, live = self._retired, []
+            for thread, counts in self._threads:
+                if thread.is_alive():
+                    live.append((thread, counts))
+                else:  # it writes no more: folded in for good
+                    for key, n in counts.items():
+                        retired[key] = retired.get(key, 0) + n
+            self._threads = live
+            total = dict(retired)
+            for _, counts in live:
+                for key, n in counts.copy().items():  # one C-level copy: the owner may be adding meanwhile
+                    total[key] = total.get(key, 0) + n
+        return total
+
+
+_served: weakref.WeakKeyDictionary[Any, ServedCounts] = weakref.WeakKeyDictionary()
+
+
+def serve_counts(tracker: health.ToolHealthTracker, counts: ServedCounts) -> None:
+    """From now on the metrics of `tracker` count the calls in `counts` (this process's)."""
+    _served[tracker] = counts
+
+
+def served_counts(tracker: health.ToolHealthTracker) -> ServedCounts | None:
+    return _served.get(tracker)
+
+
+def _per_instance(view: HealthView, served: ServedCounts) -> HealthView:
+    """`view`'s health, with every count taken from `served`."""
+    tools = {name: ToolFigures(0, 0, f.disabled, f.disabled_for) for name, f in view.tools.items()}
+    usage: dict[UsageKey, list[Any]] = {}
+    for (tool, action, outcome, alias_hit), calls in served.snapshot().items():
+        name = tool if type(tool) is str and tool.isascii() else label(tool)
+        figures = tools.get(name)
+        if figures is None:
+            figures = tools[name] = ToolFigures(0, 0, False, None)
+        if outcome in _RAN:
+            figures.calls += calls
+            if outcome == "error":
+                figures.errors += calls
+        key = (name, "" if action is None else label(action), label(outcome), "true" if alias_hit else "false")
+        entry = usage.get(key)
+        if entry is None:  # the mean handler time is a gauge: the tracker's (the fleet's, when shared)
+            mean = view.usage.get(key)
+            usage[key] = [calls, None if mean is None else mean[1]]
+        else:
+            entry[0] += calls
+    return HealthView(tools, usage)
+
+
 def read_health(tracker: health.ToolHealthTracker, clock: Callable[[], float]) -> HealthView:
     """``walk_summary`` of one ``tracker.get_health_summary()`` (the only hold of the tracker's lock),
-    measured against ``clock()`` read once the summary is taken."""
+    measured against ``clock()`` read once the summary is taken; its counts are the process's own
+    where the tracker has served counts (``serve_counts``)."""
     summary = tracker.get_health_summary()
-    return walk_summary(summary, clock())
+    view = walk_summary(summary, clock())
+    served = _served.get(tracker)
+    return view if served is None else _per_instance(view, served)
