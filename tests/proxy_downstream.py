@@ -74,12 +74,6 @@ def big(megabytes: int) -> str:
 
 
 @server.tool()
-def garbage() -> str:
-    os.write(1, b"this is { not json\n")
-    return "after garbage"
-
-
-@server.tool()
 def die() -> str:
     os._exit(3)
 

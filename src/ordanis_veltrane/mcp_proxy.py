@@ -497,6 +497,7 @@ class Relay:
         self.registry_settled = anyio.Event()
         self.tracker_ready = anyio.Event()
         self._stop = anyio.Event()
+        self.finished = anyio.Event()  # the session is over: answered, downstream stopped, health written
         self._tg: Any = None
         self._loop: asyncio.AbstractEventLoop | None = None
         self._hidden: frozenset[str] = frozenset()
@@ -532,6 +533,7 @@ class Relay:
         finally:
             if self.metrics is not None:
                 self.metrics.collector.tracker = None
+            self.finished.set()
 
     async def _hold_health(self) -> None:
         """Opens the tracker once the downstream's tools are known (or cannot be), holds it until the end."""
@@ -1104,6 +1106,7 @@ def main(argv: Sequence[str] | None = None) -> int:
                   status_tools=not args.no_status_tools, hide_disabled=args.hide_disabled, metrics=metrics)
 
     async def write_health() -> None:
+        await relay.finished.wait()  # SIGTERM: the relay answers what is pending and stops the downstream first
         if pipeline.runtime.handle is not None:
             try:
                 await pipeline.runtime.flush()
