@@ -25,6 +25,7 @@ from __future__ import annotations
 
 import argparse
 import asyncio
+import base64
 import contextlib
 import inspect
 import json
@@ -102,9 +103,11 @@ def _error_text(result: Any) -> str:
     return "\n".join(texts)[:ERROR_TEXT_CHARS] or "the tool returned an error result"
 
 
-def _tool_error(request_id: Any, text: str) -> bytes:
-    return _dump({"jsonrpc": "2.0", "id": request_id,
-                  "result": {"content": [{"type": "text", "text": text}], "isError": True}})
+def _tool_result(request_id: Any, text: str, error: bool, stateless: bool) -> bytes:
+    result: dict[str, Any] = {"content": [{"type": "text", "text": text}], "isError": error}
+    if stateless:
+        result["resultType"] = "complete"
+    return _dump({"jsonrpc": "2.0", "id": request_id, "result": result})
 
 
 def _rpc_error(request_id: Any, code: int, text: str) -> bytes:
@@ -288,6 +291,43 @@ class _StdioDownstream:
                 await asyncio.wait_for(asyncio.shield(self._reader), 2)
 
 
+# The params member that a request of the stateless protocol repeats in the Mcp-Name header.
+NAME_BEARING = {"tools/call": "name", "prompts/get": "name", "resources/read": "uri"}
+PROTOCOL_VERSION_META = "io.modelcontextprotocol/protocolVersion"
+_HEADER_SAFE = re.compile(r"[\x20-\x7E]*")
+_BASE64_WRAPPED = re.compile(r"=\?base64\?.*\?=")
+
+
+def _header_value(value: str) -> str:
+    if _HEADER_SAFE.fullmatch(value) and value == value.strip() and not _BASE64_WRAPPED.fullmatch(value):
+        return value
+    return f"=?base64?{base64.b64encode(value.encode()).decode('ascii')}?="
+
+
+def _answers(raw: bytes, request_id: Any) -> bool:
+    try:
+        message = json.loads(raw)
+    except ValueError:
+        return False
+    return isinstance(message, dict) and message.get("id") == request_id and "error" in message
+
+
+def _routing_headers(message: dict[str, Any]) -> dict[str, str]:
+    """A request stamped with its protocol version in ``_meta`` (the stateless protocol) repeats the version,
+    its method and the name it acts on as headers, which a client over stdio cannot send."""
+    params = message.get("params")
+    meta = params.get("_meta") if isinstance(params, dict) else None
+    version = meta.get(PROTOCOL_VERSION_META) if isinstance(meta, dict) else None
+    method = message.get("method")
+    if not isinstance(version, str) or not isinstance(method, str):
+        return {}
+    headers = {"mcp-protocol-version": version, "mcp-method": method}
+    name = params.get(NAME_BEARING.get(method, ""))  # type: ignore[union-attr]
+    if isinstance(name, str):
+        headers["mcp-name"] = _header_value(name)
+    return headers
+
+
 class _HttpDownstream:
     """The downstream at a streamable-HTTP URL: each message POSTed; the answers, as JSON or as a stream of
     events, and the messages of the session's own event stream are handed on as lines."""
@@ -337,15 +377,17 @@ class _HttpDownstream:
         import httpx2 as httpx
 
         request_id, method = None, None
+        headers = self._headers()
         try:
             message = json.loads(data)
             if isinstance(message, dict):
                 request_id, method = message.get("id"), message.get("method")
+                headers.update(_routing_headers(message))
         except ValueError:
             pass
         is_request = request_id is not None and method is not None
         try:
-            async with self.client.stream("POST", self.url, content=data, headers=self._headers()) as response:
+            async with self.client.stream("POST", self.url, content=data, headers=headers) as response:
                 session = response.headers.get("mcp-session-id")
                 if session:
                     self.session_id = session
@@ -354,7 +396,11 @@ class _HttpDownstream:
                     self.on_exit("the downstream server ended the session (HTTP 404)")
                     return
                 if response.status_code >= 400:
-                    body = (await response.aread()).decode(errors="replace")[:300]
+                    raw = await response.aread()
+                    if is_request and _answers(raw, request_id):  # a JSON-RPC error of the server's: as it is
+                        await self.on_line(raw)
+                        return
+                    body = raw.decode(errors="replace")[:300]
                     if method == "initialize":
                         self.alive = False
                         self.on_exit(f"the downstream server answered initialize with HTTP {response.status_code}: "
@@ -484,6 +530,7 @@ class Relay:
         self._ready_event: asyncio.Event | None = None
         self._handshake_id: Any = None
         self._meta: Any = None  # the _meta of the client's last request
+        self.stateless = False  # the client stamps each request with its protocol version
         self._start_lock: asyncio.Lock | None = None
         self._initialize: dict[str, Any] | None = None  # the client's, replayed at every start
         self._initialized: bytes | None = None
@@ -585,6 +632,7 @@ class Relay:
         params = message.get("params")
         if isinstance(params, dict) and "_meta" in params:
             self._meta = params["_meta"]
+            self.stateless = isinstance(self._meta, dict) and PROTOCOL_VERSION_META in self._meta
         if method == "tools/call":
             await self._call_tool(request_id, message, line)
         elif method == "initialize":
@@ -615,11 +663,15 @@ class Relay:
         try:
             await self._ensure()
         except DownstreamUnavailable as down:
+            answer: dict[str, Any] | None = None
             if method == "ping":
-                self.out.write(_dump({"jsonrpc": "2.0", "id": request_id, "result": {}}))
+                answer = {}
             elif method == "tools/list" and not (message.get("params") or {}).get("cursor"):
-                self.out.write(_dump({"jsonrpc": "2.0", "id": request_id,
-                                      "result": {"tools": self._status_listing()}}))
+                answer = {"tools": self._status_listing()}
+            if answer is not None:
+                if self.stateless:
+                    answer["resultType"] = "complete"
+                self.out.write(_dump({"jsonrpc": "2.0", "id": request_id, "result": answer}))
             else:
                 self.out.write(_rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
             return
@@ -670,7 +722,7 @@ class Relay:
             with anyio.move_on_after(self.init_timeout + 5):
                 await self.tracker_ready.wait()
             if not self.tracker_ready.is_set():
-                self.out.write(_tool_error(request_id, "tool health is not running yet: try again"))
+                self.out.write(self._tool_error(request_id, "tool health is not running yet: try again"))
                 return
         arguments = params.get("arguments")
         takes_action = tool in self.takes_action and isinstance(arguments, dict)
@@ -678,7 +730,7 @@ class Relay:
         try:
             call = self.pipeline.begin(tool, arguments if takes_action else None)
         except ToolRefused as refused:
-            self.out.write(_tool_error(request_id, str(refused)))
+            self.out.write(self._tool_error(request_id, str(refused)))
             return
         if takes_action and arguments.get("action") != action:  # a synonym, given to the tool as its action
             line = _dump(message)
@@ -686,10 +738,13 @@ class Relay:
             await self._ensure()
         except DownstreamUnavailable as down:
             call.failed(str(down), "DownstreamUnavailable")
-            self.out.write(_tool_error(request_id, str(down)))
+            self.out.write(self._tool_error(request_id, str(down)))
             return
         self._track(request_id, _Pending("tools/call", call, tool))
         await self._send(line)
+
+    def _tool_error(self, request_id: Any, text: str) -> bytes:
+        return _tool_result(request_id, text, True, self.stateless)
 
     def _track(self, request_id: Any, entry: _Pending) -> None:
         self.pending[request_id] = entry
@@ -704,7 +759,7 @@ class Relay:
         if entry.call is not None:
             text = f"Tool {entry.tool!r} did not answer within {seconds} s"
             entry.call.failed(text, "TimeoutError")
-            self.out.write(_tool_error(request_id, text))
+            self.out.write(self._tool_error(request_id, text))
         else:
             self.out.write(_rpc_error(request_id, DOWNSTREAM_ERROR,
                                       f"the downstream server did not answer {entry.method} within {seconds} s"))
@@ -721,7 +776,7 @@ class Relay:
             return  # answered by the proxy itself
         if entry.call is not None:
             entry.call.failed(why, "DownstreamUnavailable")
-            self.out.write(_tool_error(key, why))
+            self.out.write(self._tool_error(key, why))
         else:
             self.out.write(_rpc_error(key, DOWNSTREAM_ERROR, why))
 
@@ -751,21 +806,20 @@ class Relay:
                 await self.tracker_ready.wait()
             call = self.pipeline.begin(served, None)
         except (TimeoutError, ToolRefused) as exc:
-            self.out.write(_tool_error(request_id, str(exc) or "tool health is not running yet: try again"))
+            self.out.write(self._tool_error(request_id, str(exc) or "tool health is not running yet: try again"))
             return
         try:
             answer = await (self.pipeline.status() if name == "status" else self.pipeline.performance_stats())
             text = json.dumps(answer, ensure_ascii=False)
         except Exception as exc:
             call.raised(exc)
-            self.out.write(_tool_error(request_id, str(exc) or type(exc).__name__))
+            self.out.write(self._tool_error(request_id, str(exc) or type(exc).__name__))
             return
         except BaseException:
             call.cancelled()
             raise
         call.succeeded()
-        self.out.write(_dump({"jsonrpc": "2.0", "id": request_id,
-                              "result": {"content": [{"type": "text", "text": text}], "isError": False}}))
+        self.out.write(_tool_result(request_id, text, False, self.stateless))
 
     # ------------------------------------------------------------ the downstream's life
 
