@@ -28,7 +28,6 @@ import tempfile
 import time
 from contextlib import AsyncExitStack
 from pathlib import Path
-from typing import Any
 
 import anyio
 

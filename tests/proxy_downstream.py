@@ -35,7 +35,7 @@ async def log(ctx: Context, count: int = 1) -> str:
 @server.tool()
 async def elicit(ctx: Context) -> str:
     answer = await ctx.elicit("Go ahead?", Confirm)
-    return f"{answer.action} {getattr(answer.data, 'ok', None)}"
+    return f"{answer.action} {getattr(getattr(answer, 'data', None), 'ok', None)}"
 
 
 @server.tool()

@@ -4,13 +4,14 @@ answers 50 MB, `invalid` is answered with JSON-RPC "invalid params", `garbage` w
 JSON before its answer, and any other tool echoes its arguments."""
 import json
 import sys
+from typing import Any
 
 silent = sys.argv[1:] == ["silent"]
 for line in sys.stdin:
     message = json.loads(line)
     if silent or "id" not in message or (message.get("params") or {}).get("name") == "hang":
         continue
-    answer: dict = {"jsonrpc": "2.0", "id": message["id"]}
+    answer: dict[str, Any] = {"jsonrpc": "2.0", "id": message["id"]}
     method, params = message.get("method"), message.get("params") or {}
     if method == "initialize":
         answer["result"] = {"protocolVersion": params["protocolVersion"], "capabilities": {"tools": {}},

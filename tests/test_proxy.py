@@ -119,7 +119,7 @@ async def fastmcp_features(command: list[str], log: Path, mode: str) -> dict[str
     client = Client(StdioTransport(command[0], command[1:], env=child_env(), keep_alive=False, log_file=log),
                     sampling_handler=lambda messages, params, context: "hi", log_handler=on_log,
                     elicitation_handler=elicit,
-                    progress_handler=on_progress, message_handler=on_message, mode=mode)  # type: ignore[arg-type]
+                    progress_handler=on_progress, message_handler=on_message, mode=mode)
     async with client:
         async def call(name: str, arguments: dict[str, Any] | None = None) -> str:
             try:  # FastMCP's client negotiates the stateless protocol: no requests from the server, direct or not

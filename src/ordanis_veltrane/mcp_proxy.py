@@ -25,20 +25,22 @@ from __future__ import annotations
 
 import argparse
 import asyncio
-import base64
 import contextlib
 import inspect
 import json
 import logging
-import os
 import re
 import sys
-from typing import TYPE_CHECKING, Any, Awaitable, Callable, Sequence
+from typing import TYPE_CHECKING, Any, Sequence
 
 import anyio
 
 from ordanis_veltrane.cli import (
     add_health_arguments, at_least, health_limits, health_thread_budget, serve_stdio, start_metrics,
+)
+from ordanis_veltrane.mcp_proxy_transports import (
+    DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
+    client_lines, dump, rpc_error,
 )
 from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
 
@@ -57,10 +59,6 @@ DEFAULT_CALL_TIMEOUT = 60.0
 DEFAULT_INIT_TIMEOUT = 2.0
 STATUS_TOOLS = ("status", "get_tool_performance_stats")
 STATUS_PREFIX = "health_"
-# A message from the downstream may be this long (one line of JSON); a longer one ends the downstream.
-MAX_MESSAGE_BYTES = 512 * 1024 * 1024
-# Writes to the downstream wait for it to read once this much is queued.
-HIGH_WATER = 16 * 1024 * 1024
 # How much of an error result's text is matched and kept.
 ERROR_TEXT_CHARS = 4096
 # The ids of the proxy's own requests to the downstream.
@@ -69,17 +67,11 @@ OWN_ID_PREFIX = "ordanis-veltrane-proxy-"
 INVALID_PARAMS = -32602
 INTERNAL_ERROR = -32603
 PARSE_ERROR = -32700
-# The downstream is unreachable, did not answer in time, or left the request unanswered.
-DOWNSTREAM_ERROR = -32001
 
 STATUS_DESCRIPTIONS = {
     "status": "Tool health (calls, errors, disabled tools, usage per action) and the thread census.",
     "get_tool_performance_stats": "Per-tool timing statistics: count, mean, p95, min, max and errors.",
 }
-
-
-def _dump(message: Any) -> bytes:
-    return json.dumps(message, ensure_ascii=False, separators=(",", ":")).encode() + b"\n"
 
 
 def declared_actions(schema: Any) -> tuple[bool, list[str] | None]:
@@ -107,374 +99,7 @@ def _tool_result(request_id: Any, text: str, error: bool, stateless: bool) -> by
     result: dict[str, Any] = {"content": [{"type": "text", "text": text}], "isError": error}
     if stateless:
         result["resultType"] = "complete"
-    return _dump({"jsonrpc": "2.0", "id": request_id, "result": result})
-
-
-def _rpc_error(request_id: Any, code: int, text: str) -> bytes:
-    return _dump({"jsonrpc": "2.0", "id": request_id, "error": {"code": code, "message": text}})
-
-
-class DownstreamUnavailable(Exception):
-    """The downstream cannot take a request now; the text says why."""
-
-
-# ---------------------------------------------------------------- the client's side
-
-
-class _ClientOut:
-    """The proxy's stdout: lines written in the order they are given, never interleaved."""
-
-    def __init__(self) -> None:
-        self._transport: asyncio.WriteTransport | None = None
-        self._protocol: Any = None
-        self._closed = False
-
-    async def open(self) -> None:
-        loop = asyncio.get_running_loop()
-        try:
-            pipe = os.fdopen(os.dup(sys.stdout.fileno()), "wb", buffering=0)
-            self._transport, self._protocol = await loop.connect_write_pipe(asyncio.streams.FlowControlMixin, pipe)
-        except (OSError, ValueError, AttributeError):  # a regular file: plain blocking writes
-            self._transport = None
-
-    def write(self, data: bytes) -> None:
-        if self._closed:
-            return
-        if self._transport is None:
-            try:
-                sys.stdout.buffer.write(data)
-                sys.stdout.buffer.flush()
-            except (OSError, ValueError):
-                self._closed = True
-            return
-        if self._transport.is_closing():
-            self._closed = True
-            return
-        self._transport.write(data)
-
-    async def flush(self, seconds: float = 5.0) -> None:
-        """Waits until what was written has left (the process may exit right after)."""
-        transport = self._transport
-        with anyio.move_on_after(seconds):
-            while transport is not None and not transport.is_closing() and transport.get_write_buffer_size():
-                await anyio.sleep(0.01)
-
-    async def drain(self) -> None:
-        transport = self._transport
-        if transport is not None and not transport.is_closing() and transport.get_write_buffer_size() > HIGH_WATER:
-            with contextlib.suppress(ConnectionError):
-                await self._protocol._drain_helper()
-
-
-async def _client_lines() -> Callable[[], Awaitable[bytes]]:
-    """A reader of the proxy's stdin, one line at a time (b"" at its end)."""
-    loop = asyncio.get_running_loop()
-    reader = asyncio.StreamReader(limit=MAX_MESSAGE_BYTES, loop=loop)
-    try:
-        pipe = os.fdopen(os.dup(sys.stdin.fileno()), "rb", buffering=0)
-        await loop.connect_read_pipe(lambda: asyncio.StreamReaderProtocol(reader, loop=loop), pipe)
-    except (OSError, ValueError, AttributeError):  # a regular file: read on a worker thread
-        stdin = sys.stdin.buffer
-
-        async def from_thread() -> bytes:
-            return await anyio.to_thread.run_sync(stdin.readline)
-
-        return from_thread
-
-    async def from_pipe() -> bytes:
-        try:
-            return await reader.readuntil(b"\n")
-        except asyncio.IncompleteReadError as end:
-            return end.partial
-        except asyncio.LimitOverrunError:
-            logger.error("The client sent a message longer than %d bytes: the proxy stops", MAX_MESSAGE_BYTES)
-            return b""
-
-    return from_pipe
-
-
-# ---------------------------------------------------------------- downstreams
-
-LineHandler = Callable[[bytes], Awaitable[None]]
-
-
-class _StdioDownstream:
-    """The downstream as a child process: JSON-RPC lines on its stdin and stdout, its stderr is the proxy's."""
-
-    def __init__(self, command: Sequence[str], on_line: LineHandler, on_exit: Callable[[str], None]) -> None:
-        self.command = list(command)
-        self.on_line, self.on_exit = on_line, on_exit
-        self.proc: asyncio.subprocess.Process | None = None
-        self._reader: asyncio.Task[None] | None = None
-
-    @property
-    def alive(self) -> bool:
-        return self.proc is not None
-
-    async def start(self) -> None:
-        try:
-            self.proc = await asyncio.create_subprocess_exec(
-                *self.command, stdin=asyncio.subprocess.PIPE, stdout=asyncio.subprocess.PIPE, stderr=None,
-                limit=MAX_MESSAGE_BYTES)
-        except (OSError, ValueError) as exc:
-            raise DownstreamUnavailable(f"the downstream server {self.command[0]!r} could not be started: {exc}") \
-                from None
-        self._reader = asyncio.get_running_loop().create_task(self._read(self.proc))
-
-    async def _read(self, proc: asyncio.subprocess.Process) -> None:
-        stdout = proc.stdout
-        assert stdout is not None
-        why = ""
-        try:
-            while True:
-                try:
-                    line = await stdout.readuntil(b"\n")
-                except asyncio.IncompleteReadError as end:
-                    if end.partial.strip():
-                        await self.on_line(end.partial)
-                    break
-                except asyncio.LimitOverrunError:
-                    why = f"sent a message longer than {MAX_MESSAGE_BYTES} bytes"
-                    break
-                await self.on_line(line)
-        except Exception as exc:  # a fault of the relay must not leave the downstream half alive
-            logger.exception("Relaying the downstream's messages failed")
-            why = f"could not be relayed: {exc}"
-        current = self.proc is proc
-        if current:
-            self.proc = None
-        if proc.returncode is None:
-            if why:
-                with contextlib.suppress(ProcessLookupError):
-                    proc.kill()
-            with contextlib.suppress(asyncio.TimeoutError):
-                await asyncio.wait_for(proc.wait(), 5)
-        if current:  # one stopped on purpose (kill, close) is not reported
-            self.on_exit(f"the downstream server {why or 'exited'} (exit code {proc.returncode})")
-
-    def send(self, data: bytes) -> Awaitable[None] | None:
-        proc = self.proc
-        if proc is None or proc.stdin is None or proc.stdin.is_closing():
-            return None
-        proc.stdin.write(data)
-        if proc.stdin.transport.get_write_buffer_size() > HIGH_WATER:
-            return self._drain(proc.stdin)
-        return None
-
-    @staticmethod
-    async def _drain(stdin: asyncio.StreamWriter) -> None:
-        with contextlib.suppress(ConnectionError):
-            await stdin.drain()
-
-    def kill(self) -> None:
-        proc, self.proc = self.proc, None
-        if proc is not None and proc.returncode is None:
-            with contextlib.suppress(ProcessLookupError):
-                proc.kill()
-
-    async def close(self) -> None:
-        """Closes its stdin, then SIGTERM after 2 s, SIGKILL after 2 more."""
-        proc, self.proc = self.proc, None
-        if proc is None:
-            return
-        if proc.stdin is not None:
-            proc.stdin.close()
-        for stop in (None, proc.terminate, proc.kill):
-            if stop is not None:
-                with contextlib.suppress(ProcessLookupError):
-                    stop()
-            with contextlib.suppress(asyncio.TimeoutError):
-                await asyncio.wait_for(asyncio.shield(proc.wait()), 2)
-                break
-        if self._reader is not None:
-            with contextlib.suppress(asyncio.TimeoutError, asyncio.CancelledError):
-                await asyncio.wait_for(asyncio.shield(self._reader), 2)
-
-
-# The params member that a request of the stateless protocol repeats in the Mcp-Name header.
-NAME_BEARING = {"tools/call": "name", "prompts/get": "name", "resources/read": "uri"}
-PROTOCOL_VERSION_META = "io.modelcontextprotocol/protocolVersion"
-_HEADER_SAFE = re.compile(r"[\x20-\x7E]*")
-_BASE64_WRAPPED = re.compile(r"=\?base64\?.*\?=")
-
-
-def _header_value(value: str) -> str:
-    if _HEADER_SAFE.fullmatch(value) and value == value.strip() and not _BASE64_WRAPPED.fullmatch(value):
-        return value
-    return f"=?base64?{base64.b64encode(value.encode()).decode('ascii')}?="
-
-
-def _answers(raw: bytes, request_id: Any) -> bool:
-    try:
-        message = json.loads(raw)
-    except ValueError:
-        return False
-    return isinstance(message, dict) and message.get("id") == request_id and "error" in message
-
-
-def _routing_headers(message: dict[str, Any]) -> dict[str, str]:
-    """A request stamped with its protocol version in ``_meta`` (the stateless protocol) repeats the version,
-    its method and the name it acts on as headers, which a client over stdio cannot send."""
-    params = message.get("params")
-    meta = params.get("_meta") if isinstance(params, dict) else None
-    version = meta.get(PROTOCOL_VERSION_META) if isinstance(meta, dict) else None
-    method = message.get("method")
-    if not isinstance(version, str) or not isinstance(method, str):
-        return {}
-    headers = {"mcp-protocol-version": version, "mcp-method": method}
-    name = params.get(NAME_BEARING.get(method, ""))  # type: ignore[union-attr]
-    if isinstance(name, str):
-        headers["mcp-name"] = _header_value(name)
-    return headers
-
-
-class _HttpDownstream:
-    """The downstream at a streamable-HTTP URL: each message POSTed; the answers, as JSON or as a stream of
-    events, and the messages of the session's own event stream are handed on as lines."""
-
-    def __init__(self, url: str, headers: dict[str, str], on_line: LineHandler, on_exit: Callable[[str], None],
-                 timeout: float | None) -> None:
-        self.url, self.headers = url, headers
-        self.on_line, self.on_exit = on_line, on_exit
-        self.timeout = timeout
-        self.client: Any = None
-        self.session_id: str | None = None
-        self.protocol_version: str | None = None
-        self.alive = False
-        self._tasks: set[asyncio.Task[None]] = set()
-        self._listening = False
-
-    async def start(self) -> None:
-        try:
-            import httpx2 as httpx
-        except ImportError:  # pragma: no cover - the SDK brings it
-            raise DownstreamUnavailable("a URL downstream needs the 'mcp' extra (its HTTP client)") from None
-        if self.client is None:
-            self.client = httpx.AsyncClient(timeout=httpx.Timeout(30.0, read=None), follow_redirects=True)
-        for task in list(self._tasks):
-            task.cancel()
-        self.session_id = self.protocol_version = None
-        self._listening = False
-        self.alive = True
-
-    def _headers(self) -> dict[str, str]:
-        headers = {"content-type": "application/json", "accept": "application/json, text/event-stream",
-                   **self.headers}
-        if self.session_id is not None:
-            headers["mcp-session-id"] = self.session_id
-        if self.protocol_version is not None:
-            headers["mcp-protocol-version"] = self.protocol_version
-        return headers
-
-    def send(self, data: bytes) -> None:
-        if not self.alive:
-            return
-        task = asyncio.get_running_loop().create_task(self._post(data))
-        self._tasks.add(task)
-        task.add_done_callback(self._tasks.discard)
-
-    async def _post(self, data: bytes) -> None:
-        import httpx2 as httpx
-
-        request_id, method = None, None
-        headers = self._headers()
-        try:
-            message = json.loads(data)
-            if isinstance(message, dict):
-                request_id, method = message.get("id"), message.get("method")
-                headers.update(_routing_headers(message))
-        except ValueError:
-            pass
-        is_request = request_id is not None and method is not None
-        try:
-            async with self.client.stream("POST", self.url, content=data, headers=headers) as response:
-                session = response.headers.get("mcp-session-id")
-                if session:
-                    self.session_id = session
-                if response.status_code == 404 and self.session_id is not None and method != "initialize":
-                    self.alive = False
-                    self.on_exit("the downstream server ended the session (HTTP 404)")
-                    return
-                if response.status_code >= 400:
-                    raw = await response.aread()
-                    if is_request and _answers(raw, request_id):  # a JSON-RPC error of the server's: as it is
-                        await self.on_line(raw)
-                        return
-                    body = raw.decode(errors="replace")[:300]
-                    if method == "initialize":
-                        self.alive = False
-                        self.on_exit(f"the downstream server answered initialize with HTTP {response.status_code}: "
-                                     f"{body}")
-                    elif is_request:
-                        await self.on_line(_rpc_error(request_id, DOWNSTREAM_ERROR,
-                                                      f"the downstream server answered HTTP {response.status_code}: "
-                                                      f"{body}"))
-                    return
-                kind = response.headers.get("content-type", "").partition(";")[0].strip().lower()
-                if kind == "text/event-stream":
-                    async for event in httpx.EventSource(response, max_event_size=None):
-                        if event.data:
-                            await self._received(event.data.encode(), method == "initialize")
-                elif kind == "application/json":
-                    await self._received(await response.aread(), method == "initialize")
-        except httpx.HTTPError as exc:
-            if method == "initialize":
-                self.alive = False
-                self.on_exit(f"the downstream server could not be reached: {exc!r}")
-            elif is_request:
-                await self.on_line(_rpc_error(request_id, DOWNSTREAM_ERROR,
-                                              f"the downstream server could not be reached: {exc!r}"))
-
-    async def _received(self, data: bytes, initializing: bool) -> None:
-        if initializing and self.protocol_version is None:
-            with contextlib.suppress(ValueError, AttributeError):
-                version = json.loads(data).get("result", {}).get("protocolVersion")
-                if isinstance(version, str):
-                    self.protocol_version = version
-        await self.on_line(data)
-
-    def listen(self) -> None:
-        """Opens the session's own event stream (messages not tied to a request), once per session."""
-        if self._listening or not self.alive:
-            return
-        self._listening = True
-        task = asyncio.get_running_loop().create_task(self._listen())
-        self._tasks.add(task)
-        task.add_done_callback(self._tasks.discard)
-
-    async def _listen(self) -> None:
-        import httpx2 as httpx
-
-        headers = {k: v for k, v in self._headers().items() if k != "content-type"}
-        headers["accept"] = "text/event-stream"
-        for _ in range(3):
-            try:
-                async with self.client.stream("GET", self.url, headers=headers) as response:
-                    if response.status_code >= 400:
-                        return  # the server has no such stream (405) or refuses it
-                    async for event in httpx.EventSource(response, max_event_size=None):
-                        if event.data:
-                            await self.on_line(event.data.encode())
-            except httpx.HTTPError:
-                pass
-            if not self.alive:
-                return
-            await asyncio.sleep(1)
-
-    def kill(self) -> None:
-        self.alive = False
-
-    async def close(self) -> None:
-        self.alive = False
-        for task in list(self._tasks):
-            task.cancel()
-        if self.client is not None:
-            if self.session_id is not None:
-                with contextlib.suppress(Exception):
-                    with anyio.move_on_after(2):
-                        await self.client.delete(self.url, headers=self._headers())
-            await self.client.aclose()
-            self.client = None
+    return dump({"jsonrpc": "2.0", "id": request_id, "result": result})
 
 
 # ---------------------------------------------------------------- the relay
@@ -517,12 +142,12 @@ class Relay:
         self.status_tools = status_tools
         self.hide_disabled = hide_disabled
         self.metrics = metrics
-        self.out = _ClientOut()
+        self.out = ClientOut()
         if len(downstream) == 1 and downstream[0].startswith(("http://", "https://")):
-            self.downstream: _StdioDownstream | _HttpDownstream = _HttpDownstream(
+            self.downstream: StdioDownstream | HttpDownstream = HttpDownstream(
                 downstream[0], dict(headers or {}), self._from_downstream, self._downstream_gone, call_timeout)
         else:
-            self.downstream = _StdioDownstream(downstream, self._from_downstream, self._downstream_gone)
+            self.downstream = StdioDownstream(downstream, self._from_downstream, self._downstream_gone)
         self.pending: dict[Any, _Pending] = {}
         self.own: dict[str, asyncio.Future[Any]] = {}
         self._own_ids = 0
@@ -557,7 +182,7 @@ class Relay:
         self._ready_event = asyncio.Event()
         self._start_lock = asyncio.Lock()
         await self.out.open()
-        read = await _client_lines()
+        read = await client_lines()
         listen = getattr(self.pipeline, "add_tools_changed_listener", None)
         if self.hide_disabled and listen is not None:
             listen(self._hidden_changed)
@@ -614,7 +239,7 @@ class Relay:
         try:
             message = json.loads(line)
         except ValueError as exc:
-            self.out.write(_rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
+            self.out.write(rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
             return
         if not isinstance(message, dict):  # a batch: passed on as it is
             if await self._ensure_quietly():
@@ -671,9 +296,9 @@ class Relay:
             if answer is not None:
                 if self.stateless:
                     answer["resultType"] = "complete"
-                self.out.write(_dump({"jsonrpc": "2.0", "id": request_id, "result": answer}))
+                self.out.write(dump({"jsonrpc": "2.0", "id": request_id, "result": answer}))
             else:
-                self.out.write(_rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
+                self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
             return
         if method == "tools/list":
             params = message.get("params")
@@ -701,7 +326,7 @@ class Relay:
             self.pending.pop(request_id, None)
             logger.warning("Answering initialize without the downstream: %s", failure or "no answer yet")
             version = self._initialize.get("protocolVersion")
-            self.out.write(_dump({"jsonrpc": "2.0", "id": request_id, "result": {
+            self.out.write(dump({"jsonrpc": "2.0", "id": request_id, "result": {
                 "protocolVersion": version if isinstance(version, str) else "2025-06-18",
                 "capabilities": {"tools": {"listChanged": True}},
                 "serverInfo": {"name": "ordanis-veltrane-proxy", "version": "0.1.0"}}}))
@@ -711,7 +336,7 @@ class Relay:
     async def _call_tool(self, request_id: Any, message: dict[str, Any], line: bytes) -> None:
         params = message.get("params")
         if not isinstance(params, dict) or not isinstance(params.get("name"), str):
-            self.out.write(_rpc_error(request_id, INVALID_PARAMS, "tools/call needs params with a tool name"))
+            self.out.write(rpc_error(request_id, INVALID_PARAMS, "tools/call needs params with a tool name"))
             return
         tool: str = params["name"]
         status = self._by_served.get(tool)
@@ -725,15 +350,16 @@ class Relay:
                 self.out.write(self._tool_error(request_id, "tool health is not running yet: try again"))
                 return
         arguments = params.get("arguments")
-        takes_action = tool in self.takes_action and isinstance(arguments, dict)
-        action = arguments.get("action") if takes_action else None
+        if not isinstance(arguments, dict) or tool not in self.takes_action:
+            arguments = None  # only a tool with an action parameter is counted by action
+        action = arguments.get("action") if arguments is not None else None
         try:
-            call = self.pipeline.begin(tool, arguments if takes_action else None)
+            call = self.pipeline.begin(tool, arguments)
         except ToolRefused as refused:
             self.out.write(self._tool_error(request_id, str(refused)))
             return
-        if takes_action and arguments.get("action") != action:  # a synonym, given to the tool as its action
-            line = _dump(message)
+        if arguments is not None and arguments.get("action") != action:  # a synonym: the tool gets its action
+            line = dump(message)
         try:
             await self._ensure()
         except DownstreamUnavailable as down:
@@ -761,9 +387,9 @@ class Relay:
             entry.call.failed(text, "TimeoutError")
             self.out.write(self._tool_error(request_id, text))
         else:
-            self.out.write(_rpc_error(request_id, DOWNSTREAM_ERROR,
+            self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR,
                                       f"the downstream server did not answer {entry.method} within {seconds} s"))
-        self.downstream.send(_dump({"jsonrpc": "2.0", "method": "notifications/cancelled",
+        self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled",
                                     "params": {"requestId": request_id, "reason": f"no answer within {seconds} s"}}))
 
     def _fail_pending(self, key: Any, why: str) -> None:
@@ -778,7 +404,7 @@ class Relay:
             entry.call.failed(why, "DownstreamUnavailable")
             self.out.write(self._tool_error(key, why))
         else:
-            self.out.write(_rpc_error(key, DOWNSTREAM_ERROR, why))
+            self.out.write(rpc_error(key, DOWNSTREAM_ERROR, why))
 
     # ------------------------------------------------------------ the status tools
 
@@ -852,7 +478,7 @@ class Relay:
                 elif not self.downstream.alive:
                     self._own_ids += 1
                     own = f"{OWN_ID_PREFIX}{self._own_ids}"
-                    await self._start(own, _dump({"jsonrpc": "2.0", "id": own, "method": "initialize",
+                    await self._start(own, dump({"jsonrpc": "2.0", "id": own, "method": "initialize",
                                                   "params": self._initialize}))
                     if self.ready and self._initialized is not None:
                         await self._send(self._initialized)
@@ -923,7 +549,7 @@ class Relay:
         if self._watchdog is not None:
             self._watchdog.cancel()
             self._watchdog = None
-        if isinstance(self.downstream, _HttpDownstream):
+        if isinstance(self.downstream, HttpDownstream):
             self.downstream.listen()
 
     def _list_own_soon(self) -> None:
@@ -943,7 +569,7 @@ class Relay:
                 params: dict[str, Any] = {} if cursor is None else {"cursor": cursor}
                 if self._initialize is None and self._meta is not None:
                     params["_meta"] = self._meta  # the client's stamp: version and capabilities
-                await self._send(_dump({"jsonrpc": "2.0", "id": own, "method": "tools/list", "params": params}))
+                await self._send(dump({"jsonrpc": "2.0", "id": own, "method": "tools/list", "params": params}))
                 with anyio.fail_after(self.call_timeout or None):
                     answer = await waiter
                 result = answer.get("result") if isinstance(answer, dict) else None
@@ -961,7 +587,7 @@ class Relay:
         if self._answered_initialize and not self._handshake_forwarded:
             # The proxy answered initialize alone: the client learns of the tools now.
             self._handshake_forwarded = True
-            self.out.write(_dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"}))
+            self.out.write(dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"}))
 
     _handshake_forwarded = False
 
@@ -1065,7 +691,7 @@ class Relay:
                 result["tools"] = tools = [t for t in tools if not (isinstance(t, dict) and t.get("name") in hidden)]
         if first and self.status_tools:
             tools.extend(self._status_listing())
-        return _dump(message)
+        return dump(message)
 
     # ------------------------------------------------------------ hidden tools
 
@@ -1083,7 +709,7 @@ class Relay:
         """From any thread: the client is told to list the tools again."""
         loop = self._loop
         if loop is not None and not loop.is_closed():
-            notice = _dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"})
+            notice = dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"})
             with contextlib.suppress(RuntimeError):
                 loop.call_soon_threadsafe(self.out.write, notice)
 
