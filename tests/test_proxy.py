@@ -212,8 +212,8 @@ def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
 
 def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: Path) -> None:
     """mcp-server-time through the SDK's client: a bad time zone is the client's (--client-error) and never
-    disables; other errors do, and the refusal gives the last one. mcp-server-git on the same store through
-    FastMCP's client."""
+    disables; other errors do, the refusal gives the last one, and --hide-disabled leaves the tool out of the list.
+    mcp-server-git on the same store through FastMCP's client."""
     pytest.importorskip("mcp_server_time")
     pytest.importorskip("mcp_server_git")
     pytest.importorskip("fastmcp")
@@ -226,7 +226,8 @@ def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: 
     flags = (*PATIENT, "--disable-after", "2", "--cooldown", "60")
 
     async def scenario() -> None:
-        async with sdk(proxy(db, TIME, *flags, "--client-error", "Invalid timezone"), log, Seen()) as session:
+        async with sdk(proxy(db, TIME, *flags, "--client-error", "Invalid timezone", "--hide-disabled"), log,
+                       Seen()) as session:
             names = {t.name for t in (await session.list_tools()).tools}
             assert names == {"get_current_time", "convert_time", "status", "get_tool_performance_stats"}
             bad_zone = [await session.call_tool("get_current_time", {"timezone": "Bad/X"}) for _ in range(3)]
@@ -239,6 +240,8 @@ def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: 
                 "Tool 'convert_time' " + REFUSED)
             status = health_of(await session.call_tool("status", {}))
             assert (status["get_current_time"]["disabled"], status["convert_time"]["disabled"]) == (False, True)
+            # --hide-disabled: the disabled tool leaves the list (the client is told where the pipeline says so).
+            assert "convert_time" not in {t.name for t in (await session.list_tools()).tools}
             assert {u["outcome"]: u["calls"] for u in status["get_current_time"]["usage"]} == {
                 "client_error": 3, "ok": 1}
         async with Client(StdioTransport(sys.executable, proxy(db, git, *flags)[1:], env=child_env(),
