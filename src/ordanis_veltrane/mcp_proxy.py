@@ -169,6 +169,7 @@ class Relay:
         self.registry_settled = anyio.Event()
         self.tracker_ready = anyio.Event()
         self._stop = anyio.Event()
+        self.running = False
         self.finished = anyio.Event()  # the session is over: answered, downstream stopped, health written
         self._tg: Any = None
         self._loop: asyncio.AbstractEventLoop | None = None
@@ -178,6 +179,7 @@ class Relay:
 
     async def run(self) -> None:
         """Relays until the client closes stdin (or the task is cancelled: SIGTERM)."""
+        self.running = True
         self._loop = asyncio.get_running_loop()
         self._ready_event = asyncio.Event()
         self._start_lock = asyncio.Lock()
@@ -389,8 +391,10 @@ class Relay:
         else:
             self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR,
                                       f"the downstream server did not answer {entry.method} within {seconds} s"))
-        self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled",
-                                    "params": {"requestId": request_id, "reason": f"no answer within {seconds} s"}}))
+        waiting = self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled", "params": {
+            "requestId": request_id, "reason": f"no answer within {seconds} s"}}))
+        if waiting is not None:
+            asyncio.ensure_future(waiting)
 
     def _fail_pending(self, key: Any, why: str) -> None:
         entry = self.pending.pop(key, None)
@@ -786,7 +790,8 @@ def main(argv: Sequence[str] | None = None) -> int:
                   status_tools=not args.no_status_tools, hide_disabled=args.hide_disabled, metrics=metrics)
 
     async def write_health() -> None:
-        await relay.finished.wait()  # SIGTERM: the relay answers what is pending and stops the downstream first
+        if relay.running:  # SIGTERM: the relay answers what is pending and stops the downstream first
+            await relay.finished.wait()
         if pipeline.runtime.handle is not None:
             try:
                 await pipeline.runtime.flush()
