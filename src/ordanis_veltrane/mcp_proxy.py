@@ -165,7 +165,6 @@ class Relay:
         self._by_served: dict[str, str] = {name: name for name in self.names}
         self.downstream_tools: set[str] = set()
         self.takes_action: set[str] = set()
-        self._listing: dict[str, Any] = {}  # the tools/list pages read so far (by the proxy's own listing)
         self.registry_settled = anyio.Event()
         self.tracker_ready = anyio.Event()
         self._stop = anyio.Event()
@@ -173,7 +172,6 @@ class Relay:
         self.finished = anyio.Event()  # the session is over: answered, downstream stopped, health written
         self._tg: Any = None
         self._loop: asyncio.AbstractEventLoop | None = None
-        self._hidden: frozenset[str] = frozenset()
 
     # ------------------------------------------------------------ running
 
@@ -706,7 +704,6 @@ class Relay:
         else:  # a pipeline without the hidden set: the tools disabled now
             tracker = self.pipeline.tracker
             hidden = frozenset(n for n in self.downstream_tools if tracker is not None and tracker.is_disabled(n)[0])
-        self._hidden = hidden
         return hidden
 
     def _hidden_changed(self, *_: Any) -> None:
