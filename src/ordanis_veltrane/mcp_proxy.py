@@ -237,6 +237,12 @@ class Relay:
 
     async def _from_client(self, line: bytes) -> None:
         try:
+            await self._from_client_unguarded(line)
+        except Exception:  # a fault of the relay's own must not end the session
+            logger.exception("Could not relay a message of the client's: %r", line[:200])
+
+    async def _from_client_unguarded(self, line: bytes) -> None:
+        try:
             message = json.loads(line)
         except ValueError as exc:
             self.out.write(rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
@@ -438,7 +444,7 @@ class Relay:
             return
         try:
             answer = await (self.pipeline.status() if name == "status" else self.pipeline.performance_stats())
-            text = json.dumps(answer, ensure_ascii=False)
+            text = json.dumps(answer)
         except Exception as exc:
             call.raised(exc)
             self.out.write(self._tool_error(request_id, str(exc) or type(exc).__name__))
@@ -626,6 +632,12 @@ class Relay:
     # ------------------------------------------------------------ from the downstream
 
     async def _from_downstream(self, line: bytes) -> None:
+        try:
+            await self._from_downstream_unguarded(line)
+        except Exception:  # a fault of the relay's own must not end the session
+            logger.exception("Could not relay a message of the downstream's: %r", line[:200])
+
+    async def _from_downstream_unguarded(self, line: bytes) -> None:
         try:
             message = json.loads(line)
         except ValueError as exc:

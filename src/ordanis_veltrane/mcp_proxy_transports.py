@@ -15,8 +15,8 @@ from typing import Any, Awaitable, Callable, Sequence
 import anyio
 import anyio.to_thread
 
-__all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "DownstreamUnavailable", "HttpDownstream", "StdioDownstream", "client_lines",
-           "ClientOut", "dump", "rpc_error"]
+__all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "ClientOut", "DownstreamUnavailable", "HttpDownstream",
+           "StdioDownstream", "client_lines", "dump", "rpc_error"]
 
 logger: logging.Logger = logging.getLogger("ordanis_veltrane.mcp_proxy")
 
@@ -29,7 +29,9 @@ DOWNSTREAM_ERROR = -32001
 
 
 def dump(message: Any) -> bytes:
-    return json.dumps(message, ensure_ascii=False, separators=(",", ":")).encode() + b"\n"
+    """One line of JSON (escaped to ASCII: text with lone surrogates, which a client may send, encodes too)."""
+    return json.dumps(message, separators=(",", ":")).encode() + b"\n"
+
 
 def rpc_error(request_id: Any, code: int, text: str) -> bytes:
     return dump({"jsonrpc": "2.0", "id": request_id, "error": {"code": code, "message": text}})
