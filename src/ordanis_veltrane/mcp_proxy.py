@@ -145,7 +145,8 @@ class Relay:
         self.out = ClientOut()
         if len(downstream) == 1 and downstream[0].startswith(("http://", "https://")):
             self.downstream: StdioDownstream | HttpDownstream = HttpDownstream(
-                downstream[0], dict(headers or {}), self._from_downstream, self._downstream_gone, call_timeout)
+                downstream[0], dict(headers or {}), self._from_downstream, self._downstream_gone, self._fail_pending,
+                call_timeout)
         else:
             self.downstream = StdioDownstream(downstream, self._from_downstream, self._downstream_gone)
         self.pending: dict[Any, _Pending] = {}

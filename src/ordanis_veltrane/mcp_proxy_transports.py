@@ -256,9 +256,10 @@ class HttpDownstream:
     events, and the messages of the session's own event stream are handed on as lines."""
 
     def __init__(self, url: str, headers: dict[str, str], on_line: LineHandler, on_exit: Callable[[str], None],
+                 on_failed: Callable[[Any, str], None],
                  timeout: float | None) -> None:
         self.url, self.headers = url, headers
-        self.on_line, self.on_exit = on_line, on_exit
+        self.on_line, self.on_exit, self.on_failed = on_line, on_exit, on_failed
         self.timeout = timeout
         self.client: Any = None
         self.session_id: str | None = None
@@ -329,9 +330,8 @@ class HttpDownstream:
                         self.on_exit(f"the downstream server answered initialize with HTTP {response.status_code}: "
                                      f"{body}")
                     elif is_request:
-                        await self.on_line(rpc_error(request_id, DOWNSTREAM_ERROR,
-                                                      f"the downstream server answered HTTP {response.status_code}: "
-                                                      f"{body}"))
+                        self.on_failed(request_id, f"the downstream server answered HTTP {response.status_code}: "
+                                                   f"{body}")
                     return
                 kind = response.headers.get("content-type", "").partition(";")[0].strip().lower()
                 if kind == "text/event-stream":
@@ -345,8 +345,7 @@ class HttpDownstream:
                 self.alive = False
                 self.on_exit(f"the downstream server could not be reached: {exc!r}")
             elif is_request:
-                await self.on_line(rpc_error(request_id, DOWNSTREAM_ERROR,
-                                              f"the downstream server could not be reached: {exc!r}"))
+                self.on_failed(request_id, f"the downstream server could not be reached: {exc!r}")
 
     async def _received(self, data: bytes, initializing: bool) -> None:
         if initializing and self.protocol_version is None:
@@ -354,7 +353,8 @@ class HttpDownstream:
                 version = json.loads(data).get("result", {}).get("protocolVersion")
                 if isinstance(version, str):
                     self.protocol_version = version
-        await self.on_line(data)
+        if data.strip():
+            await self.on_line(data)
 
     def listen(self) -> None:
         """Opens the session's own event stream (messages not tied to a request), once per session."""
