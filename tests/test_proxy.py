@@ -148,21 +148,35 @@ def free_port() -> int:
         return int(s.getsockname()[1])
 
 
-@pytest.fixture
-def http_downstream(tmp_path: Path) -> Any:
-    """The test downstream over streamable HTTP, refusing requests without its bearer token."""
-    port, log = free_port(), tmp_path / "server.log"
-    with open(log, "w") as errlog:
-        server = subprocess.Popen([*FEATURES, "--http", str(port), "--token", "s3cret"], stderr=errlog)
-    try:
+class HttpServer:
+    """The test downstream over streamable HTTP, refusing requests without its bearer token; `restart` loses
+    every session it had."""
+
+    def __init__(self, log: Path) -> None:
+        self.port, self.log = free_port(), log
+        self.url = f"http://127.0.0.1:{self.port}/mcp"
+        self.start()
+
+    def start(self) -> None:
+        with open(self.log, "a") as errlog:
+            self.server = subprocess.Popen([*FEATURES, "--http", str(self.port), "--token", "s3cret"], stderr=errlog)
         deadline = time.monotonic() + 60
-        while socket.socket().connect_ex(("127.0.0.1", port)) != 0:
-            assert server.poll() is None and time.monotonic() < deadline, log.read_text()
+        while socket.socket().connect_ex(("127.0.0.1", self.port)) != 0:
+            assert self.server.poll() is None and time.monotonic() < deadline, self.log.read_text()
             time.sleep(0.1)
-        yield f"http://127.0.0.1:{port}/mcp"
+
+    def stop(self) -> None:
+        self.server.terminate()
+        self.server.wait(10)
+
+
+@pytest.fixture
+def http_server(tmp_path: Path) -> Any:
+    server = HttpServer(tmp_path / "server.log")
+    try:
+        yield server
     finally:
-        server.terminate()
-        server.wait(10)
+        server.stop()
 
 
 def without_status(names: list[str]) -> list[str]:
@@ -172,12 +186,12 @@ def without_status(names: list[str]) -> list[str]:
 
 @pytest.mark.parametrize("client", ["sdk", "fastmcp", "fastmcp-legacy"])
 def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
-        tmp_path: Path, client: str, http_downstream: str) -> None:
+        tmp_path: Path, client: str, http_server: HttpServer) -> None:
     if client != "sdk":
         pytest.importorskip("fastmcp")
     db, log = tmp_path / "health.db", tmp_path / "proxy.log"
     routes = {"direct": FEATURES, "stdio": proxy(db, FEATURES, *PATIENT),
-              "http": proxy(db, [http_downstream], *PATIENT, "--header", "Authorization: Bearer s3cret")}
+              "http": proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")}
 
     async def run(command: list[str]) -> dict[str, Any]:
         if client != "sdk":
@@ -203,11 +217,29 @@ def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
     assert "added" in direct["added tools"] and direct["resource"] == "hello resource"
     # Without the token the HTTP downstream refuses the session: the proxy answers for itself, and says why.
     async def refused() -> None:
-        async with sdk(proxy(db, [http_downstream]), log, Seen()) as session:
+        async with sdk(proxy(db, [http_server.url]), log, Seen()) as session:
             failed = await session.call_tool("progress", {})
             assert failed.is_error and "HTTP 401" in text(failed), text(failed)
 
     anyio.run(refused)
+
+
+def test_an_http_downstream_that_goes_away_or_forgets_the_session(tmp_path: Path, http_server: HttpServer) -> None:
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
+
+    async def scenario() -> None:
+        command = proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")
+        async with sdk(command, log, Seen()) as session:
+            assert text(await session.call_tool("progress", {})) == "done"
+            http_server.stop()
+            down = await session.call_tool("progress", {})
+            assert down.is_error and "could not be reached" in text(down), text(down)
+            http_server.start()  # knows no session: the request that meets it fails, the next starts one
+            forgot = await session.call_tool("progress", {})
+            assert forgot.is_error and "ended the session (HTTP 404)" in text(forgot), text(forgot)
+            assert text(await session.call_tool("progress", {})) == "done"
+
+    anyio.run(scenario)
 
 
 def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: Path) -> None:
