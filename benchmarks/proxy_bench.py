@@ -1,20 +1,20 @@
-"""What tool health costs in front of an MCP server, measured in one run against baselines.
+"""What the proxy adds to a tool call, measured in one run against the same call made directly.
 
 Over stdio, with the official SDK's client, one call (``get_current_time``) of mcp-server-time:
 
 - ``direct``: to the server itself;
-- ``fastmcp proxy``: through FastMCP's proxy (``create_proxy``) with a middleware that only passes the call on;
-- ``health proxy``: through ``python -m ordanis_veltrane.mcp_proxy``.
+- ``health proxy``: through ``python -m ordanis_veltrane.mcp_proxy``;
+- ``fastmcp proxy``: through FastMCP's own proxy (``create_proxy``), where FastMCP is installed.
 
-In one process, with FastMCP's in-memory client, one call of a trivial tool of a FastMCP server with and without
-``ToolHealthMiddleware``.
+The CPU time per call of the process the client starts (the server; or the proxy, without its downstream) is
+measured too (Linux): unlike the latencies, the machine's other work hardly moves it.
 
-The variants run in turns, in a new random order each round, each round timing a batch of calls per variant; the figure of a
-variant is its best round (the least disturbed by the other work on the machine). Each ratio is given twice: of
-the best rounds, and as the median of the ratios of the same rounds, which a drift in the machine's load moves
-less.
+Sessions of the variants alternate (a new random order each round, so that none always follows another); each
+session makes ``--warmup`` calls, then times ``--calls`` calls one by one. A variant's p50 and p99 are those of its
+best session (the one least disturbed by the other work on the machine) and the median over its sessions; each
+ratio to ``direct`` is given for both.
 
-    python benchmarks/proxy_bench.py [--rounds 30] [--batch 20] [--json]
+    python benchmarks/proxy_bench.py [--sessions 5] [--calls 300] [--json]
 """
 from __future__ import annotations
 
@@ -28,7 +28,6 @@ import tempfile
 import time
 from contextlib import AsyncExitStack
 from pathlib import Path
-from typing import Any, Awaitable, Callable
 
 import anyio
 
@@ -44,151 +43,112 @@ def child_env() -> dict[str, str]:
 
 
 def serve_fastmcp_proxy() -> None:
-    """The baseline proxy: FastMCP's own, with a middleware that passes every call on."""
+    """The baseline: FastMCP's own proxy of the same server."""
     from fastmcp.client.transports import StdioTransport
     from fastmcp.server import create_proxy
-    from fastmcp.server.middleware import Middleware
 
-    class PassThrough(Middleware):
-        async def on_call_tool(self, context: Any, call_next: Any) -> Any:
-            return await call_next(context)
-
-    proxy = create_proxy(StdioTransport(TIME[0], TIME[1:], env=dict(os.environ), keep_alive=True),
-                         name="baseline", middleware=[PassThrough()])
-    proxy.run(show_banner=False)
+    create_proxy(StdioTransport(TIME[0], TIME[1:], env=dict(os.environ), keep_alive=True),
+                 name="baseline").run(show_banner=False)
 
 
-async def stdio_session(stack: AsyncExitStack, command: list[str]) -> Callable[[], Awaitable[Any]]:
+def children_cpu() -> float:
+    """CPU seconds (user and system) of this process's child processes so far (Linux; 0 elsewhere)."""
+    total, ticks = 0.0, os.sysconf("SC_CLK_TCK") if hasattr(os, "sysconf") else 100
+    for proc in Path("/proc").glob("[0-9]*"):
+        try:
+            fields = (proc / "stat").read_text().rsplit(")", 1)[1].split()
+        except OSError:
+            continue
+        if int(fields[1]) == os.getpid():
+            total += (int(fields[11]) + int(fields[12])) / ticks
+    return total
+
+
+async def session(command: list[str], warmup: int, calls: int, cpu: list[float]) -> list[float]:
+    """Seconds per call of one new session; appends to ``cpu`` the CPU seconds per call of the process started."""
     from mcp import ClientSession, StdioServerParameters, stdio_client
 
     params = StdioServerParameters(command=command[0], args=command[1:], env=child_env())
-    read, write = await stack.enter_async_context(stdio_client(params, errlog=open(os.devnull, "w")))
-    session = await stack.enter_async_context(ClientSession(read, write))
-    await session.initialize()
-
-    async def call() -> Any:
-        result = await session.call_tool("get_current_time", ARGS)
-        assert not result.is_error, result
-        return result
-
-    return call
-
-
-async def in_process(stack: AsyncExitStack, db: Path | None) -> Callable[[], Awaitable[Any]]:
-    from fastmcp import Client, FastMCP
-
-    from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware
-
-    health = ToolHealthMiddleware(db, flush_interval=5.0) if db is not None else None
-    server: FastMCP[Any] = FastMCP("bench", lifespan=health.lifespan if health else None,
-                                   middleware=[health] if health else [])
-
-    @server.tool
-    def now(timezone: str) -> str:
-        return f"12:00 in {timezone}"
-
-    client = await stack.enter_async_context(Client(server))
-
-    async def call() -> Any:
-        return await client.call_tool("now", ARGS)
-
-    return call
-
-
-async def measure(rounds: int, batch: int) -> dict[str, list[float]]:
-    tmp = Path(tempfile.mkdtemp(prefix="proxy-bench-"))
     async with AsyncExitStack() as stack:
-        variants = {
-            "direct": await stdio_session(stack, TIME),
-            "fastmcp proxy": await stdio_session(stack, [sys.executable, __file__, "--serve-baseline"]),
-            "health proxy": await stdio_session(stack, [sys.executable, "-m", "ordanis_veltrane.mcp_proxy", "--db",
-                                                        str(tmp / "health.db"), "--", *TIME]),
-            "in-process": await in_process(stack, None),
-            "in-process + middleware": await in_process(stack, tmp / "inproc.db"),
-        }
-        for call in variants.values():  # warm up: connections, caches, the downstream's first answers
-            for _ in range(batch):
-                await call()
-        times: dict[str, list[float]] = {name: [] for name in variants}
-        names, order = list(variants), random.Random(1)
-        for _ in range(rounds):
-            order.shuffle(names)  # no variant always runs right after another (caches warmed by its neighbour)
-            for name in names:
-                call = variants[name]
-                start = time.perf_counter()
-                for _ in range(batch):
-                    await call()
-                times[name].append((time.perf_counter() - start) / batch)
+        read, write = await stack.enter_async_context(stdio_client(params, errlog=open(os.devnull, "w")))
+        client = await stack.enter_async_context(ClientSession(read, write))
+        await client.initialize()
+        times = []
+        for n in range(warmup + calls):
+            if n == warmup:
+                used = children_cpu()
+            start = time.perf_counter()
+            result = await client.call_tool("get_current_time", ARGS)
+            if n >= warmup:
+                times.append(time.perf_counter() - start)
+            assert not result.is_error, result
+        cpu.append((children_cpu() - used) / calls)
         return times
 
 
-async def own_work(db: Path, calls: int = 2000, repeats: int = 7) -> tuple[float, float]:
-    """The middleware's own work: ``on_call_tool`` around a handler that answers at once, against a middleware
-    that only passes the call on (seconds per call, best of the repeats)."""
-    from fastmcp import FastMCP
-    from fastmcp.server.middleware import Middleware, MiddlewareContext
-    from fastmcp.tools.base import ToolResult
-    from mcp.types import CallToolRequestParams
+def quantile(samples: list[float], q: float) -> float:
+    ordered = sorted(samples)
+    return ordered[min(len(ordered) - 1, int(q * len(ordered)))]
 
-    from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware
 
-    server: FastMCP[Any] = FastMCP("bench")
+async def measure(sessions: int, warmup: int, calls: int) -> tuple[dict[str, list[list[float]]],
+                                                                 dict[str, list[float]]]:
+    db = Path(tempfile.mkdtemp(prefix="proxy-bench-")) / "health.db"
+    variants = {
+        "direct": TIME,
+        # A generous wait at initialize: a loaded machine may start the server slowly.
+        "health proxy": [sys.executable, "-m", "ordanis_veltrane.mcp_proxy", "--db", str(db), "--init-timeout", "60",
+                         "--", *TIME],
+    }
+    try:
+        import fastmcp  # noqa: F401
 
-    @server.tool
-    def now(timezone: str) -> str:
-        return timezone
-
-    health, plain = ToolHealthMiddleware(db, flush_interval=None, call_timeout=60), Middleware()
-    context: Any = MiddlewareContext(message=CallToolRequestParams(name="now", arguments=dict(ARGS)),
-                                     method="tools/call")
-    answer = ToolResult(content="12:00")
-
-    async def call_next(_: Any) -> ToolResult:
-        return answer
-
-    best = {"health": float("inf"), "plain": float("inf")}
-    async with health.running(server):
-        for _ in range(repeats):
-            for name, mw in (("health", health), ("plain", plain)):
-                start = time.perf_counter()
-                for _ in range(calls):
-                    await mw.on_call_tool(context, call_next)  # type: ignore[arg-type]
-                best[name] = min(best[name], (time.perf_counter() - start) / calls)
-    return best["health"], best["plain"]
+        variants["fastmcp proxy"] = [sys.executable, __file__, "--serve-baseline"]
+    except ImportError:
+        pass
+    samples: dict[str, list[list[float]]] = {name: [] for name in variants}
+    cpu: dict[str, list[float]] = {name: [] for name in variants}
+    names, order = list(variants), random.Random(1)
+    for _ in range(sessions):
+        order.shuffle(names)
+        for name in names:
+            samples[name].append(await session(variants[name], warmup, calls, cpu[name]))
+    return samples, cpu
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--rounds", type=int, default=30)
-    parser.add_argument("--batch", type=int, default=20)
+    parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
+    parser.add_argument("--sessions", "--rounds", type=int, default=5, help="sessions per variant (default 5)")
+    parser.add_argument("--calls", "--batch", type=int, default=300, help="timed calls per session (default 300)")
+    parser.add_argument("--warmup", type=int, default=20)
     parser.add_argument("--json", action="store_true")
     parser.add_argument("--serve-baseline", action="store_true", help=argparse.SUPPRESS)
     args = parser.parse_args()
     if args.serve_baseline:
         serve_fastmcp_proxy()
         return
-    times = anyio.run(measure, args.rounds, args.batch)
-    best = {name: min(samples) for name, samples in times.items()}
-    best["middleware's own work"], best["pass-through middleware"] = anyio.run(
-        own_work, Path(tempfile.mkdtemp(prefix="proxy-bench-")) / "own.db")
-
-    def ratio(name: str, base: str) -> tuple[float, float]:
-        """Of the best rounds, and the median of the ratios of the same rounds (robust to drifts in load)."""
-        return best[name] / best[base], statistics.median(a / b for a, b in zip(times[name], times[base]))
-
-    ratios = {"health proxy / fastmcp proxy": ratio("health proxy", "fastmcp proxy"),
-              "fastmcp proxy / direct": ratio("fastmcp proxy", "direct"),
-              "middleware / in-process": ratio("in-process + middleware", "in-process")}
+    samples, cpu = anyio.run(measure, args.sessions, args.warmup, args.calls)
+    figures: dict[str, dict[str, float]] = {}
+    for name, runs in samples.items():
+        p50s, p99s = [quantile(r, 0.5) for r in runs], [quantile(r, 0.99) for r in runs]
+        figures[name] = {"p50 best": min(p50s), "p50 median": statistics.median(p50s),
+                         "p99 best": min(p99s), "p99 median": statistics.median(p99s),
+                         "cpu median": statistics.median(cpu[name])}
+    ratios = {name: {k: v / figures["direct"][k] for k, v in f.items() if k != "cpu median"}
+              for name, f in figures.items() if name != "direct"}
     if args.json:
-        print(json.dumps({"us_per_call": {k: v * 1e6 for k, v in best.items()},
-                          "ratios": {k: {"best": b, "median": m} for k, (b, m) in ratios.items()}}, indent=2))
+        print(json.dumps({"us_per_call": {n: {k: v * 1e6 for k, v in f.items()} for n, f in figures.items()},
+                          "ratio_to_direct": ratios}, indent=2))
         return
-    print(f"best of {args.rounds} rounds of {args.batch} calls, microseconds per call")
-    for name, seconds in best.items():
-        print(f"  {name:26s} {seconds * 1e6:9.1f}")
-    print("ratios: of the best rounds; median of the same rounds' ratios")
-    for name, (of_best, median) in ratios.items():
-        print(f"  {name:30s} {of_best:6.3f} ({(of_best - 1) * 100:+5.1f}%)  {median:6.3f} ({(median - 1) * 100:+5.1f}%)")
+    print(f"{args.sessions} sessions of {args.calls} calls per variant, alternating; microseconds per call")
+    print(f"  {'':16s} {'p50 best':>10s} {'p50 median':>11s} {'p99 best':>10s} {'p99 median':>11s} "
+          f"{'CPU of the process started':>27s}")
+    for name, f in figures.items():
+        print(f"  {name:16s} {f['p50 best'] * 1e6:10.0f} {f['p50 median'] * 1e6:11.0f} "
+              f"{f['p99 best'] * 1e6:10.0f} {f['p99 median'] * 1e6:11.0f} {f['cpu median'] * 1e6:27.0f}")
+    for name, r in ratios.items():
+        print(f"  {name + ' / direct':30s} p50 {r['p50 best']:.3f} (median {r['p50 median']:.3f}), "
+              f"p99 {r['p99 best']:.3f} (median {r['p99 median']:.3f})")
 
 
 if __name__ == "__main__":

@@ -1,132 +1,372 @@
-"""The proxy in front of MCP servers from PyPI (mcp-server-time, mcp-server-git), driven over stdio by the official
-SDK's client and by FastMCP's: pass-through, errors and refusals, status, the history across restarts, SIGTERM,
-and a downstream that stops answering, dies or never starts."""
+"""The proxy as a relay, driven over stdio by the official SDK's client and by FastMCP's: every feature of a test
+downstream passes as it does direct (over stdio and over streamable HTTP with a bearer token), mcp-server-time and
+mcp-server-git from PyPI behind it, and the faults: a downstream killed mid-call, one that never starts or never
+answers, a flood of log messages, a 50 MB result, malformed JSON, SIGTERM."""
 
 import json
 import os
 import signal
+import socket
 import subprocess
 import sys
-import threading
-from contextlib import AbstractAsyncContextManager
+import time
+from contextlib import asynccontextmanager
 from pathlib import Path
+from typing import Any, AsyncIterator
 
 import pytest
 
-pytest.importorskip("fastmcp")
-pytest.importorskip("mcp_server_time")
+pytest.importorskip("mcp")
 pytestmark = pytest.mark.skipif(sys.platform == "win32", reason="POSIX signals and /proc")
 
 import anyio  # noqa: E402
-from fastmcp import Client  # noqa: E402
-from fastmcp.client.transports import StdioTransport  # noqa: E402
-from mcp import ClientSession  # noqa: E402
+from mcp import ClientSession, StdioServerParameters, stdio_client  # noqa: E402
+from mcp import types as mt  # noqa: E402
 
 from conftest import child_env  # noqa: E402
-from test_mcp import REFUSED, health_of, stdio, stored, terminate_after_calls, text  # noqa: E402
+from test_mcp import REFUSED, health_of, stored, text  # noqa: E402
 
-# The downstream servers are not under test: a sanitizer runtime preloaded into the tests stays out of them (it
-# would make a restarted one slower to start than a call may take).
+HERE = Path(__file__).parent
+# The downstream servers are not under test: a sanitizer runtime preloaded into the tests stays out of them.
 CLEAN_ENV = ["env", "-u", "LD_PRELOAD", "-u", "PYTHONMALLOC"] if os.environ.get("LD_PRELOAD") else []
+FEATURES = [*CLEAN_ENV, sys.executable, str(HERE / "proxy_downstream.py")]
+RAW = [*CLEAN_ENV, sys.executable, str(HERE / "raw_downstream.py")]
 TIME = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_time"]
+# Slow starts on a loaded machine: the feature tests wait for the downstream rather than answer without it.
+PATIENT = ("--init-timeout", "60")
 
 
-def proxy_args(db: Path, downstream: list[str], *flags: str) -> list[str]:
-    return ["-m", "ordanis_veltrane.mcp_proxy", "--db", str(db), "--flush-interval", "0", *flags, "--", *downstream]
+def proxy(db: Path, downstream: list[str], *flags: str) -> list[str]:
+    return [sys.executable, "-m", "ordanis_veltrane.mcp_proxy", "--db", str(db), "--flush-interval", "0", *flags,
+            "--", *downstream]
 
 
-def sdk_session(db: Path, downstream: list[str], *flags: str) -> AbstractAsyncContextManager[ClientSession]:
-    return stdio(proxy_args(db, downstream, *flags), db.parent / "proxy.log")
+class Seen:
+    """What a client was sent besides answers: progress, log lines, list_changed notices."""
+
+    def __init__(self) -> None:
+        self.progress: list[Any] = []
+        self.logs: list[Any] = []
+        self.changed = 0
 
 
-def downstream_of(db: Path, module: str) -> list[int]:
-    """The pids of `python -m module` started by the proxy that keeps its health in `db`."""
-    found = []
-    for proc in Path("/proc").glob("[0-9]*"):
-        try:
-            parent = (proc / "stat").read_text().rsplit(")", 1)[1].split()[1]
-            if (proc / "cmdline").read_bytes().split(b"\0")[1:3] == [b"-m", module.encode()] and str(db).encode() in (
-                    Path("/proc", parent, "cmdline").read_bytes()):
-                found.append(int(proc.name))
-        except (OSError, IndexError):
-            continue
-    return found
+@asynccontextmanager
+async def sdk(command: list[str], log: Path, seen: Seen) -> AsyncIterator[ClientSession]:
+    async def sampling(context: Any, params: mt.CreateMessageRequestParams) -> mt.CreateMessageResult:
+        return mt.CreateMessageResult(role="assistant", content=mt.TextContent(type="text", text="hi"), model="m")
+
+    async def elicitation(context: Any, params: Any) -> mt.ElicitResult:
+        return mt.ElicitResult(action="accept", content={"ok": True})
+
+    async def logging(params: mt.LoggingMessageNotificationParams) -> None:
+        seen.logs.append(params.data)
+
+    async def messages(message: Any) -> None:
+        seen.changed += isinstance(message, mt.ToolListChangedNotification)
+
+    params = StdioServerParameters(command=command[0], args=command[1:], env=child_env())
+    with open(log, "a") as errlog:
+        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(
+                read, write, sampling_callback=sampling, elicitation_callback=elicitation, logging_callback=logging,
+                message_handler=messages) as session:
+            await session.initialize()
+            yield session
 
 
-def test_time_and_git_servers_errors_refusal_status_history_and_sigterm(tmp_path: Path) -> None:
-    """mcp-server-time through the SDK's client: errors, then the refusal with the last one. mcp-server-git on the
-    same store through FastMCP's client: an isError result is an error, the tools of the other downstream are left
-    out of the answers. mcp-server-time again: still refused, and SIGTERM writes what it counted."""
-    pytest.importorskip("mcp_server_git")
-    repo, db = tmp_path / "repo", tmp_path / "health.db"
-    subprocess.run(["git", "init", "-q", str(repo)], check=True)
-    subprocess.run(["git", "-C", str(repo), "-c", "user.name=t", "-c", "user.email=t@e", "commit", "-q",
-                    "--allow-empty", "-m", "first"], check=True)
-    git = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_git", "--repository", str(repo)]
-    flags = ("--disable-after", "2", "--cooldown", "60")
+async def sdk_features(session: ClientSession, seen: Seen) -> dict[str, Any]:
+    async def progress(value: float, total: float | None, message: str | None) -> None:
+        seen.progress.append((value, total, message))
+
+    async def call(name: str, arguments: dict[str, Any] | None = None, **options: Any) -> str:
+        return text(await session.call_tool(name, arguments or {}, **options))
+
+    observed: dict[str, Any] = {"tools": sorted(t.name for t in (await session.list_tools()).tools)}
+    observed["progress"] = await call("progress", progress_callback=progress), seen.progress
+    observed["log"] = await call("log", {"count": 2}), seen.logs
+    observed["calls"] = [await call(name) for name in ("elicit", "sample", "ping_client", "status", "health_status")]
+    with anyio.move_on_after(1):
+        await call("sleep", {"seconds": 30})  # cancelled: the session goes on
+    observed["after cancel"] = await call("sleep", {"seconds": 0})
+    observed["added"] = await call("add_tool")
+    with anyio.fail_after(10):
+        while not seen.changed:
+            await anyio.sleep(0.05)
+    observed["added tools"] = sorted(t.name for t in (await session.list_tools()).tools)
+    observed["resource"] = (await session.read_resource("test://greeting")).contents[0].text  # type: ignore[union-attr]
+    prompt = await session.get_prompt("ask", {"topic": "tides"})
+    observed["prompt"] = prompt.messages[0].content.text  # type: ignore[union-attr]
+    return observed
+
+
+async def fastmcp_features(command: list[str], log: Path, mode: str) -> dict[str, Any]:
+    from fastmcp import Client
+    from fastmcp.client.transports import StdioTransport
+
+    seen = Seen()
+
+    async def on_log(message: Any) -> None:
+        seen.logs.append(message.data)
+
+    async def on_progress(value: float, total: float | None, message: str | None) -> None:
+        seen.progress.append((value, total, message))
+
+    async def on_message(message: Any) -> None:
+        seen.changed += isinstance(message, mt.ToolListChangedNotification)
+
+    async def elicit(message: str, kind: Any, params: Any, context: Any) -> Any:
+        return kind(ok=True)
+
+    client = Client(StdioTransport(command[0], command[1:], env=child_env(), keep_alive=False, log_file=log),
+                    sampling_handler=lambda messages, params, context: "hi", log_handler=on_log,
+                    elicitation_handler=elicit,
+                    progress_handler=on_progress, message_handler=on_message, mode=mode)
+    async with client:
+        async def call(name: str, arguments: dict[str, Any] | None = None) -> str:
+            try:  # FastMCP's client negotiates the stateless protocol: no requests from the server, direct or not
+                return text(await client.call_tool(name, arguments or {}, raise_on_error=False))
+            except Exception as exc:
+                return f"raised {exc}"
+
+        observed: dict[str, Any] = {"tools": sorted(t.name for t in await client.list_tools())}
+        observed["progress"] = await call("progress"), seen.progress
+        observed["log"] = await call("log", {"count": 2}), seen.logs
+        observed["calls"] = [await call(name) for name in ("elicit", "sample", "ping_client", "health_status")]
+        observed["added"] = await call("add_tool")
+        with anyio.move_on_after(10 if mode == "legacy" else 1):  # the stateless protocol has no such notice
+            while not seen.changed:
+                await anyio.sleep(0.05)
+        observed["changed"] = bool(seen.changed)
+        observed["added tools"] = sorted(t.name for t in await client.list_tools())
+        observed["resource"] = (await client.read_resource("test://greeting"))[0].text  # type: ignore[union-attr]
+        observed["prompt"] = (await client.get_prompt("ask", {"topic": "tides"})).messages[0].content.text  # type: ignore[union-attr]
+    return observed
+
+
+def free_port() -> int:
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return int(s.getsockname()[1])
+
+
+class HttpServer:
+    """The test downstream over streamable HTTP, refusing requests without its bearer token; `restart` loses
+    every session it had."""
+
+    def __init__(self, log: Path) -> None:
+        self.port, self.log = free_port(), log
+        self.url = f"http://127.0.0.1:{self.port}/mcp"
+        self.start()
+
+    def start(self) -> None:
+        with open(self.log, "a") as errlog:
+            self.server = subprocess.Popen([*FEATURES, "--http", str(self.port), "--token", "s3cret"], stderr=errlog)
+        deadline = time.monotonic() + 60
+        while socket.socket().connect_ex(("127.0.0.1", self.port)) != 0:
+            assert self.server.poll() is None and time.monotonic() < deadline, self.log.read_text()
+            time.sleep(0.1)
+
+    def stop(self) -> None:
+        self.server.terminate()
+        self.server.wait(10)
+
+
+@pytest.fixture
+def http_server(tmp_path: Path) -> Any:
+    server = HttpServer(tmp_path / "server.log")
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
+def without_status(names: list[str]) -> list[str]:
+    assert {"health_health_status", "get_tool_performance_stats"} <= set(names), names  # the downstream keeps both
+    return sorted(set(names) - {"health_health_status", "get_tool_performance_stats"})
+
+
+@pytest.mark.parametrize("client", ["sdk", "fastmcp", "fastmcp-legacy"])
+def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
+        tmp_path: Path, client: str, http_server: HttpServer) -> None:
+    if client != "sdk":
+        pytest.importorskip("fastmcp")
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
+    routes = {"direct": FEATURES, "stdio": proxy(db, FEATURES, *PATIENT),
+              "http": proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")}
+
+    async def run(command: list[str]) -> dict[str, Any]:
+        if client != "sdk":
+            return await fastmcp_features(command, log, "legacy" if client.endswith("legacy") else "auto")
+        seen = Seen()
+        async with sdk(command, log, seen) as session:
+            observed = await sdk_features(session, seen)
+            if command is not FEATURES:
+                usage = health_of(await session.call_tool("health_health_status", {}))["sleep"]["usage"]
+                observed["sleep outcomes"] = sorted(u["outcome"] for u in usage)
+        return observed
+
+    observed = {route: anyio.run(run, command) for route, command in routes.items()}
+    for route in ("stdio", "http"):
+        proxied = observed[route]
+        proxied["tools"], proxied["added tools"] = map(without_status, (proxied["tools"], proxied["added tools"]))
+        if client == "sdk":
+            assert proxied.pop("sleep outcomes") == ["cancelled", "ok"], route
+        assert proxied == observed["direct"], route
+    direct = observed["direct"]
+    if client != "fastmcp":  # FastMCP's client negotiates the stateless protocol: the server asks nothing of it
+        assert direct["calls"][:3] == ["accept True", "sampled hi", "pinged"] and len(direct["log"][1]) == 2
+    assert "added" in direct["added tools"] and direct["resource"] == "hello resource"
+    # Without the token the HTTP downstream refuses the session: the proxy answers for itself, and says why.
+    async def refused() -> None:
+        async with sdk(proxy(db, [http_server.url]), log, Seen()) as session:
+            failed = await session.call_tool("progress", {})
+            assert failed.is_error and "HTTP 401" in text(failed), text(failed)
+
+    anyio.run(refused)
+
+
+def test_an_http_downstream_that_goes_away_or_forgets_the_session(tmp_path: Path, http_server: HttpServer) -> None:
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
 
     async def scenario() -> None:
-        async with sdk_session(db, TIME, *flags) as session:
+        command = proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")
+        async with sdk(command, log, Seen()) as session:
+            assert text(await session.call_tool("progress", {})) == "done"
+            http_server.stop()
+            down = await session.call_tool("progress", {})
+            assert down.is_error and "could not be reached" in text(down), text(down)
+            http_server.start()  # knows no session: the request that meets it fails, the next starts one
+            forgot = await session.call_tool("progress", {})
+            assert forgot.is_error and "ended the session (HTTP 404)" in text(forgot), text(forgot)
+            assert text(await session.call_tool("progress", {})) == "done"
+
+    anyio.run(scenario)
+
+
+def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: Path) -> None:
+    """mcp-server-time through the SDK's client: a bad time zone is the client's (--client-error) and never
+    disables; other errors do, the refusal gives the last one, and --hide-disabled leaves the tool out of the list.
+    mcp-server-git on the same store through FastMCP's client."""
+    pytest.importorskip("mcp_server_time")
+    pytest.importorskip("mcp_server_git")
+    pytest.importorskip("fastmcp")
+    from fastmcp import Client
+    from fastmcp.client.transports import StdioTransport
+
+    repo, db, log = tmp_path / "repo", tmp_path / "health.db", tmp_path / "proxy.log"
+    subprocess.run(["git", "init", "-q", str(repo)], check=True)
+    git = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_git", "--repository", str(repo)]
+    flags = (*PATIENT, "--disable-after", "2", "--cooldown", "60")
+
+    async def scenario() -> None:
+        async with sdk(proxy(db, TIME, *flags, "--client-error", "Invalid timezone", "--hide-disabled"), log,
+                       Seen()) as session:
             names = {t.name for t in (await session.list_tools()).tools}
-            assert {"get_current_time", "convert_time", "status", "get_tool_performance_stats"} <= names
+            assert names == {"get_current_time", "convert_time", "status", "get_tool_performance_stats"}
+            bad_zone = [await session.call_tool("get_current_time", {"timezone": "Bad/X"}) for _ in range(3)]
+            assert all(r.is_error and "Invalid timezone" in text(r) for r in bad_zone)
             ok = await session.call_tool("get_current_time", {"timezone": "Europe/Paris"})
-            assert not ok.is_error and json.loads(text(ok))["timezone"] == "Europe/Paris"
-            seen = [await session.call_tool("get_current_time", {"timezone": z}) for z in ("Bad/X", "Bad/Y", "UTC")]
-            assert [r.is_error for r in seen] == [True] * 3 and "Bad/X" in text(seen[0])
-            assert text(seen[2]).startswith("Tool 'get_current_time' " + REFUSED) and "Bad/Y" in text(seen[2])
-            assert health_of(await session.call_tool("status", {}))["get_current_time"]["disabled"]
-            assert (await session.list_prompts()).prompts == [] and (await session.list_resources()).resources == []
-        transport = StdioTransport(sys.executable, proxy_args(db, git, *flags), env=child_env(), keep_alive=False,
-                                   log_file=db.parent / "proxy.log")
-        async with Client(transport) as client:
+            assert json.loads(text(ok))["timezone"] == "Europe/Paris"
+            # Missing arguments are not the client's by any regex given: they disable.
+            seen = [await session.call_tool("convert_time", {}) for _ in range(3)]
+            assert [r.is_error for r in seen] == [True] * 3 and text(seen[2]).startswith(
+                "Tool 'convert_time' " + REFUSED)
+            status = health_of(await session.call_tool("status", {}))
+            assert (status["get_current_time"]["disabled"], status["convert_time"]["disabled"]) == (False, True)
+            # --hide-disabled: the disabled tool leaves the list (the client is told where the pipeline says so).
+            assert "convert_time" not in {t.name for t in (await session.list_tools()).tools}
+            assert {u["outcome"]: u["calls"] for u in status["get_current_time"]["usage"]} == {
+                "client_error": 3, "ok": 1}
+        async with Client(StdioTransport(sys.executable, proxy(db, git, *flags)[1:], env=child_env(),
+                                         keep_alive=False, log_file=log)) as client:
             outside = await client.call_tool("git_status", {"repo_path": str(tmp_path)}, raise_on_error=False)
             status = health_of(await client.call_tool("status", {}))
-        assert outside.is_error and "get_current_time" not in status
-        assert (status["git_status"]["error_count"], status["git_status"]["last_error"]) == (1, text(outside))
+        assert outside.is_error and status["git_status"]["last_error"] == text(outside)
 
     anyio.run(scenario)
-    # Kept in the store for a proxy that still serves it: this one refuses the call, passes on another, and writes
-    # both when SIGTERM comes while its downstream runs.
-    convert = {"source_timezone": "Bad/Zone", "time": "12:00", "target_timezone": "UTC"}
-    terminate_after_calls(proxy_args(db, TIME, *flags), {"name": "get_current_time", "arguments": {"timezone": "UTC"}},
-                          {"name": "convert_time", "arguments": convert})
-    rows, counts = stored(db)
-    assert rows["get_current_time"][:2] == (3, 2) and "Bad/Y" in rows["get_current_time"][2]
-    assert rows["convert_time"][:2] == (1, 1)
-    assert counts[("get_current_time", None, "disabled", False)] == 2
+    assert stored(db)[0]["convert_time"][:2] == (2, 2)
 
 
-def test_a_downstream_that_stops_answering_dies_or_never_starts_is_an_error_of_the_tool(tmp_path: Path) -> None:
-    db = tmp_path / "health.db"
+def test_a_downstream_killed_mid_call_is_restarted_and_the_call_answered(tmp_path: Path) -> None:
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
 
     async def scenario() -> None:
-        # Errors enough to disable the tool are allowed for: a slow machine may need several calls to restart it.
-        async with sdk_session(db, TIME, "--call-timeout", "3", "--disable-after", "20") as session:
-            assert not (await session.call_tool("get_current_time", {"timezone": "UTC"})).is_error
-            (pid,) = downstream_of(db, "mcp_server_time")
-            os.kill(pid, signal.SIGSTOP)
-            with anyio.fail_after(60):
-                hung = await session.call_tool("get_current_time", {"timezone": "UTC"})
-                assert hung.is_error and "did not answer within 3 s" in text(hung)
-                threading.Timer(0.5, os.kill, (pid, signal.SIGKILL)).start()  # while the next call waits
-                died = await session.call_tool("get_current_time", {"timezone": "UTC"})
-                assert died.is_error and "Connection closed" in text(died), text(died)
-                # The next call starts it again (on a loaded machine that may take longer than one call may).
-                restarts = [await session.call_tool("get_current_time", {"timezone": "UTC"})]
-                while restarts[-1].is_error and len(restarts) < 8:
-                    restarts.append(await session.call_tool("get_current_time", {"timezone": "UTC"}))
-            assert not restarts[-1].is_error and downstream_of(db, "mcp_server_time") not in ([], [pid])
-        # A downstream that does not start (it exits at once; there is no such command): the proxy still answers,
-        # the call is an error of the tool, and the history (every call above counted) stays.
-        for attempt, command in enumerate(([sys.executable, "-m", "no_such_mcp_server"], ["/no/such/mcp-server"])):
-            async with sdk_session(db, command, "--call-timeout", "10", "--disable-after", "20") as session:
-                with anyio.fail_after(30):
-                    tools = {t.name for t in (await session.list_tools()).tools}
-                    failed = await session.call_tool("get_current_time", {"timezone": "UTC"})
-                assert tools == {"status", "get_tool_performance_stats"}
-                assert failed.is_error and text(failed).startswith("the downstream server failed")
-                status = health_of(await session.call_tool("status", {}))["get_current_time"]
-                assert (status["call_count"], status["error_count"], status["last_error"]) == (
-                    4 + len(restarts) + attempt, 2 + len(restarts) + attempt, text(failed))
+        async with sdk(proxy(db, FEATURES, *PATIENT), log, Seen()) as session:
+            died = await session.call_tool("die", {})
+            assert died.is_error and "exited (exit code 3) before answering" in text(died), text(died)
+            # Restarted at the next request, initialize and initialized replayed: the session goes on.
+            assert text(await session.call_tool("progress", {})) == "done"
+            status = health_of(await session.call_tool("health_health_status", {}))
+        assert (status["die"]["error_count"], status["progress"]["error_count"]) == (1, 0)
 
     anyio.run(scenario)
+
+
+@pytest.mark.parametrize("downstream", [["/no/such/mcp-server"], [*RAW, "silent"]], ids=["never starts", "silent"])
+def test_a_downstream_that_never_starts_or_never_answers(tmp_path: Path, downstream: list[str]) -> None:
+    """initialize and the status tools answer within seconds; a tool call fails with a clear error."""
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
+
+    async def scenario() -> None:
+        start = time.monotonic()
+        async with sdk(proxy(db, downstream, "--init-timeout", "1"), log, Seen()) as session:
+            names = {t.name for t in (await session.list_tools()).tools}
+            failed = await session.call_tool("echo", {})
+            status = health_of(await session.call_tool("status", {}))
+        assert names == {"status", "get_tool_performance_stats"}
+        assert failed.is_error and "the downstream server" in text(failed), text(failed)
+        assert status["echo"]["error_count"] == 1 and time.monotonic() - start < 20
+
+    anyio.run(scenario)
+
+
+def test_floods_big_results_malformed_json_invalid_params_then_sigterm(tmp_path: Path) -> None:
+    """A raw client and a raw downstream: 100,000 log messages and a 50 MB result pass; a line of garbage from
+    either side is a clear error and the proxy goes on; "invalid params" is the client's fault; SIGTERM answers
+    the pending call, writes the health and stops the downstream."""
+    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
+    with open(log, "w") as errlog:
+        server = subprocess.Popen(proxy(db, RAW, "--init-timeout", "30"), stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=errlog, env=child_env())
+    assert server.stdin is not None and server.stdout is not None
+    ids = iter(range(1, 100))
+
+    def send(message: dict[str, Any] | bytes) -> None:
+        assert server.stdin is not None
+        server.stdin.write(message if isinstance(message, bytes) else json.dumps({"jsonrpc": "2.0", **message}).encode()
+                           + b"\n")
+        server.stdin.flush()
+
+    def call(name: str, read: bool = True) -> Any:
+        send({"id": next(ids), "method": "tools/call", "params": {"name": name, "arguments": {"x": 1}}})
+        return json.loads(server.stdout.readline()) if read else None  # type: ignore[union-attr]
+
+    try:
+        hello = {"protocolVersion": "2025-06-18", "capabilities": {}, "clientInfo": {"name": "t", "version": "1"}}
+        send({"id": next(ids), "method": "initialize", "params": hello})
+        assert json.loads(server.stdout.readline())["result"]["serverInfo"]["name"] == "raw"
+        send({"method": "notifications/initialized"})
+        send(b"not json at all\n")  # the client's garbage: a parse error
+        assert json.loads(server.stdout.readline())["error"]["code"] == -32700
+        call("flood", read=False)
+        lines = [server.stdout.readline() for _ in range(100_001)]
+        assert sum(b'"notifications/message"' in line for line in lines) == 100_000 and b"flooded" in lines[-1]
+        assert len(call("big")["result"]["content"][0]["text"]) == 50 * 1024 * 1024
+        assert call("garbage")["result"]["content"][0]["text"] == '{"x": 1}'  # its garbage line was left out
+        assert call("invalid")["error"]["code"] == -32602
+        status = json.loads(call("status")["result"]["content"][0]["text"])
+        usage = {t["tool_name"]: t for t in status["tool_health"]}
+        call("hang", read=False)
+        time.sleep(0.5)
+        (raw,) = [int(p.name) for p in Path("/proc").glob("[0-9]*")
+                  if f"\nPPid:\t{server.pid}\n" in (p / "status").read_text()]
+        server.send_signal(signal.SIGTERM)
+        answer = json.loads(server.stdout.readline())
+        assert "shutting down" in answer["result"]["content"][0]["text"]
+        assert server.wait(20) == 0
+    finally:
+        server.kill()
+    assert [u["outcome"] for u in usage["invalid"]["usage"]] == ["client_error"]
+    assert not Path(f"/proc/{raw}").exists() or "zombie" in Path(f"/proc/{raw}/status").read_text()
+    assert {tool: row[:2] for tool, row in stored(db)[0].items() if tool in ("flood", "big", "hang")} == {
+        "flood": (1, 0), "big": (1, 0), "hang": (1, 1)}
+    assert "not JSON" in log.read_text()

@@ -1,186 +1,784 @@
-"""Tool health in front of any MCP server: a stdio proxy over FastMCP's own.
+"""Tool health in front of any MCP server: a stdio proxy that relays every JSON-RPC message as it is.
 
 Run ``python -m ordanis_veltrane.mcp_proxy --db PATH|URL [flags] -- COMMAND [ARGS...]`` (or
-``-- https://host/mcp``). It serves over stdio every tool, resource and prompt of the downstream
-server (started as COMMAND, or reached at the URL), with tool health in front of each tool: an
-error (a raised one or an ``isError`` result) counts against the tool, and after ``--disable-after``
-errors the client is told that the tool is disabled, with its last error, until ``--cooldown``
-seconds have passed. It adds ``status`` and ``get_tool_performance_stats`` (as ``health_status``
-and ``health_get_tool_performance_stats`` where the downstream has tools of those names). Each
-request to the downstream has ``--call-timeout`` seconds; a downstream that does not start, dies
-or stops answering is an error of the tool called, never a hang. Needs the ``fastmcp`` extra.
+``-- https://host/mcp`` with ``--header NAME:VALUE``). Every message between the client and the
+downstream server passes unchanged, in both directions: requests, responses, notifications and the
+downstream's own requests to the client (sampling, elicitation, roots, ping). The proxy looks only at
+what tool health needs:
+
+- a ``tools/call`` request runs through the tool-call pipeline; a disabled tool is answered by the
+  proxy and never reaches the downstream;
+- the answer to it: an ``isError`` result or a JSON-RPC error counts against the tool, unless it is
+  the client's fault (``--client-error REGEX`` on the result's text, or "invalid params");
+- ``notifications/cancelled`` from the client ends the call as cancelled;
+- ``tools/list`` answers gain ``status`` and ``get_tool_performance_stats`` (under a name no
+  downstream tool has), and teach the proxy which tools and actions exist;
+- a call of a status tool is answered by the proxy, even while the downstream is down.
+
+The downstream starts at the client's ``initialize``. One that dies starts again at the next request,
+with the client's ``initialize`` and ``notifications/initialized`` replayed; the requests it left
+unanswered are answered with an error. Each request has ``--call-timeout`` seconds; a call that takes
+longer is answered with an error and cancelled downstream. Only the official ``mcp`` SDK's HTTP client
+library is needed, and only for a URL.
 """
 from __future__ import annotations
 
 import argparse
+import asyncio
+import contextlib
+import inspect
+import json
 import logging
-import os
+import re
 import sys
-from contextlib import asynccontextmanager
-from typing import TYPE_CHECKING, Any, AsyncIterator, Sequence
+from typing import TYPE_CHECKING, Any, Sequence
 
 import anyio
 
 from ordanis_veltrane.cli import (
     add_health_arguments, at_least, health_limits, health_thread_budget, serve_stdio, start_metrics,
 )
-from ordanis_veltrane.fastmcp_health import ToolHealthMiddleware
-
-try:
-    from fastmcp import FastMCP
-    from fastmcp.client.transports import ClientTransport, StdioTransport
-    from fastmcp.exceptions import NotFoundError, ToolError
-    from fastmcp.server import create_proxy
-    from fastmcp.server.middleware import CallNext, Middleware, MiddlewareContext
-    from fastmcp.server.providers import Provider
-    from fastmcp.server.providers.proxy import ProxyMetadataMiddleware
-    from mcp.shared.exceptions import MCPError
-    from mcp.types import INTERNAL_ERROR
-except ImportError as _missing:  # pragma: no cover - exercised where FastMCP is missing
-    raise ImportError(
-        "ordanis_veltrane.mcp_proxy needs FastMCP 4: install the 'fastmcp' extra "
-        "(pip install 'ordanis-veltrane-health[fastmcp]', or pip install '.[fastmcp]' from a checkout)"
-    ) from _missing
+from ordanis_veltrane.mcp_proxy_transports import (
+    DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
+    client_lines, dump, rpc_error,
+)
+from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
 
 if TYPE_CHECKING:
     from ordanis_veltrane.tool_handlers.health_metrics import MetricsServer
 
-__all__ = ["DEFAULT_CALL_TIMEOUT", "build_proxy", "downstream", "main", "serve"]
+__all__ = [
+    "DEFAULT_CALL_TIMEOUT", "DEFAULT_INIT_TIMEOUT", "STATUS_TOOLS", "Relay", "declared_actions", "main",
+]
 
 logger: logging.Logger = logging.getLogger(__name__)
 
 DEFAULT_CALL_TIMEOUT = 60.0
+# How long the client's initialize (and a request while the downstream starts) waits for the downstream
+# before the proxy answers for itself.
+DEFAULT_INIT_TIMEOUT = 2.0
+STATUS_TOOLS = ("status", "get_tool_performance_stats")
+STATUS_PREFIX = "health_"
+# How much of an error result's text is matched and kept.
+ERROR_TEXT_CHARS = 4096
+# The ids of the proxy's own requests to the downstream.
+OWN_ID_PREFIX = "ordanis-veltrane-proxy-"
+
+INVALID_PARAMS = -32602
+INTERNAL_ERROR = -32603
+PARSE_ERROR = -32700
+
+STATUS_DESCRIPTIONS = {
+    "status": "Tool health (calls, errors, disabled tools, usage per action) and the thread census.",
+    "get_tool_performance_stats": "Per-tool timing statistics: count, mean, p95, min, max and errors.",
+}
 
 
-class DownstreamErrors(Middleware):
-    """Says plainly that the downstream server failed, and bounds every request other than a tool call
-    (the health middleware, outside this one, bounds and counts those).
+def declared_actions(schema: Any) -> tuple[bool, list[str] | None]:
+    """(whether the tool takes ``action``, its actions): the ``enum`` of the ``action`` property of its
+    input schema (also under one level of ``anyOf``); ``None`` where it has none (an open tool)."""
+    properties = schema.get("properties") if isinstance(schema, dict) else None
+    action = properties.get("action") if isinstance(properties, dict) else None
+    if not isinstance(action, dict):
+        return False, None
+    for candidate in [action, *(s for s in action.get("anyOf", ()) if isinstance(s, dict))]:
+        enum = candidate.get("enum")
+        if isinstance(enum, list) and enum and all(isinstance(v, str) for v in enum):
+            return True, list(enum)
+    return True, None
 
-    A tool call that cannot reach the downstream (it did not start, or it died) becomes an error
-    result of the tool, rather than "unknown tool" or a protocol error that reads as if the
-    client's own connection had closed. A listing falls back to the proxy's own tools meanwhile.
-    """
 
-    def __init__(self, provider: Provider, seconds: float | None) -> None:
-        self.provider = provider
-        self.seconds = seconds
+def _error_text(result: Any) -> str:
+    content = result.get("content") if isinstance(result, dict) else None
+    texts = [block["text"] for block in content if isinstance(block, dict) and isinstance(block.get("text"), str)] \
+        if isinstance(content, list) else []
+    return "\n".join(texts)[:ERROR_TEXT_CHARS] or "the tool returned an error result"
 
-    async def _unreachable(self) -> BaseException | None:
-        """The downstream's failure, where it cannot list its tools now."""
+
+def _tool_result(request_id: Any, text: str, error: bool, stateless: bool) -> bytes:
+    result: dict[str, Any] = {"content": [{"type": "text", "text": text}], "isError": error}
+    if stateless:
+        result["resultType"] = "complete"
+    return dump({"jsonrpc": "2.0", "id": request_id, "result": result})
+
+
+# ---------------------------------------------------------------- the relay
+
+
+class _Pending:
+    """A request of the client's that the downstream has not answered yet."""
+
+    __slots__ = ("method", "call", "tool", "timer", "list_page")
+
+    def __init__(self, method: str, call: ToolCall | None = None, tool: str | None = None,
+                 list_page: bool = False) -> None:
+        self.method = method
+        self.call = call
+        self.tool = tool
+        self.timer: asyncio.TimerHandle | None = None
+        self.list_page = list_page  # a tools/list answer to rewrite; True for the first page
+
+
+class Relay:
+    """Relays one client's session to one downstream, with tool health in front of its tools."""
+
+    def __init__(
+        self,
+        pipeline: ToolPipeline,
+        downstream: Sequence[str],
+        *,
+        headers: dict[str, str] | None = None,
+        call_timeout: float | None = DEFAULT_CALL_TIMEOUT,
+        init_timeout: float = DEFAULT_INIT_TIMEOUT,
+        client_errors: Sequence[str] = (),
+        status_tools: bool = True,
+        hide_disabled: bool = False,
+        metrics: MetricsServer | None = None,
+    ) -> None:
+        self.pipeline = pipeline
+        self.call_timeout = call_timeout
+        self.init_timeout = init_timeout
+        self.client_errors = [re.compile(p) for p in client_errors]
+        self.status_tools = status_tools
+        self.hide_disabled = hide_disabled
+        self.metrics = metrics
+        self.out = ClientOut()
+        if len(downstream) == 1 and downstream[0].startswith(("http://", "https://")):
+            self.downstream: StdioDownstream | HttpDownstream = HttpDownstream(
+                downstream[0], dict(headers or {}), self._from_downstream, self._downstream_gone, self._fail_pending,
+                call_timeout)
+        else:
+            self.downstream = StdioDownstream(downstream, self._from_downstream, self._downstream_gone)
+        self.pending: dict[Any, _Pending] = {}
+        self.own: dict[str, asyncio.Future[Any]] = {}
+        self._own_ids = 0
+        self.ready = False  # the downstream answered initialize
+        self._ready_event: asyncio.Event | None = None
+        self._handshake_id: Any = None
+        self._meta: Any = None  # the _meta of the client's last request
+        self.stateless = False  # the client stamps each request with its protocol version
+        self._start_lock: asyncio.Lock | None = None
+        self._initialize: dict[str, Any] | None = None  # the client's, replayed at every start
+        self._initialized: bytes | None = None
+        self._answered_initialize = False
+        self._watchdog: asyncio.TimerHandle | None = None
+        self.names: dict[str, str] = {name: name for name in STATUS_TOOLS} if status_tools else {}
+        self._by_served: dict[str, str] = {name: name for name in self.names}
+        self.downstream_tools: set[str] = set()
+        self.takes_action: set[str] = set()
+        self.registry_settled = anyio.Event()
+        self.tracker_ready = anyio.Event()
+        self._stop = anyio.Event()
+        self.running = False
+        self.finished = anyio.Event()  # the session is over: answered, downstream stopped, health written
+        self._tg: Any = None
+        self._loop: asyncio.AbstractEventLoop | None = None
+
+    # ------------------------------------------------------------ running
+
+    async def run(self) -> None:
+        """Relays until the client closes stdin (or the task is cancelled: SIGTERM)."""
+        self.running = True
+        self._loop = asyncio.get_running_loop()
+        self._ready_event = asyncio.Event()
+        self._start_lock = asyncio.Lock()
+        await self.out.open()
+        read = await client_lines()
+        listen = getattr(self.pipeline, "add_tools_changed_listener", None)
+        if self.hide_disabled and listen is not None:
+            listen(self._hidden_changed)
         try:
-            with anyio.fail_after(self.seconds):
-                await self.provider.list_tools()
-        except Exception as exc:
-            return exc
-        return None
-
-    async def on_call_tool(self, context: MiddlewareContext[Any], call_next: CallNext[Any, Any]) -> Any:
-        try:
-            return await call_next(context)
-        except NotFoundError:
-            failure = await self._unreachable()
-            if failure is None:
-                raise
-            raise ToolError(f"the downstream server failed: {failure}") from failure
-        except (MCPError, RuntimeError, OSError) as exc:
-            raise ToolError(f"the downstream server failed: {exc}") from exc
-
-    async def on_request(self, context: MiddlewareContext[Any], call_next: CallNext[Any, Any]) -> Any:
-        if context.method == "tools/call" or self.seconds is None:
-            return await call_next(context)
-        with anyio.move_on_after(self.seconds) as deadline:
-            return await call_next(context)
-        assert deadline.cancelled_caught
-        raise MCPError(code=INTERNAL_ERROR,
-                       message=f"the downstream server did not answer {context.method} within {self.seconds:g} s")
-
-
-class _Downstream(StdioTransport):
-    """A command over stdio, kept running between calls and started again after it dies.
-
-    Starting it is shielded from cancellation and bounded by ``start_timeout``: a start cut short
-    would leave the kept-alive connection half made, and every later call would fail on it.
-    """
-
-    def __init__(self, command: str, args: list[str], start_timeout: float | None) -> None:
-        super().__init__(command, args, env=dict(os.environ), keep_alive=True)
-        self.start_timeout = start_timeout
-
-    async def connect(self, **options: Any) -> Any:
-        # Its failures are raised as the transport errors FastMCP's proxy expects of a backend it cannot reach, so
-        # that it still answers the client's initialize (without the downstream's metadata).
-        with anyio.CancelScope(shield=True):
-            with anyio.move_on_after(self.start_timeout if self.start_timeout is not None else float("inf")) as start:
+            async with anyio.create_task_group() as tg:
+                self._tg = tg
+                tg.start_soon(self._hold_health)
                 try:
-                    return await super().connect(**options)
-                except OSError as exc:
-                    raise anyio.BrokenResourceError(
-                        f"the downstream server {self.command!r} could not be started: {exc}") from exc
-            await self.disconnect()  # type: ignore[no-untyped-call]
-        assert start.cancelled_caught
-        raise TimeoutError(f"the downstream server {self.command!r} did not start within {self.start_timeout:g} s")
+                    while True:
+                        line = await read()
+                        if not line:
+                            break
+                        if line.strip():
+                            await self._from_client(line)
+                finally:
+                    with anyio.CancelScope(shield=True):
+                        await self._shutdown("the proxy is shutting down")
+                    self._stop.set()
+                    self.registry_settled.set()
+        finally:
+            if self.metrics is not None:
+                self.metrics.collector.tracker = None
+            self.finished.set()
 
+    async def _hold_health(self) -> None:
+        """Opens the tracker once the downstream's tools are known (or cannot be), holds it until the end."""
+        await self.registry_settled.wait()
+        if self._stop.is_set():
+            return
+        async with self.pipeline.runtime.running() as tracker:
+            if self.metrics is not None:
+                self.metrics.collector.tracker = tracker
+            self.tracker_ready.set()
+            await self._stop.wait()
 
-def downstream(command: Sequence[str], start_timeout: float | None = DEFAULT_CALL_TIMEOUT) -> ClientTransport | str:
-    """The downstream server: an ``http(s)://`` URL, or a command run over stdio, with this process's
-    environment, kept running between calls and started again after it dies."""
-    if len(command) == 1 and command[0].startswith(("http://", "https://")):
-        return command[0]
-    return _Downstream(command[0], list(command[1:]), start_timeout)
+    def _settle(self, known: bool) -> None:
+        if not self.registry_settled.is_set():
+            self.pipeline.tools.keep_unknown = not known
+            self.registry_settled.set()
 
+    async def _shutdown(self, why: str) -> None:
+        for key in list(self.pending):
+            self._fail_pending(key, why)
+        for waiter in self.own.values():
+            if not waiter.done():
+                waiter.set_exception(DownstreamUnavailable(why))
+                waiter.exception()
+        await self.downstream.close()
+        await self.out.flush()
 
-def build_proxy(
-    target: ClientTransport | str,
-    health: ToolHealthMiddleware,
-    *,
-    metrics: MetricsServer | None = None,
-    name: str = "ordanis-veltrane-proxy",
-) -> FastMCP[Any]:
-    """FastMCP's proxy of ``target`` with ``health`` in front of every tool and the status tools."""
+    # ------------------------------------------------------------ from the client
 
-    @asynccontextmanager
-    async def lifespan(server: FastMCP[Any]) -> AsyncIterator[dict[str, Any]]:
-        async with health.running(server) as tracker:
-            if metrics is not None:
-                metrics.collector.tracker = tracker
-            try:
-                yield {}
-            finally:
-                if metrics is not None:
-                    metrics.collector.tracker = None
-                if isinstance(target, ClientTransport):
-                    with anyio.CancelScope(shield=True), anyio.move_on_after(10):
-                        await target.close()  # type: ignore[no-untyped-call]
-
-    proxy = create_proxy(target, name=name, lifespan=lifespan, middleware=[health])
-    provider = next(m.provider for m in proxy.middleware if isinstance(m, ProxyMetadataMiddleware))
-    proxy.middleware.insert(1, DownstreamErrors(provider, health.call_timeout))
-    health.add_status_tools(proxy)
-    return proxy
-
-
-async def serve(proxy: FastMCP[Any], health: ToolHealthMiddleware) -> None:
-    """Serves over stdio until stdin closes or SIGTERM/SIGINT; the health is written either way."""
-    async def write_health() -> None:
-        # FastMCP holds the lifespan open until stdin closes: the health is written here, not by the lifespan.
+    async def _from_client(self, line: bytes) -> None:
         try:
-            await health.flush()
-        except Exception as exc:
-            logger.error("Could not write the tool health at exit: %s", exc)
+            await self._from_client_unguarded(line)
+        except Exception:  # a fault of the relay's own must not end the session
+            logger.exception("Could not relay a message of the client's: %r", line[:200])
 
-    await serve_stdio(lambda: proxy.run_stdio_async(show_banner=False), write_health)
+    async def _from_client_unguarded(self, line: bytes) -> None:
+        try:
+            message = json.loads(line)
+        except ValueError as exc:
+            self.out.write(rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
+            return
+        if not isinstance(message, dict):  # a batch: passed on as it is
+            if await self._ensure_quietly():
+                await self._send(line)
+            return
+        method = message.get("method")
+        if method is None:  # the client's answer to a request of the downstream
+            if self.downstream.alive:
+                await self._send(line)
+            return
+        request_id = message.get("id")
+        if request_id is None:
+            await self._client_notification(method, message, line)
+            return
+        params = message.get("params")
+        if isinstance(params, dict) and "_meta" in params:
+            self._meta = params["_meta"]
+            self.stateless = isinstance(self._meta, dict) and PROTOCOL_VERSION_META in self._meta
+        if method == "tools/call":
+            await self._call_tool(request_id, message, line)
+        elif method == "initialize":
+            await self._client_initialize(request_id, message, line)
+        else:
+            await self._client_request(request_id, method, message, line)
+
+    async def _client_notification(self, method: str, message: dict[str, Any], line: bytes) -> None:
+        if method == "notifications/cancelled":
+            params = message.get("params")
+            key = params.get("requestId") if isinstance(params, dict) else None
+            entry = self.pending.pop(key, None) if key is not None else None
+            if entry is not None:
+                if entry.timer is not None:
+                    entry.timer.cancel()
+                if entry.call is not None:
+                    entry.call.cancelled()
+        elif method == "notifications/initialized":
+            self._initialized = line
+            if self.downstream.alive:
+                await self._send(line)
+                self._list_own_soon()
+            return
+        if self.downstream.alive:
+            await self._send(line)
+
+    async def _client_request(self, request_id: Any, method: str, message: dict[str, Any], line: bytes) -> None:
+        try:
+            await self._ensure()
+        except DownstreamUnavailable as down:
+            answer: dict[str, Any] | None = None
+            if method == "ping":
+                answer = {}
+            elif method == "tools/list" and not (message.get("params") or {}).get("cursor"):
+                answer = {"tools": self._status_listing()}
+            if answer is not None:
+                if self.stateless:
+                    answer["resultType"] = "complete"
+                self.out.write(dump({"jsonrpc": "2.0", "id": request_id, "result": answer}))
+            else:
+                self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
+            return
+        if method == "tools/list":
+            params = message.get("params")
+            entry = _Pending(method, list_page=True)
+            if not (isinstance(params, dict) and params.get("cursor")):
+                entry.tool = ""  # the first page: the status tools go there
+        else:
+            entry = _Pending(method)
+        self._track(request_id, entry)
+        await self._send(line)
+
+    async def _client_initialize(self, request_id: Any, message: dict[str, Any], line: bytes) -> None:
+        params = message.get("params")
+        self._initialize = params if isinstance(params, dict) else {}
+        self._answered_initialize = False
+        self.pending[request_id] = _Pending("initialize")
+        failure: str | None = None
+        try:
+            await self._start(request_id, line)
+        except DownstreamUnavailable as down:
+            failure = str(down)
+        if not self._answered_initialize:
+            # The downstream could not start or did not answer in time: the proxy answers for itself, so that
+            # its status tools serve; the client is told to list the tools again once the downstream is there.
+            self.pending.pop(request_id, None)
+            logger.warning("Answering initialize without the downstream: %s", failure or "no answer yet")
+            version = self._initialize.get("protocolVersion")
+            self.out.write(dump({"jsonrpc": "2.0", "id": request_id, "result": {
+                "protocolVersion": version if isinstance(version, str) else "2025-06-18",
+                "capabilities": {"tools": {"listChanged": True}},
+                "serverInfo": {"name": "ordanis-veltrane-proxy", "version": "0.1.0"}}}))
+            self._answered_initialize = True
+            self._settle(False)
+
+    async def _call_tool(self, request_id: Any, message: dict[str, Any], line: bytes) -> None:
+        params = message.get("params")
+        if not isinstance(params, dict) or not isinstance(params.get("name"), str):
+            self.out.write(rpc_error(request_id, INVALID_PARAMS, "tools/call needs params with a tool name"))
+            return
+        tool: str = params["name"]
+        status = self._by_served.get(tool)
+        if status is not None:
+            self._tg.start_soon(self._answer_status, request_id, tool, status)
+            return
+        if not self.tracker_ready.is_set():
+            with anyio.move_on_after(self.init_timeout + 5):
+                await self.tracker_ready.wait()
+            if not self.tracker_ready.is_set():
+                self.out.write(self._tool_error(request_id, "tool health is not running yet: try again"))
+                return
+        arguments = params.get("arguments")
+        if not isinstance(arguments, dict) or tool not in self.takes_action:
+            arguments = None  # only a tool with an action parameter is counted by action
+        action = arguments.get("action") if arguments is not None else None
+        try:
+            call = self.pipeline.begin(tool, arguments)
+        except ToolRefused as refused:
+            self.out.write(self._tool_error(request_id, str(refused)))
+            return
+        if arguments is not None and arguments.get("action") != action:  # a synonym: the tool gets its action
+            line = dump(message)
+        try:
+            await self._ensure()
+        except DownstreamUnavailable as down:
+            call.failed(str(down), "DownstreamUnavailable")
+            self.out.write(self._tool_error(request_id, str(down)))
+            return
+        self._track(request_id, _Pending("tools/call", call, tool))
+        await self._send(line)
+
+    def _tool_error(self, request_id: Any, text: str) -> bytes:
+        return _tool_result(request_id, text, True, self.stateless)
+
+    def _track(self, request_id: Any, entry: _Pending) -> None:
+        self.pending[request_id] = entry
+        if self.call_timeout is not None and self._loop is not None:
+            entry.timer = self._loop.call_later(self.call_timeout, self._timed_out, request_id)
+
+    def _timed_out(self, request_id: Any) -> None:
+        entry = self.pending.pop(request_id, None)
+        if entry is None:
+            return
+        seconds = f"{self.call_timeout:g}"
+        if entry.call is not None:
+            text = f"Tool {entry.tool!r} did not answer within {seconds} s"
+            entry.call.failed(text, "TimeoutError")
+            self.out.write(self._tool_error(request_id, text))
+        else:
+            self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR,
+                                      f"the downstream server did not answer {entry.method} within {seconds} s"))
+        waiting = self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled", "params": {
+            "requestId": request_id, "reason": f"no answer within {seconds} s"}}))
+        if waiting is not None:
+            asyncio.ensure_future(waiting)
+
+    def _fail_pending(self, key: Any, why: str) -> None:
+        entry = self.pending.pop(key, None)
+        if entry is None:
+            return
+        if entry.timer is not None:
+            entry.timer.cancel()
+        if entry.method == "initialize":
+            return  # answered by the proxy itself
+        if entry.call is not None:
+            entry.call.failed(why, "DownstreamUnavailable")
+            self.out.write(self._tool_error(key, why))
+        else:
+            self.out.write(rpc_error(key, DOWNSTREAM_ERROR, why))
+
+    # ------------------------------------------------------------ the status tools
+
+    def _status_listing(self) -> list[dict[str, Any]]:
+        return [{"name": served, "description": STATUS_DESCRIPTIONS[name],
+                 "inputSchema": {"type": "object", "properties": {}}} for name, served in self.names.items()]
+
+    def _name_status_tools(self, downstream_names: set[str]) -> None:
+        """Each status tool under its own name, or the first of health_NAME, health_health_NAME, ... that no
+        downstream tool (and no other status tool) has."""
+        if not self.status_tools:
+            return
+        names: dict[str, str] = {}
+        for name in STATUS_TOOLS:
+            served = name
+            while served in downstream_names or served in names.values():
+                served = STATUS_PREFIX + served
+            names[name] = served
+        self.names = names
+        self._by_served = {served: name for name, served in names.items()}
+
+    async def _answer_status(self, request_id: Any, served: str, name: str) -> None:
+        try:
+            with anyio.fail_after(self.init_timeout + 5):
+                await self.tracker_ready.wait()
+            call = self.pipeline.begin(served, None)
+        except (TimeoutError, ToolRefused) as exc:
+            self.out.write(self._tool_error(request_id, str(exc) or "tool health is not running yet: try again"))
+            return
+        try:
+            answer = await (self.pipeline.status() if name == "status" else self.pipeline.performance_stats())
+            text = json.dumps(answer)
+        except Exception as exc:
+            call.raised(exc)
+            self.out.write(self._tool_error(request_id, str(exc) or type(exc).__name__))
+            return
+        except BaseException:
+            call.cancelled()
+            raise
+        call.succeeded()
+        self.out.write(_tool_result(request_id, text, False, self.stateless))
+
+    # ------------------------------------------------------------ the downstream's life
+
+    async def _send(self, data: bytes) -> None:
+        waiting = self.downstream.send(data)
+        if waiting is not None:
+            await waiting
+
+    async def _ensure_quietly(self) -> bool:
+        try:
+            await self._ensure()
+        except DownstreamUnavailable:
+            return False
+        return True
+
+    async def _ensure(self) -> None:
+        """Returns once the downstream has answered initialize (starting it again if it is gone), or raises
+        ``DownstreamUnavailable`` after ``init_timeout`` at most."""
+        if self.ready:
+            return
+        if not self.downstream.alive:
+            assert self._start_lock is not None
+            async with self._start_lock:
+                if not self.downstream.alive and self._initialize is None:
+                    # No initialize handshake (a client that stamps each request with its version): the
+                    # downstream takes requests as soon as it runs.
+                    await self.downstream.start()
+                    self._mark_ready()
+                    self._list_own_soon()
+                elif not self.downstream.alive:
+                    self._own_ids += 1
+                    own = f"{OWN_ID_PREFIX}{self._own_ids}"
+                    await self._start(own, dump({"jsonrpc": "2.0", "id": own, "method": "initialize",
+                                                  "params": self._initialize}))
+                    if self.ready and self._initialized is not None:
+                        await self._send(self._initialized)
+                        self._list_own_soon()
+        if not self.ready:
+            assert self._ready_event is not None
+            with contextlib.suppress(asyncio.TimeoutError):
+                await asyncio.wait_for(self._ready_event.wait(), self.init_timeout)
+        if not self.ready:
+            raise DownstreamUnavailable(f"the downstream server has not answered initialize "
+                                        f"(waited {self.init_timeout:g} s)")
+
+    async def _start(self, handshake_id: Any, initialize: bytes) -> None:
+        """Starts the downstream and sends it ``initialize``; waits ``init_timeout`` at most for the answer
+        (which keeps being awaited: a downstream still silent after the call timeout is stopped)."""
+        assert self._ready_event is not None and self._loop is not None
+        self.ready = False
+        self._ready_event.clear()
+        self._handshake_id = handshake_id
+        handshake = self._handshake = self._loop.create_future()
+        if self.downstream.alive:
+            self.downstream.kill()  # started for a request without a handshake, or still silent
+        await self.downstream.start()
+        await self._send(initialize)
+        if self._watchdog is not None:
+            self._watchdog.cancel()
+        if self.call_timeout is not None:
+            self._watchdog = self._loop.call_later(max(self.call_timeout, self.init_timeout), self._stop_silent)
+        try:
+            answer = await asyncio.wait_for(asyncio.shield(handshake), self.init_timeout)
+        except asyncio.TimeoutError:
+            raise DownstreamUnavailable(
+                f"the downstream server did not answer initialize within {self.init_timeout:g} s") from None
+        if not self.ready:
+            error = answer.get("error") if isinstance(answer, dict) else None
+            text = error.get("message") if isinstance(error, dict) else error
+            raise DownstreamUnavailable(f"the downstream server refused initialize: {text}")
+
+    _handshake: asyncio.Future[Any] | None = None
+
+    def _stop_silent(self) -> None:
+        if not self.ready and self.downstream.alive:
+            logger.warning("The downstream server has not answered initialize: it is stopped, and started again "
+                           "at the next request")
+            self.downstream.kill()
+
+    def _downstream_gone(self, why: str) -> None:
+        self._last_exit = why
+        self.ready = False
+        if self._ready_event is not None:
+            self._ready_event.clear()
+        if not self._stop.is_set():
+            logger.warning("%s; it is started again at the next request", why)
+        for key in list(self.pending):
+            self._fail_pending(key, f"{why} before answering")
+        for waiter in [*self.own.values(), self._handshake]:
+            if waiter is not None and not waiter.done():
+                waiter.set_exception(DownstreamUnavailable(why))
+                waiter.exception()  # retrieved: nobody may be waiting any more
+        self.own.clear()
+        if not self.registry_settled.is_set() and self._initialize is not None:
+            self._settle(False)
+
+    def _mark_ready(self) -> None:
+        assert self._ready_event is not None
+        self.ready = True
+        self._ready_event.set()
+        if self._watchdog is not None:
+            self._watchdog.cancel()
+            self._watchdog = None
+        if isinstance(self.downstream, HttpDownstream):
+            self.downstream.listen()
+
+    def _list_own_soon(self) -> None:
+        """Lists the downstream's tools for the proxy itself: the registry, and the status tools' names."""
+        if self._tg is not None:
+            self._tg.start_soon(self._list_own)
+
+    async def _list_own(self) -> None:
+        assert self._loop is not None
+        tools: list[Any] = []
+        cursor: Any = None
+        try:
+            for _ in range(1000):
+                self._own_ids += 1
+                own = f"{OWN_ID_PREFIX}{self._own_ids}"
+                waiter = self.own[own] = self._loop.create_future()
+                params: dict[str, Any] = {} if cursor is None else {"cursor": cursor}
+                if self._initialize is None and self._meta is not None:
+                    params["_meta"] = self._meta  # the client's stamp: version and capabilities
+                await self._send(dump({"jsonrpc": "2.0", "id": own, "method": "tools/list", "params": params}))
+                with anyio.fail_after(self.call_timeout or None):
+                    answer = await waiter
+                result = answer.get("result") if isinstance(answer, dict) else None
+                if not isinstance(result, dict) or not isinstance(result.get("tools"), list):
+                    raise DownstreamUnavailable(f"tools/list answered {str(answer)[:200]}")
+                tools.extend(result["tools"])
+                cursor = result.get("nextCursor")
+                if not cursor:
+                    break
+        except (DownstreamUnavailable, TimeoutError) as exc:
+            logger.warning("Could not list the downstream's tools: %s", exc or "no answer")
+            self._settle(False)
+            return
+        self._learn(tools, complete=True)
+        if self._answered_initialize and not self._handshake_forwarded:
+            # The proxy answered initialize alone: the client learns of the tools now.
+            self._handshake_forwarded = True
+            self.out.write(dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"}))
+
+    _handshake_forwarded = False
+
+    def _learn(self, tools: list[Any], complete: bool) -> None:
+        """The registry from a tools/list answer (its pages, when ``complete``)."""
+        registry = self.pipeline.tools
+        names: set[str] = set()
+        takes_action: set[str] = set()
+        specs: list[tuple[str, list[str] | None]] = []
+        for tool in tools:
+            if not isinstance(tool, dict) or not isinstance(tool.get("name"), str):
+                continue
+            name = tool["name"]
+            takes, actions = declared_actions(tool.get("inputSchema"))
+            names.add(name)
+            if takes:
+                takes_action.add(name)
+            specs.append((name, actions))
+        if complete:
+            for old in list(registry):
+                registry.remove(old)
+            self.downstream_tools = names
+            self.takes_action = takes_action
+        else:
+            self.downstream_tools |= names
+            self.takes_action |= takes_action
+        for name, actions in specs:
+            registry.add(name, actions)
+        self._name_status_tools(self.downstream_tools)
+        for served in self.names.values():
+            registry.add(served, None)
+        self._settle(True)
+
+    # ------------------------------------------------------------ from the downstream
+
+    async def _from_downstream(self, line: bytes) -> None:
+        try:
+            await self._from_downstream_unguarded(line)
+        except Exception:  # a fault of the relay's own must not end the session
+            logger.exception("Could not relay a message of the downstream's: %r", line[:200])
+
+    async def _from_downstream_unguarded(self, line: bytes) -> None:
+        try:
+            message = json.loads(line)
+        except ValueError as exc:
+            logger.error("The downstream server sent a line that is not JSON (%s): %r", exc, line[:200])
+            return
+        if not isinstance(message, dict):
+            self.out.write(line if line.endswith(b"\n") else line + b"\n")
+            return
+        if "method" in message:  # the downstream's own request or notification
+            if message["method"] == "notifications/tools/list_changed" and self.ready:
+                self._list_own_soon()
+            self.out.write(line if line.endswith(b"\n") else line + b"\n")
+            await self.out.drain()
+            return
+        key = message.get("id")
+        if key is not None and key == self._handshake_id and self._handshake is not None:
+            if "result" in message:
+                self._mark_ready()
+            if not self._handshake.done():
+                self._handshake.set_result(message)
+        if isinstance(key, str) and key.startswith(OWN_ID_PREFIX):
+            waiter = self.own.pop(key, None)
+            if waiter is not None and not waiter.done():
+                waiter.set_result(message)
+            return
+        entry = self.pending.pop(key, None)
+        if entry is None:
+            return  # answered already (timed out, cancelled) or never asked
+        if entry.timer is not None:
+            entry.timer.cancel()
+        if entry.call is not None:
+            self._finish_call(entry.call, message)
+        elif entry.list_page:
+            line = self._rewrite_listing(message, first=entry.tool == "") or line
+        elif entry.method == "initialize":
+            self._answered_initialize = True
+            self._handshake_forwarded = True
+        self.out.write(line if line.endswith(b"\n") else line + b"\n")
+        await self.out.drain()
+
+    def _finish_call(self, call: ToolCall, message: dict[str, Any]) -> None:
+        result = message.get("result")
+        if isinstance(result, dict):
+            if result.get("isError") is True:
+                text = _error_text(result)
+                call.failed(text, "tool_error", client=any(p.search(text) for p in self.client_errors))
+            else:
+                call.succeeded()
+            return
+        error = message.get("error")
+        code = error.get("code") if isinstance(error, dict) else None
+        text = str(error.get("message") if isinstance(error, dict) else error)[:ERROR_TEXT_CHARS]
+        call.failed(text, "jsonrpc_error", client=code == INVALID_PARAMS)
+
+    def _rewrite_listing(self, message: dict[str, Any], first: bool) -> bytes | None:
+        result = message.get("result")
+        if not isinstance(result, dict) or not isinstance(result.get("tools"), list):
+            return None
+        tools = result["tools"]
+        complete = first and not result.get("nextCursor")
+        self._learn(tools, complete=complete)
+        if self.hide_disabled:
+            hidden = self._hidden_now()
+            if hidden:
+                result["tools"] = tools = [t for t in tools if not (isinstance(t, dict) and t.get("name") in hidden)]
+        if first and self.status_tools:
+            tools.extend(self._status_listing())
+        return dump(message)
+
+    # ------------------------------------------------------------ hidden tools
+
+    def _hidden_now(self) -> frozenset[str]:
+        hidden_tools = getattr(self.pipeline, "hidden_tools", None)
+        if hidden_tools is not None:
+            hidden: frozenset[str] = frozenset(hidden_tools())
+        else:  # a pipeline without the hidden set: the tools disabled now
+            tracker = self.pipeline.tracker
+            hidden = frozenset(n for n in self.downstream_tools if tracker is not None and tracker.is_disabled(n)[0])
+        return hidden
+
+    def _hidden_changed(self, *_: Any) -> None:
+        """From any thread: the client is told to list the tools again."""
+        loop = self._loop
+        if loop is not None and not loop.is_closed():
+            notice = dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"})
+            with contextlib.suppress(RuntimeError):
+                loop.call_soon_threadsafe(self.out.write, notice)
+
+
+# ---------------------------------------------------------------- the command
+
+
+def _header(text: str) -> tuple[str, str]:
+    name, sep, value = text.partition(":")
+    if not sep or not name.strip():
+        raise argparse.ArgumentTypeError(f"a header is NAME:VALUE, not {text!r}")
+    return name.strip(), value.strip()
+
+
+def _regex(text: str) -> str:
+    try:
+        re.compile(text)
+    except re.error as exc:
+        raise argparse.ArgumentTypeError(f"not a regular expression: {exc}") from None
+    return text
 
 
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
-        prog="python -m ordanis_veltrane.mcp_proxy", description=__doc__.splitlines()[0],
+        prog="python -m ordanis_veltrane.mcp_proxy", description=(__doc__ or "").splitlines()[0],
         usage="%(prog)s --db PATH|URL [options] -- COMMAND [ARGS...] | URL")
     add_health_arguments(parser)
     parser.add_argument("--call-timeout", type=at_least(0, float), default=DEFAULT_CALL_TIMEOUT, metavar="S",
                         help=f"seconds each request to the downstream may take; 0: no limit "
                              f"(default {DEFAULT_CALL_TIMEOUT:g})")
+    parser.add_argument("--init-timeout", type=at_least(0.1, float), default=DEFAULT_INIT_TIMEOUT, metavar="S",
+                        help="seconds the client's initialize waits for the downstream before the proxy answers "
+                             f"it alone (default {DEFAULT_INIT_TIMEOUT:g})")
+    parser.add_argument("--header", type=_header, action="append", default=[], metavar="NAME:VALUE",
+                        help="an HTTP header sent to a URL downstream (repeatable), e.g. 'Authorization: Bearer T'")
+    parser.add_argument("--client-error", type=_regex, action="append", default=[], metavar="REGEX",
+                        help="an error result whose text matches is the client's fault and never counts against "
+                             "the tool (repeatable)")
+    parser.add_argument("--hide-disabled", action="store_true",
+                        help="leave disabled tools out of tools/list and tell the client when that changes")
+    parser.add_argument("--no-status-tools", action="store_true",
+                        help="do not serve the status and get_tool_performance_stats tools")
     parser.add_argument("downstream", nargs=argparse.REMAINDER, help="the downstream server's command, or its URL")
     return parser
+
+
+def _pipeline(args: argparse.Namespace, budget: int) -> ToolPipeline:
+    options: dict[str, Any] = {}
+    accepted = inspect.signature(ToolPipeline).parameters
+    if "hide_disabled" in accepted:
+        options["hide_disabled"] = bool(args.hide_disabled)
+    if "status_tools" in accepted:
+        options["status_tools"] = not args.no_status_tools
+    return ToolPipeline(args.db, health_limits(args), flush_interval=args.flush_interval or None,
+                        thread_budget=budget, **options)
 
 
 def main(argv: Sequence[str] | None = None) -> int:
@@ -191,17 +789,27 @@ def main(argv: Sequence[str] | None = None) -> int:
         command = command[1:]
     if not command:
         parser.error("give the downstream server after --: a command and its arguments, or its URL")
+    if args.header and not command[0].startswith(("http://", "https://")):
+        parser.error("--header is for a URL downstream")
+    logging.basicConfig(level=logging.WARNING, format="ordanis_veltrane.mcp_proxy: %(message)s", stream=sys.stderr)
     budget = health_thread_budget(args)
-    health = ToolHealthMiddleware(args.db, health_limits(args), thread_budget=budget,
-                                  flush_interval=args.flush_interval or None,
-                                  call_timeout=args.call_timeout or None)
+    pipeline = _pipeline(args, budget)
     metrics = start_metrics(parser, args, budget)
+    relay = Relay(pipeline, command, headers=dict(args.header), call_timeout=args.call_timeout or None,
+                  init_timeout=args.init_timeout, client_errors=args.client_error,
+                  status_tools=not args.no_status_tools, hide_disabled=args.hide_disabled, metrics=metrics)
 
-    async def run() -> None:
-        await serve(build_proxy(downstream(command, args.call_timeout or None), health, metrics=metrics), health)
+    async def write_health() -> None:
+        if relay.running:  # SIGTERM: the relay answers what is pending and stops the downstream first
+            await relay.finished.wait()
+        if pipeline.runtime.handle is not None:
+            try:
+                await pipeline.runtime.flush()
+            except Exception as exc:
+                logger.error("Could not write the tool health at exit: %s", exc)
 
     try:
-        anyio.run(run)
+        anyio.run(serve_stdio, relay.run, write_health)
     finally:
         if metrics is not None:
             metrics.close()
