@@ -26,7 +26,6 @@ from __future__ import annotations
 import argparse
 import asyncio
 import contextlib
-import inspect
 import json
 import logging
 import re
@@ -42,6 +41,7 @@ from ordanis_veltrane.mcp_proxy_transports import (
     DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
     client_lines, dump, rpc_error,
 )
+from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
 
 if TYPE_CHECKING:
@@ -184,9 +184,8 @@ class Relay:
         self._start_lock = asyncio.Lock()
         await self.out.open()
         read = await client_lines()
-        listen = getattr(self.pipeline, "add_tools_changed_listener", None)
-        if self.hide_disabled and listen is not None:
-            listen(self._hidden_changed)
+        if self.hide_disabled:
+            self.pipeline.add_tools_changed_listener(self._hidden_changed)
         try:
             async with anyio.create_task_group() as tg:
                 self._tg = tg
@@ -711,13 +710,7 @@ class Relay:
     # ------------------------------------------------------------ hidden tools
 
     def _hidden_now(self) -> frozenset[str]:
-        hidden_tools = getattr(self.pipeline, "hidden_tools", None)
-        if hidden_tools is not None:
-            hidden: frozenset[str] = frozenset(hidden_tools())
-        else:  # a pipeline without the hidden set: the tools disabled now
-            tracker = self.pipeline.tracker
-            hidden = frozenset(n for n in self.downstream_tools if tracker is not None and tracker.is_disabled(n)[0])
-        return hidden
+        return self.pipeline.hidden_tools()
 
     def _hidden_changed(self, *_: Any) -> None:
         """From any thread: the client is told to list the tools again."""
@@ -762,23 +755,13 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--client-error", type=_regex, action="append", default=[], metavar="REGEX",
                         help="an error result whose text matches is the client's fault and never counts against "
                              "the tool (repeatable)")
-    parser.add_argument("--hide-disabled", action="store_true",
-                        help="leave disabled tools out of tools/list and tell the client when that changes")
-    parser.add_argument("--no-status-tools", action="store_true",
-                        help="do not serve the status and get_tool_performance_stats tools")
     parser.add_argument("downstream", nargs=argparse.REMAINDER, help="the downstream server's command, or its URL")
     return parser
 
 
 def _pipeline(args: argparse.Namespace, budget: int) -> ToolPipeline:
-    options: dict[str, Any] = {}
-    accepted = inspect.signature(ToolPipeline).parameters
-    if "hide_disabled" in accepted:
-        options["hide_disabled"] = bool(args.hide_disabled)
-    if "status_tools" in accepted:
-        options["status_tools"] = not args.no_status_tools
     return ToolPipeline(args.db, health_limits(args), flush_interval=args.flush_interval or None,
-                        thread_budget=budget, **options)
+                        thread_budget=budget, hide_disabled=args.hide_disabled, status_tools=args.status_tools)
 
 
 def main(argv: Sequence[str] | None = None) -> int:
@@ -797,7 +780,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     metrics = start_metrics(parser, args, budget)
     relay = Relay(pipeline, command, headers=dict(args.header), call_timeout=args.call_timeout or None,
                   init_timeout=args.init_timeout, client_errors=args.client_error,
-                  status_tools=not args.no_status_tools, hide_disabled=args.hide_disabled, metrics=metrics)
+                  status_tools=args.status_tools, hide_disabled=args.hide_disabled, metrics=metrics)
 
     async def write_health() -> None:
         if relay.running:  # SIGTERM: the relay answers what is pending and stops the downstream first
@@ -806,7 +789,7 @@ def main(argv: Sequence[str] | None = None) -> int:
             try:
                 await pipeline.runtime.flush()
             except Exception as exc:
-                logger.error("Could not write the tool health at exit: %s", exc)
+                logger.error("Could not write the tool health at exit: %s", redact_url(exc))
 
     try:
         anyio.run(serve_stdio, relay.run, write_health)
