@@ -86,9 +86,18 @@ def environment(tmp: Path) -> dict[str, str]:
     bin_dir.mkdir(exist_ok=True)
     (bin_dir / "python").write_text(f'#!/bin/sh\nexec "{sys.executable}" "$@"\n')
     (bin_dir / "python").chmod(0o755)
+    for name, module in console_scripts():  # the commands an installed wheel puts on the PATH, from this package
+        (bin_dir / name).write_text(f'#!/bin/sh\nexec "{sys.executable}" -m {module} "$@"\n')
+        (bin_dir / name).chmod(0o755)
     env = child_env()
     env["PATH"] = os.pathsep.join([str(bin_dir), str(Path(sys.executable).parent), env.get("PATH", "")])
     return env
+
+
+def console_scripts() -> list[tuple[str, str]]:
+    """`[project.scripts]` of pyproject.toml as (command, module); each module runs its `main()` under `-m`."""
+    table = re.search(r"^\[project\.scripts\]\n(.*?)(?:^\[|\Z)", (ROOT / "pyproject.toml").read_text(), re.M | re.S)
+    return re.findall(r'^([\w-]+)\s*=\s*"([\w.]+):main"', table.group(1) if table else "", re.M)
 
 
 def package_root() -> Path:
