@@ -1,7 +1,8 @@
 """Every example of the README and the docs pages, run as a reader would run it. Python blocks run in order in
 one namespace per page (`__name__` is not "__main__", so a server's `run()` under that guard stays off), in a
 fresh directory; `<!-- invisible-code-block: python ... -->` sets up or checks in the page's source. Shell
-blocks run with bash (`pip install` lines skipped: the test environment is where they were installed); one
+blocks run with bash, the package's commands on the PATH (`pip install` lines skipped: the test environment is
+where they were installed); one
 preceded by `<!-- mcp-server -->` is started as a stdio server, called by the SDK's client, and kept running
 until the page ends. A JSON block with "mcpServers" is a client's configuration: each server in it is started
 and called. SQL blocks run on an empty SQLite database. A block that cannot run here is preceded by
