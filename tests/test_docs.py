@@ -1,7 +1,8 @@
 """Every example of the README and the docs pages, run as a reader would run it. Python blocks run in order in
 one namespace per page (`__name__` is not "__main__", so a server's `run()` under that guard stays off), in a
 fresh directory; `<!-- invisible-code-block: python ... -->` sets up or checks in the page's source. Shell
-blocks run with bash (`pip install` lines skipped: the test environment is where they were installed); one
+blocks run with bash, the package's commands on the PATH (`pip install` lines skipped: the test environment is
+where they were installed); one
 preceded by `<!-- mcp-server -->` is started as a stdio server, called by the SDK's client, and kept running
 until the page ends. A JSON block with "mcpServers" is a client's configuration: each server in it is started
 and called. SQL blocks run on an empty SQLite database. A block that cannot run here is preceded by
@@ -86,9 +87,18 @@ def environment(tmp: Path) -> dict[str, str]:
     bin_dir.mkdir(exist_ok=True)
     (bin_dir / "python").write_text(f'#!/bin/sh\nexec "{sys.executable}" "$@"\n')
     (bin_dir / "python").chmod(0o755)
+    for name, module in console_scripts():  # the commands an installed wheel puts on the PATH, from this package
+        (bin_dir / name).write_text(f'#!/bin/sh\nexec "{sys.executable}" -m {module} "$@"\n')
+        (bin_dir / name).chmod(0o755)
     env = child_env()
     env["PATH"] = os.pathsep.join([str(bin_dir), str(Path(sys.executable).parent), env.get("PATH", "")])
     return env
+
+
+def console_scripts() -> list[tuple[str, str]]:
+    """`[project.scripts]` of pyproject.toml as (command, module); each module runs its `main()` under `-m`."""
+    table = re.search(r"^\[project\.scripts\]\n(.*?)(?:^\[|\Z)", (ROOT / "pyproject.toml").read_text(), re.M | re.S)
+    return re.findall(r'^([\w-]+)\s*=\s*"([\w.]+):main"', table.group(1) if table else "", re.M)
 
 
 def package_root() -> Path:
