@@ -221,4 +221,4 @@ class SharedHealth:
         state, usage_map, registry, known = t._state, t._usage, health.TOOLS, health._known
         tools = [(*row, row[0] in state or registry.get(row[0]) is not None) for row in pulled.tools]
         usage = [(*row, row[0] in usage_map or bool(known(row[0][0], row[0][1]))) for row in pulled.usage]
-        t._apply_changes(tools, usage, time.time())
+        t._apply_changes(tools, usage, health.time.time())  # the tracker's own clock

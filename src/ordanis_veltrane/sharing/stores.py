@@ -44,6 +44,8 @@ PG_STATEMENT_TIMEOUT_MS = 5000
 # at most this long: the connection is cut from the client's side.
 PG_EXCHANGE_TIMEOUT_S = 6.0
 MIRROR_EVERY_S = 30.0
+# A writer whose clock is further than this from the store's has its times moved onto the store's.
+SKEW_TOLERANCE_S = 2.0
 _T = TypeVar("_T")
 
 
@@ -61,14 +63,20 @@ def usage_document(rows: Sequence[Sequence[Any]]) -> str:
         f'"total_ms":{round(float(r[6]), 3)!r}}}' for r in rows) + "]"
 
 
-def health_params(pid: str, version: int, now: float, name: str, c: ToolChange) -> tuple[Any, ...]:
+def shift(t: float, skew: float, now: float) -> float:
+    """A time a writer stamped, on the store's clock: moved by the writer's skew when it is more
+    than ``SKEW_TOLERANCE_S`` off the store's clock, and never ahead of the store's clock."""
+    return min(t + skew if abs(skew) > SKEW_TOLERANCE_S else t, now)
+
+
+def health_params(pid: str, version: int, now: float, skew: float, name: str, c: ToolChange) -> tuple[Any, ...]:
     """One merge row. ``err_seq`` and ``dis_seq`` of the row carry what the change does to the two
-    registers (1: last_error written; 1: disabled, 2: enabled); every time is clamped to ``now``."""
+    registers (1: last_error written; 1: disabled, 2: enabled); times are on the store's clock."""
     err, dis = c.err, c.dis_op
-    disabled_at = min(c.disabled_at, now) if dis == 1 and c.disabled_at is not None else None
+    disabled_at = shift(c.disabled_at, skew, now) if dis == 1 and c.disabled_at is not None else None
     return (name, c.calls, c.errors, c.last_error if err else None, now if err else _NO_STAMP,
             pid if err else "", 1 if err else 0, disabled_at, now if dis else _NO_STAMP, pid if dis else "",
-            dis, min(c.updated_at, now), version)
+            dis, shift(c.updated_at, skew, now), version)
 
 
 def usage_params(version: int, combined: Combined) -> list[tuple[Any, ...]]:
@@ -313,14 +321,14 @@ class SqliteStore:
         version = int(row[0]) if row else 0
         if batches:
             row = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = ?", (pid,)).fetchone()
-            now = time.time()  # no clock but the writer's: readers take a time ahead of theirs as their present
+            now, skew = time.time(), 0.0  # no clock but the writers': a reader takes a time ahead as its present
             combined = combine(batches, int(row[0]) if row else 0)
             if combined.tools or combined.usage:
                 version += 1
                 conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, ?) "
                              "ON CONFLICT (id) DO UPDATE SET version = excluded.version", (version,))
                 conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
-                                 [health_params(pid, version, now, n, c) for n, c in combined.tools.items()])
+                                 [health_params(pid, version, now, skew, n, c) for n, c in combined.tools.items()])
                 conn.executemany(merge_usage_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
                                  usage_params(version, combined))
                 if combined.tools:
@@ -416,15 +424,18 @@ PG_TABLES = (
 _PG_NOW = "extract(epoch FROM clock_timestamp())::float8"
 _PG_TIME = "to_char(to_timestamp({0}) AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS')"
 
-# Every time is clamped to the server's clock; txid_current() stamps each row with the writing
+# Every time is moved onto the server's clock (see shift); txid_current() stamps each row with the writing
 # transaction (see PostgresStore for how the stamps are read).
+_PG_SHIFT = ("LEAST({0} + CASE WHEN abs(" + _PG_NOW + " - w.wnow) > " + str(SKEW_TOLERANCE_S) + " THEN "
+             + _PG_NOW + " - w.wnow ELSE 0 END, " + _PG_NOW + ")")
 PG_MERGE_HEALTH = merge_health_sql(
     f"""SELECT tool, calls, errors, last_error, CASE WHEN err > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END,
-    pid, err, CASE WHEN dis = 1 THEN LEAST(disabled_at, {_PG_NOW}) END,
-    CASE WHEN dis > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END, pid, dis, LEAST(updated_at, {_PG_NOW}), 0, txid_current()
+    w.pid, err, CASE WHEN dis = 1 THEN {_PG_SHIFT.format("disabled_at")} END,
+    CASE WHEN dis > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END, w.pid, dis, {_PG_SHIFT.format("updated_at")}, 0,
+    txid_current()
 FROM unnest(%s::text[], %s::bigint[], %s::bigint[], %s::text[], %s::int[], %s::int[], %s::float8[], %s::float8[])
     AS u(tool, calls, errors, last_error, err, dis, disabled_at, updated_at),
-    (SELECT %s::text AS pid) p""", "GREATEST", "txid")
+    (SELECT %s::text AS pid, %s::float8 AS wnow) w""", "GREATEST", "txid")
 PG_MERGE_USAGE = merge_usage_sql(
     "SELECT *, 0, txid_current() FROM unnest(%s::text[], %s::text[], %s::text[], %s::text[], %s::boolean[], "
     "%s::bigint[], %s::bigint[], %s::float8[])", "txid")
@@ -604,7 +615,7 @@ class PostgresStore:
                 if combined.tools:
                     conn.execute(PG_MERGE_HEALTH, [*_columns(
                         [(n, c.calls, c.errors, c.last_error if c.err else None, int(c.err), c.dis_op,
-                          c.disabled_at, c.updated_at) for n, c in combined.tools.items()], 8), pid])
+                          c.disabled_at, c.updated_at) for n, c in combined.tools.items()], 8), pid, time.time()])
                 if combined.usage:
                     conn.execute(PG_MERGE_USAGE, _columns([row[:8] for row in usage_params(0, combined)], 8))
                 conn.execute(PG_LEDGER, (pid, combined.last_seq))
