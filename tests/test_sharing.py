@@ -13,7 +13,7 @@ from typing import Any, Callable, Iterator
 
 import pytest
 from conftest import FakeClock, child_env, make_registry
-from pgcluster import pg_cluster, pg_url  # noqa: F401 - fixtures
+from pgcluster import pg_bouncer, pg_bouncer_url, pg_cluster, pg_url  # noqa: F401 - fixtures
 
 from ordanis_veltrane import sharing
 from ordanis_veltrane.config import ToolsConfig
@@ -24,15 +24,24 @@ LIMITS = ToolsConfig(disable_after_errors=3, disable_cooldown_s=60)
 Open = Callable[[], sharing.SharedHealth]
 
 
-@pytest.fixture(params=["sqlite", "postgres"])
+@pytest.fixture(params=["sqlite", "postgres", "pgbouncer"])
 def target(request: pytest.FixtureRequest, tmp_path: Path, registry: Any) -> str:
-    return str(tmp_path / "shared.db") if request.param == "sqlite" else str(request.getfixturevalue("pg_url"))
+    """A SQLite file, a PostgreSQL database, or one reached through PgBouncer in transaction-pooling mode."""
+    if request.param == "sqlite":
+        return str(tmp_path / "shared.db")
+    if request.param == "postgres":
+        return str(request.getfixturevalue("pg_url"))
+    POOLED.add(url := str(request.getfixturevalue("pg_bouncer_url")))
+    return url
+
+
+POOLED: set[str] = set()  # through PgBouncer: no connection is held between syncs
 
 
 def new_store(target: str) -> sharing.Store:
     """The target's store, writing the plain tables at every sync; a SQLite one gives up on a locked file at once."""
     if sharing.is_postgres_url(target):
-        return sharing.PostgresStore(target, mirror_every_s=0)
+        return sharing.PostgresStore(target, mirror_every_s=0, hold_connection=target not in POOLED)
     return sharing.SqliteStore(target, 0.05, mirror_every_s=0)
 
 
@@ -195,6 +204,9 @@ def test_a_store_down_then_back_loses_nothing_and_logs_once_per_process(
         call(b.tracker)
         assert a.sync() == b.sync() == 0
     back()
+    deadline = time.monotonic() + 20  # PgBouncer lets its clients in again a moment after the server is back
+    while not (a.sync() + b.sync() and a.connected and b.connected) and time.monotonic() < deadline:
+        time.sleep(0.2)
     for h in (a, b, a, b):
         h.sync()
     assert a.tracker._state["a"].call_count == b.tracker._state["a"].call_count == 11

@@ -522,6 +522,9 @@ class PostgresStore:
                                application_name="ordanis_veltrane.sharing", prepare_threshold=None,
                                keepalives=1, keepalives_idle=5, keepalives_interval=2, keepalives_count=2)
         self.connects += 1
+        watchdog = threading.Timer(self.exchange_timeout_s, _cut, (conn,))
+        watchdog.daemon = True
+        watchdog.start()
         try:
             with conn.transaction():
                 conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
@@ -537,6 +540,8 @@ class PostgresStore:
         except BaseException:
             conn.close()
             raise
+        finally:
+            watchdog.cancel()
         return conn
 
     def _create(self, conn: psycopg.Connection[tuple[Any, ...]]) -> None:
