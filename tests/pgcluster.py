@@ -55,8 +55,9 @@ class PgCluster:
         if result.returncode != 0:
             raise RuntimeError(f"{tool} failed: {result.stdout}{result.stderr}")
 
-    def start(self) -> None:
-        options = f"-p {self.port} -k {self.dir} -c listen_addresses=127.0.0.1 -c fsync=off -c max_connections=100"
+    def start(self, max_connections: int = 100, extra: str = "") -> None:
+        options = (f"-p {self.port} -k {self.dir} -c listen_addresses=127.0.0.1 -c fsync=off "
+                   f"-c max_connections={max_connections} {extra}")
         self._run("pg_ctl", "-D", str(self.data), "-l", str(self.dir / "log"), "-o", options, "-w", "-t", "60", "start")
 
     def stop(self, mode: str = "fast") -> None:

@@ -328,7 +328,7 @@ class SqliteStore:
                 conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, ?) "
                              "ON CONFLICT (id) DO UPDATE SET version = excluded.version", (version,))
                 conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
-                                 [health_params(pid, version, now, skew, n, c) for n, c in combined.tools.items()])
+                                 [health_params(pid, version, now, skew, n, c) for n, c in sorted(combined.tools.items())])
                 conn.executemany(merge_usage_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
                                  usage_params(version, combined))
                 if combined.tools:
@@ -617,15 +617,15 @@ class PostgresStore:
                 conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
             if batches:
                 combined = combine(batches, max(applied, 0))
+                # Rows in key order: two processes that change the same rows lock them in the same
+                # order, so they wait for each other for a moment at most and never deadlock.
                 if combined.tools:
-                    conn.execute(PG_MERGE_HEALTH, [*_columns(
-                        [(n, c.calls, c.errors, c.last_error if c.err else None, int(c.err), c.dis_op,
-                          c.disabled_at, c.updated_at) for n, c in combined.tools.items()], 8), pid, time.time()])
+                    conn.execute(PG_MERGE_HEALTH, [*_columns(sorted(
+                        (n, c.calls, c.errors, c.last_error if c.err else None, int(c.err), c.dis_op,
+                         c.disabled_at, c.updated_at) for n, c in combined.tools.items()), 8), pid, time.time()])
                 if combined.usage:
-                    conn.execute(PG_MERGE_USAGE, _columns([row[:8] for row in usage_params(0, combined)], 8))
+                    conn.execute(PG_MERGE_USAGE, _columns(sorted(row[:8] for row in usage_params(0, combined)), 8))
                 conn.execute(PG_LEDGER, (pid, combined.last_seq))
-                if combined.tools:
-                    conn.execute(PG_MIRROR_HEALTH.format(where="tool = ANY(%s)"), (list(combined.tools),))
             h = conn.execute(PG_PULL_HEALTH, (self._cursor_health,))
             u = conn.execute(PG_PULL_USAGE, (self._cursor_usage,))
             for batch in batches:
