@@ -27,6 +27,7 @@ be; timings are what this run saw.
 from __future__ import annotations
 
 import argparse
+import gc
 import json
 import os
 import random
@@ -76,12 +77,14 @@ def record(t: health.ToolHealthTracker, tools: int, n: int, rng: random.Random) 
 # ---------------------------------------------------------------- fleet
 
 
-def worker(url: str, period: float, start_at: float, duration: float, seed: int, hold: bool) -> None:
+def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> None:
     health.TOOLS = registry(1000)
     rng = random.Random(seed)
     handle = sharing.open_health(url, LIMITS, hold_connection=hold)
     assert isinstance(handle, sharing.SharedHealth)
     loaded = len(handle.tracker._usage)
+    print("ready", flush=True)
+    start_at = float(sys.stdin.readline())  # once every process has started and loaded the store
     next_at = start_at + rng.uniform(0, period)
     end = start_at + duration
     calls = due = done = rows = 0
@@ -130,11 +133,17 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
     direct = cluster.url.rsplit("/", 1)[0] + "/" + name
     url = bouncer.url(direct) if bouncer is not None else direct
     seeded = seed_store(direct)
-    start_at = time.time() + 8 + n * 0.12  # time for every process to start and load the store
     env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(ROOT / "src"), os.environ.get("PYTHONPATH", "")])}
-    procs = [subprocess.Popen([sys.executable, __file__, "--worker", url, str(period), str(start_at), str(duration),
+    procs = [subprocess.Popen([sys.executable, __file__, "--worker", url, str(period), str(duration),
                                str(i), "0" if bouncer is not None else "1"],
-                              stdout=subprocess.PIPE, text=True, env=env) for i in range(n)]
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env) for i in range(n)]
+    for p in procs:
+        assert p.stdout is not None and p.stdout.readline().strip() == "ready", "a worker did not start"
+    start_at = time.time() + 1
+    for p in procs:
+        assert p.stdin is not None
+        p.stdin.write(f"{start_at}\n")
+        p.stdin.flush()
     waits: list[int] = []
     conns: list[int] = []
     with psycopg.connect(direct, autocommit=True) as mon:
@@ -152,7 +161,10 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         wal = mon.execute("SELECT pg_current_wal_lsn() - %s::pg_lsn", (lsn0,)).fetchone()[0]  # type: ignore[index]
     results = []
     for p in procs:
-        out, _ = p.communicate(timeout=600)
+        assert p.stdin is not None
+        p.stdin.close()
+        out = p.stdout.read() if p.stdout is not None else ""
+        p.wait(timeout=600)
         lines = [line for line in out.splitlines() if line.startswith("{")]
         results.append(json.loads(lines[-1]) if p.returncode == 0 and lines else None)
     with psycopg.connect(direct, autocommit=True) as mon:
@@ -341,20 +353,24 @@ def memory_per_key(path: str, keys: int = 50000) -> dict[str, Any]:
     with tempfile.TemporaryDirectory() as d:
         repo = Repository(Path(d) / "plain.db")
         plain = health.ToolHealthTracker(repo, LIMITS)
+        gc.collect()
         tracemalloc.start()
         base = tracemalloc.get_traced_memory()[0]
         fill(plain)
+        gc.collect()
         plain_bytes = tracemalloc.get_traced_memory()[0] - base
         tracemalloc.stop()
         repo.close()
     shared = sharing.open_health(path, LIMITS)
     assert isinstance(shared, sharing.SharedHealth)
+    gc.collect()
     tracemalloc.start()
     base = tracemalloc.get_traced_memory()[0]
     fill(shared.tracker)
     shared.sync()
     for _ in range(3):  # the syncs after: what stays
         shared.sync()
+    gc.collect()  # the last exchange's rows, in a cycle until the collector runs
     shared_bytes = tracemalloc.get_traced_memory()[0] - base
     tracemalloc.stop()
     shared.close()
@@ -379,8 +395,8 @@ def per_sync(cluster: Any, quick: bool) -> dict[str, Any]:
 
 def main() -> None:
     if len(sys.argv) > 1 and sys.argv[1] == "--worker":
-        url, period, start_at, duration, seed, hold = sys.argv[2:8]
-        worker(url, float(period), float(start_at), float(duration), int(seed), hold == "1")
+        url, period, duration, seed, hold = sys.argv[2:7]
+        worker(url, float(period), float(duration), int(seed), hold == "1")
         return
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--fleet", default="", help="N:period pairs, e.g. 16:1,64:1,200:5")

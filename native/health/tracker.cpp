@@ -206,9 +206,9 @@ static PyObject* record_success_locked(ModuleState* st, TrackerObject* self, PyO
         if (increment(&s->call_count) < 0) return nullptr;
         s->consecutive_errors = 0;
         s->has_disabled_at = false;
-        s->events = static_cast<uint8_t>((s->events | kSucceeded) & ~kDisabledHere);
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         s->updated_at = now;
+        s->events = static_cast<uint8_t>((s->events | kSucceeded) & ~kDisabledHere);
     } else {
         Ref zero(PyLong_FromLong(0));
         if (!zero || increment_attr(rec.get(), st->s_call_count) < 0 ||

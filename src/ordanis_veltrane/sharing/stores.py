@@ -483,7 +483,8 @@ class PostgresStore:
     harmless: what is read is a total, and taking a total in twice moves nothing. A row rewritten
     since carries the newer stamp and the newer total.
 
-    A sync is one round trip (a pipeline: the merges, the ledger, the reads and the commit). Only
+    A sync is one round trip (a pipeline: the ledger, the merges and the commit, then the reads,
+    each in a snapshot of its own, with no row locked). Only
     when a batch may already have been applied (its acknowledgement lost) does it first read the
     ledger row, which no other process writes. The pooler-friendly settings: no prepared statements,
     the statement timeout set per transaction, at most one connection, held between syncs unless
@@ -618,19 +619,21 @@ class PostgresStore:
             if batches:
                 combined = combine(batches, max(applied, 0))
                 # Rows in key order: two processes that change the same rows lock them in the same
-                # order, so they wait for each other for a moment at most and never deadlock.
+                # order, so they wait for each other for a moment at most and never deadlock. The
+                # health rows, which every process changes, come last: their locks are held the least.
+                conn.execute(PG_LEDGER, (pid, combined.last_seq))
+                if combined.usage:
+                    conn.execute(PG_MERGE_USAGE, _columns(sorted(row[:8] for row in usage_params(0, combined)), 8))
                 if combined.tools:
                     conn.execute(PG_MERGE_HEALTH, [*_columns(sorted(
                         (n, c.calls, c.errors, c.last_error if c.err else None, int(c.err), c.dis_op,
                          c.disabled_at, c.updated_at) for n, c in combined.tools.items()), 8), pid, time.time()])
-                if combined.usage:
-                    conn.execute(PG_MERGE_USAGE, _columns(sorted(row[:8] for row in usage_params(0, combined)), 8))
-                conn.execute(PG_LEDGER, (pid, combined.last_seq))
-            h = conn.execute(PG_PULL_HEALTH, (self._cursor_health,))
-            u = conn.execute(PG_PULL_USAGE, (self._cursor_usage,))
             for batch in batches:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
+            # Read after the commit, with no row locked: any snapshot will do (see the class's comment).
+            h = conn.execute(PG_PULL_HEALTH, (self._cursor_health,))
+            u = conn.execute(PG_PULL_USAGE, (self._cursor_usage,))
         self.round_trips += 1
         hrows, urows = h.fetchall(), u.fetchall()
         tools = [(r[1], int(r[2]), int(r[3]), r[4], r[5], float(r[6])) for r in hrows if r[1] is not None]
@@ -651,6 +654,7 @@ class PostgresStore:
     def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
         with conn.transaction():
             conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
+            conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING")  # emptied?
             row = conn.execute(
                 f"SELECT doc_xmin, doc_at, {_PG_NOW}, txid_snapshot_xmin(txid_current_snapshot()) FROM sv_meta "
                 f"WHERE id = 1 FOR UPDATE {'' if force else 'SKIP LOCKED'}").fetchone()
