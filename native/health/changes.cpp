@@ -10,7 +10,9 @@
 // synced to M, so calls counted here meanwhile are kept. The work under the
 // lock is proportional to the records changed (the tool names in `_dirty`,
 // the usage keys in `changed`), never to the size of the maps, and no copy of
-// the maps is kept anywhere.
+// the maps is kept anywhere. A merged row of a tool or usage key this process
+// has not seen is inserted when the registry knows it (looked up under the
+// lock, as loading the history does).
 //
 // The disabled register travels only for what happened here: a disable by a
 // run of errors, or a success while the store holds the tool disabled. An
@@ -130,11 +132,18 @@ PyObject* take_changes_locked(TrackerObject* self) {
     return PyTuple_Pack(2, tools.get(), usage.get());
 }
 
-// One merged health row: (name, calls, errors, last_error, disabled_at, updated_at, insert).
+// Whether a tool (and action) missing here is one to insert: the registry knows it. Looked up
+// only for a row of a key this process has not seen, which a running fleet rarely sends.
+int insertable(TrackerObject* self, PyObject* tool, PyObject* action) noexcept {
+    return late_known(self->st, self->module, tool, action);
+}
+
+// One merged health row, as the store reads it: (name, calls, errors, last_error, disabled_at,
+// updated_at).
 int apply_tool(TrackerObject* self, PyObject* row, double now) noexcept {
     ModuleState* st = self->st;
-    if (!PyTuple_Check(row) || PyTuple_GET_SIZE(row) != 7) {
-        PyErr_SetString(PyExc_TypeError, "a merged health row is a 7-tuple");
+    if (!PyTuple_Check(row) || PyTuple_GET_SIZE(row) < 6) {
+        PyErr_SetString(PyExc_TypeError, "a merged health row is a tuple of 6");
         return -1;
     }
     PyObject* name = PyTuple_GET_ITEM(row, 0);
@@ -148,14 +157,13 @@ int apply_tool(TrackerObject* self, PyObject* row, double now) noexcept {
         as_double(PyTuple_GET_ITEM(row, 5), &updated_at) < 0) {
         return -1;
     }
-    const int insert = PyObject_IsTrue(PyTuple_GET_ITEM(row, 6));
-    if (insert < 0) return -1;
     Ref state = load_field(self, &TrackerObject::state);
     Ref rec;
     const int found = dict_get_ref_locked(state.get(), name, rec);
     if (found < 0) return -1;
     if (found == 0) {
-        if (!insert) return 0;
+        const int insert = insertable(self, name, Py_None);
+        if (insert <= 0) return insert;
         Ref dis = has_disabled ? Ref(PyFloat_FromDouble(std::min(disabled_at, now))) : Ref::borrow(Py_None);
         Ref upd(PyFloat_FromDouble(std::min(updated_at, now)));
         if (!dis || !upd) return -1;
@@ -168,6 +176,7 @@ int apply_tool(TrackerObject* self, PyObject* row, double now) noexcept {
             s->synced_has_disabled = has_disabled;
             s->synced_disabled_at = disabled_at;
         }
+        state = load_field(self, &TrackerObject::state);  // the lookups above may have run host code
         return PyDict_SetItem(state.get(), name, rec.get());
     }
     if (!is_native_state(st, rec.get())) return 0;
@@ -186,8 +195,8 @@ int apply_tool(TrackerObject* self, PyObject* row, double now) noexcept {
         }
         const bool news = has_disabled != s->synced_has_disabled ||
                           (has_disabled && disabled_at != s->synced_disabled_at);
-        // A disable here, or a success here over a shared disable, is sent with
-        // the next change-set and wins over what the store said before it.
+        // A disable here, or a success here over a shared disable, is sent with the next
+        // change-set and wins over what the store said before it.
         const bool pending = (s->events & kDisabledHere) ||
                              ((s->events & kSucceeded) && !s->has_disabled_at);
         if (news && !pending) {
@@ -202,30 +211,34 @@ int apply_tool(TrackerObject* self, PyObject* row, double now) noexcept {
     return 0;  // the replaced message is dropped here, outside the record's lock
 }
 
-// One merged usage row: (key, calls, timed_calls, total_ms, insert).
+// One merged usage row, as the store reads it: (tool, action, outcome, alias_hit, calls,
+// timed_calls, total_ms).
 int apply_usage(TrackerObject* self, PyObject* row) noexcept {
     ModuleState* st = self->st;
-    if (!PyTuple_Check(row) || PyTuple_GET_SIZE(row) != 5) {
-        PyErr_SetString(PyExc_TypeError, "a merged usage row is a 5-tuple");
+    if (!PyTuple_Check(row) || PyTuple_GET_SIZE(row) < 7) {
+        PyErr_SetString(PyExc_TypeError, "a merged usage row is a tuple of 7");
         return -1;
     }
-    PyObject* key = PyTuple_GET_ITEM(row, 0);
     int64_t calls, timed;
     double total;
-    if (as_int64(PyTuple_GET_ITEM(row, 1), &calls) < 0 || as_int64(PyTuple_GET_ITEM(row, 2), &timed) < 0 ||
-        as_double(PyTuple_GET_ITEM(row, 3), &total) < 0) {
+    if (as_int64(PyTuple_GET_ITEM(row, 4), &calls) < 0 || as_int64(PyTuple_GET_ITEM(row, 5), &timed) < 0 ||
+        as_double(PyTuple_GET_ITEM(row, 6), &total) < 0) {
         return -1;
     }
-    const int insert = PyObject_IsTrue(PyTuple_GET_ITEM(row, 4));
-    if (insert < 0) return -1;
+    const int alias = PyObject_IsTrue(PyTuple_GET_ITEM(row, 3));
+    if (alias < 0) return -1;
+    Ref key(PyTuple_Pack(4, PyTuple_GET_ITEM(row, 0), PyTuple_GET_ITEM(row, 1), PyTuple_GET_ITEM(row, 2),
+                         alias ? Py_True : Py_False));
+    if (!key) return -1;
     Ref usage = load_field(self, &TrackerObject::usage);
     Ref rec;
-    const int found = dict_get_ref_locked(usage.get(), key, rec);
+    const int found = dict_get_ref_locked(usage.get(), key.get(), rec);
     if (found < 0) return -1;
     if (found == 0) {
-        if (!insert) return 0;
-        rec = seeded_usage(st, self->module, PyTuple_GET_ITEM(row, 1), PyTuple_GET_ITEM(row, 2),
-                           PyTuple_GET_ITEM(row, 3));
+        const int insert = insertable(self, PyTuple_GET_ITEM(row, 0), PyTuple_GET_ITEM(row, 1));
+        if (insert <= 0) return insert;
+        rec = seeded_usage(st, self->module, PyTuple_GET_ITEM(row, 4), PyTuple_GET_ITEM(row, 5),
+                           PyTuple_GET_ITEM(row, 6));
         if (!rec) return -1;
         if (is_native_usage(st, rec.get())) {
             UsageObject* u = as_usage(rec.get());
@@ -233,7 +246,8 @@ int apply_usage(TrackerObject* self, PyObject* row) noexcept {
             u->synced_timed = timed;
             u->synced_total = total;
         }
-        return PyDict_SetItem(usage.get(), key, rec.get());
+        usage = load_field(self, &TrackerObject::usage);
+        return PyDict_SetItem(usage.get(), key.get(), rec.get());
     }
     if (!is_native_usage(st, rec.get())) return 0;
     RecordLock locked(rec.get());

@@ -682,7 +682,9 @@ static PyMethodDef tracker_methods[] = {
     {"_apply_changes", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_apply_changes)),
      METH_FASTCALL,
      "_apply_changes($self, tools, usage, now, /)\n--\n\n"
-     "Moves each record to a shared store's merged totals."},
+     "Moves each record to a shared store's merged totals: rows (name, calls, errors,\n"
+     "last_error, disabled_at, updated_at) and (tool, action, outcome, alias_hit,\n"
+     "calls, timed_calls, total_ms); inserts those the registry knows."},
     {"_usage_rows", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_usage_rows)),
      METH_FASTCALL | METH_KEYWORDS,
      "_usage_rows($self, tool_name)\n--\n\n"

@@ -215,10 +215,6 @@ class SharedHealth:
             logger.debug("The %s is still unreachable: %s", self.store.description, redact_url(exc))
 
     def _take_in(self, pulled: Pulled) -> None:
-        """Moves each record to the merged totals; a tool or usage key this process has not seen
-        is inserted when the registry knows it (looked up here, before the lock is taken)."""
-        t = self.tracker
-        state, usage_map, registry, known = t._state, t._usage, health.TOOLS, health._known
-        tools = [(*row, row[0] in state or registry.get(row[0]) is not None) for row in pulled.tools]
-        usage = [(*row, row[0] in usage_map or bool(known(row[0][0], row[0][1]))) for row in pulled.usage]
-        t._apply_changes(tools, usage, health.time.time())  # the tracker's own clock
+        """Moves each record to the merged totals, under the tracker's lock; a tool or usage key this
+        process has not seen is inserted when the registry knows it."""
+        self.tracker._apply_changes(pulled.tools, pulled.usage, health.time.time())  # the tracker's own clock

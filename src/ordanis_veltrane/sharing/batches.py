@@ -175,8 +175,9 @@ def combine(batches: Sequence[Batch], applied_seq: int) -> Combined:
 
 @dataclass
 class Pulled:
-    """Merged totals that changed since the process's cursor: health rows (tool, calls, errors,
-    last_error, disabled_at, updated_at) and usage rows (key, calls, timed_calls, total_ms)."""
+    """Merged totals that changed since the process's cursor, as the store reads them: health rows
+    (tool, calls, errors, last_error, disabled_at, updated_at) and usage rows (tool, action,
+    outcome, alias_hit, calls, timed_calls, total_ms), for the tracker's ``_apply_changes``."""
 
     tools: list[tuple[str, int, int, Any, Union[float, None], float]]
-    usage: list[tuple[UsageKey, int, int, float]]
+    usage: list[tuple[str, Union[str, None], str, Any, int, int, float]]

@@ -337,13 +337,10 @@ class SqliteStore:
                          "ON CONFLICT (process_id) DO UPDATE SET last_seq = excluded.last_seq, "
                          "synced_at = excluded.synced_at", (pid, combined.last_seq, now, now))
         seen = self.seen if version >= self.seen else 0  # a version behind ours: the store was emptied
-        tools = [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5])) for r in conn.execute(
-            "SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
-            "WHERE version > ?", (seen,))]
-        usage: list[tuple[UsageKey, int, int, float]] = [
-            ((r[0], r[1], r[2], bool(r[3])), int(r[4]), int(r[5]), float(r[6])) for r in conn.execute(
-                "SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
-                "WHERE version > ?", (seen,))]
+        tools = conn.execute("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
+                             "FROM sv_health WHERE version > ?", (seen,)).fetchall()
+        usage = conn.execute("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                             "WHERE version > ?", (seen,)).fetchall()
         for batch in batches:
             batch.maybe_applied = True
         conn.execute("COMMIT")
@@ -444,13 +441,12 @@ SELECT tool, call_count, error_count, last_error, {_PG_TIME.format("disabled_at"
 FROM sv_health WHERE {{where}}
 ON CONFLICT (tool_name) DO UPDATE SET call_count = excluded.call_count, error_count = excluded.error_count,
 last_error = excluded.last_error, disabled_at = excluded.disabled_at, updated_at = excluded.updated_at"""
-# The rows stamped at or after the cursor, with the xmin of the statement's own snapshot: the next cursor.
-PG_PULL_HEALTH = ("SELECT x.xmin, h.tool, h.call_count, h.error_count, h.last_error, h.disabled_at, h.updated_at "
-                  "FROM (SELECT txid_snapshot_xmin(txid_current_snapshot()) AS xmin) x "
-                  "LEFT JOIN sv_health h ON h.txid >= %s")
-PG_PULL_USAGE = ("SELECT x.xmin, u.tool, u.action, u.outcome, u.alias_hit, u.calls, u.timed_calls, u.total_ms "
-                 "FROM (SELECT txid_snapshot_xmin(txid_current_snapshot()) AS xmin) x "
-                 "LEFT JOIN sv_usage u ON u.txid >= %s")
+# The next cursor: the xmin of a snapshot taken before the reads (see PostgresStore).
+PG_CURSOR = "SELECT txid_snapshot_xmin(txid_current_snapshot())"
+PG_PULL_HEALTH = ("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
+                  "WHERE txid >= %s")
+PG_PULL_USAGE = ("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                 "WHERE txid >= %s")
 PG_LEDGER = ("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) VALUES (%s, %s, {now}, {now}) "
              "ON CONFLICT (process_id) DO UPDATE SET last_seq = excluded.last_seq, synced_at = excluded.synced_at"
              ).format(now=_PG_NOW)
@@ -476,12 +472,13 @@ class PostgresStore:
 
     No lock is held across round trips and no row is written by every sync. Each write stamps its
     rows with its transaction id (``txid_current()``); a process reads the rows stamped at or after
-    its cursor and takes as its next cursor the xmin of the snapshot it read them with. Why this
-    misses nothing: a change that the snapshot did not see belongs to a transaction that was still
-    running at the snapshot, or had no id yet; either way its id is at least the snapshot's xmin,
-    so the next read, stamped >= that xmin, sees it once it has committed. A row read twice is
-    harmless: what is read is a total, and taking a total in twice moves nothing. A row rewritten
-    since carries the newer stamp and the newer total.
+    its cursor, and takes as its next cursor the xmin of a snapshot taken just before those reads.
+    Why this misses nothing: a change that a read did not see belongs to a transaction that had
+    not committed when the read's snapshot was taken, so it was running at the earlier snapshot
+    (its id is at least that snapshot's xmin), or started after it, or had no id yet (its id is at
+    least that snapshot's xmax); either way the next read, of ids >= that xmin, sees it once it has
+    committed. A row read twice is harmless: what is read is a total, and taking a total in twice
+    moves nothing. A row rewritten since carries the newer stamp and the newer total.
 
     A sync is one round trip (a pipeline: the ledger, the merges and the commit, then the reads,
     each in a snapshot of its own, with no row locked). Only
@@ -510,8 +507,7 @@ class PostgresStore:
         self.exchange_timeout_s = exchange_timeout_s
         self.mirror_every_s = mirror_every_s
         self._conn: psycopg.Connection[tuple[Any, ...]] | None = None
-        self._cursor_health = 0
-        self._cursor_usage = 0
+        self._cursor = 0  # rows stamped before it have all been read
         self._mirror = _MirrorClock(mirror_every_s)
         self.round_trips = 0  # counted by the code that waits for the server: for the benchmark
         self.connects = 0
@@ -632,15 +628,15 @@ class PostgresStore:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
             # Read after the commit, with no row locked: any snapshot will do (see the class's comment).
-            h = conn.execute(PG_PULL_HEALTH, (self._cursor_health,))
-            u = conn.execute(PG_PULL_USAGE, (self._cursor_usage,))
+            x = conn.execute(PG_CURSOR)
+            h = conn.execute(PG_PULL_HEALTH, (self._cursor,))
+            u = conn.execute(PG_PULL_USAGE, (self._cursor,))
         self.round_trips += 1
-        hrows, urows = h.fetchall(), u.fetchall()
-        tools = [(r[1], int(r[2]), int(r[3]), r[4], r[5], float(r[6])) for r in hrows if r[1] is not None]
-        usage: list[tuple[UsageKey, int, int, float]] = [
-            ((r[1], r[2], r[3], bool(r[4])), int(r[5]), int(r[6]), float(r[7])) for r in urows if r[1] is not None]
-        self._cursor_health, self._cursor_usage = int(hrows[0][0]), int(urows[0][0])
-        return Pulled(tools, usage)
+        cursor = x.fetchone()
+        pulled = Pulled(h.fetchall(), u.fetchall())
+        assert cursor is not None
+        self._cursor = int(cursor[0])
+        return pulled
 
     def write_mirror(self, force: bool = False) -> bool:
         """The usage document of ``schema_info`` and the ``tool_health`` rows, for a reader that reads

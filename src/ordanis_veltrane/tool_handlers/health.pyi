@@ -180,8 +180,8 @@ class ToolHealthTracker:
                list[tuple[_UsageKey, int, int, float]]]: ...
     def _apply_changes(
         self,
-        tools: list[tuple[str, int, int, Any, float | None, float, bool]],
-        usage: list[tuple[_UsageKey, int, int, float, bool]],
+        tools: list[tuple[str, int, int, Any, float | None, float]],
+        usage: list[tuple[str, str | None, str, bool, int, int, float]],
         now: float,
         /,
     ) -> None: ...
