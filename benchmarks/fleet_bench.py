@@ -11,7 +11,8 @@ fleet: N light processes (a tracker and its syncs, no MCP) on a throwaway Postgr
 syncs done / due (a sync is due every period; one that starts a period late counts as missed),
 sync p50 / p99, WAL bytes per sync (pg_current_wal_lsn), rows sent per sync, the most backends
 seen waiting on a lock and the most connections (pg_stat_activity, sampled every 0.25 s), and the
-store's totals against every call the processes made (exact: 0 lost, 0 double).
+store's totals against every call the processes made and the store acknowledged (exact: 0 lost,
+0 double; a process whose last sync failed says how many calls it closed with unacknowledged).
 
 per-sync: in one process, against the same server and a SQLite file:
 - a one-key sync at 10,000 keys: WAL bytes (PostgreSQL's LSN; the SQLite -wal file's growth) and
@@ -108,7 +109,8 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
         next_at += period
     handle.close()
     print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded,
-                      "pending": sum(b.rows for b in handle.pending)}), flush=True)
+                      "acknowledged": handle.synced_usage_calls, "acknowledged_health": handle.synced_calls}),
+          flush=True)
 
 
 def seed_store(url: str) -> int:
@@ -172,6 +174,8 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         health_total = mon.execute("SELECT sum(call_count) FROM sv_health").fetchone()[0]  # type: ignore[index]
     good = [r for r in results if r is not None]
     made = seeded + sum(r["calls"] for r in good)
+    acked = seeded + sum(r["acknowledged"] for r in good)  # what the store told each process it holds
+    acked_health = seeded + sum(r["acknowledged_health"] for r in good)
     times = [t for r in good for t in r["times"]]
     done = sum(r["done"] for r in good)
     return {
@@ -185,9 +189,10 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         "rows_sent_per_sync": round(sum(r["rows"] for r in good) / max(done, 1), 1),
         "lock_waits_max": max(waits, default=0), "lock_waits_mean": round(statistics.fmean(waits or [0]), 2),
         "connections_max": max(conns, default=0),
-        "calls_made": made, "usage_calls_stored": int(usage_total), "health_calls_stored": int(health_total),
-        "lost": made - int(usage_total), "double": int(usage_total) - made if int(usage_total) > made else 0,
-        "health_exact": int(health_total) == made,
+        "calls_made": made, "calls_acknowledged": acked, "usage_calls_stored": int(usage_total),
+        "health_calls_stored": int(health_total),
+        "lost": max(acked - int(usage_total), 0), "double": max(int(usage_total) - acked, 0),
+        "health_exact": int(health_total) == acked_health, "unacknowledged_at_close": made - acked,
     }
 
 
@@ -404,6 +409,7 @@ def main() -> None:
     ap.add_argument("--pgbouncer", action="store_true", help="the processes reach the server through PgBouncer")
     ap.add_argument("--per-sync", action="store_true")
     ap.add_argument("--quick", action="store_true", help="a smoke run: 8 processes for 5 s, and the per-sync figures")
+    ap.add_argument("--check", action="store_true", help="exit 1 unless every fleet's store totals are exact")
     args = ap.parse_args()
     from pgcluster import PgBouncer, PgCluster
 
@@ -416,14 +422,20 @@ def main() -> None:
         cluster.start(max_connections=max([n for n, _ in runs] + [80]) + 20, extra="-c shared_buffers=256MB")
         if args.pgbouncer:
             bouncer = PgBouncer(cluster)
+        exact = True
         for n, period in runs:
-            print(json.dumps(run_fleet(cluster, n, period, args.duration, bouncer)), flush=True)
+            result = run_fleet(cluster, n, period, args.duration, bouncer)
+            exact = exact and result["lost"] == result["double"] == result["workers_failed"] == 0 and \
+                result["health_exact"]
+            print(json.dumps(result), flush=True)
         if args.per_sync:
             print(json.dumps(per_sync(cluster, args.quick)), flush=True)
     finally:
         if bouncer is not None:
             bouncer.stop()
         cluster.remove()
+    if args.check and not exact:
+        sys.exit(1)
 
 
 if __name__ == "__main__":

@@ -35,13 +35,12 @@ waiting for the next sync, logged once per outage.
 from __future__ import annotations
 
 import logging
-import operator
 import os
 import socket
 import threading
 import time
 import uuid
-from typing import Any, Callable, Protocol, Union
+from typing import Callable, Protocol, Union
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
@@ -105,10 +104,6 @@ class PlainHealth:
 
 
 # ---------------------------------------------------------------- batches
-
-def new_process_id() -> str:
-    return f"{socket.gethostname()}/{os.getpid()}/{uuid.uuid4().hex[:12]}"
-
 
 def new_process_id() -> str:
     return f"{socket.gethostname()}/{os.getpid()}/{uuid.uuid4().hex[:12]}"
