@@ -34,12 +34,14 @@ waiting for the next sync, logged once per outage.
 """
 from __future__ import annotations
 
+import atexit
 import logging
 import os
 import socket
 import threading
 import time
 import uuid
+import weakref
 from typing import Callable, Protocol, Union
 
 from ordanis_veltrane.config import ToolsConfig
@@ -57,6 +59,8 @@ __all__ = [
 logger: logging.Logger = logging.getLogger(__name__)
 
 Target = Union[Repository, str, "os.PathLike[str]"]
+# Up to this many usage keys, the usage document is rewritten at every sync that sent something.
+SMALL_STORE_KEYS = 1000
 
 
 class HealthHandle(Protocol):
@@ -135,6 +139,7 @@ class SharedHealth:
         self._sync_lock = threading.Lock()
         self._outage_since: float | None = None
         self._closed = False
+        _open_handles.add(self)
 
     @property
     def connected(self) -> bool:
@@ -192,7 +197,9 @@ class SharedHealth:
         self._take_in(pulled)
         if self.on_synced is not None:
             self.on_synced(self)
-        self._write_mirror(force=False)
+        # A small store's plain tables are kept current at every sync that sent something (a host
+        # may end with a last sync and no close); a large one's at most every mirror period.
+        self._write_mirror(force=bool(sent) and len(self.tracker._usage) <= SMALL_STORE_KEYS)
         return sent
 
     def _write_mirror(self, force: bool) -> None:
@@ -213,3 +220,16 @@ class SharedHealth:
         """Moves each record to the merged totals, under the tracker's lock; a tool or usage key this
         process has not seen is inserted when the registry knows it."""
         self.tracker._apply_changes(pulled.tools, pulled.usage, health.time.time())  # the tracker's own clock
+
+
+# Handles not closed yet: a host that ends with a last sync instead of close() still leaves the
+# plain tables up to date when the interpreter exits.
+_open_handles: "weakref.WeakSet[SharedHealth]" = weakref.WeakSet()
+
+
+@atexit.register
+def _write_mirrors_at_exit() -> None:
+    for handle in list(_open_handles):
+        with handle._sync_lock:
+            if not handle._closed and not handle.pending and handle._outage_since is None:
+                handle._write_mirror(force=True)
