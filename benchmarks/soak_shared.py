@@ -3,6 +3,7 @@
     PYTHONPATH=src python benchmarks/soak_shared.py                 # 8 processes x 4 threads, 60 s per store
     PYTHONPATH=src python benchmarks/soak_shared.py --quick         # 10 s per store
     PYTHONPATH=src python benchmarks/soak_shared.py --stores sqlite --duration 120 --processes 4
+    PYTHONPATH=src python benchmarks/soak_shared.py --quick --stores pgbouncer
 
 For each store (a SQLite file, then a throwaway PostgreSQL server), N worker processes with M
 threads each record tool calls as fast as a 1 ms pause per call lets them and sync every
@@ -252,14 +253,19 @@ def soak(target: str, args: argparse.Namespace, cluster: Any, workdir: Path) -> 
 def stores(names: list[str]) -> Iterator[tuple[str, Any]]:
     if "sqlite" in names:
         yield str(Path(tempfile.mkdtemp(prefix="soak-")) / "shared.db"), None
-    if "postgres" in names:
-        from pgcluster import PgCluster
+    for name in ("postgres", "pgbouncer"):
+        if name not in names:
+            continue
+        from pgcluster import PgBouncer, PgCluster
 
         cluster = PgCluster()
         cluster.start()
+        bouncer = PgBouncer(cluster) if name == "pgbouncer" else None
         try:
-            yield cluster.url, cluster
+            yield (cluster.url if bouncer is None else bouncer.url(cluster.url)), cluster
         finally:
+            if bouncer is not None:
+                bouncer.stop()
             cluster.remove()
 
 
@@ -276,7 +282,9 @@ def main() -> None:
     parser.add_argument("--period", type=float, default=0.5, help="seconds between syncs of a worker")
     parser.add_argument("--kill-every", type=float, default=3.0, help="mean seconds between two kills")
     parser.add_argument("--outage", type=float, default=3.0, help="seconds the PostgreSQL server is down")
-    parser.add_argument("--stores", nargs="+", default=["sqlite", "postgres"], choices=["sqlite", "postgres"])
+    parser.add_argument("--stores", nargs="+", default=["sqlite", "postgres"],
+                        choices=["sqlite", "postgres", "pgbouncer"],
+                        help="pgbouncer: PostgreSQL reached through PgBouncer in transaction-pooling mode")
     parser.add_argument("--seed", type=int, default=1)
     args = parser.parse_args()
     if args.quick:

@@ -13,7 +13,7 @@ from typing import Any, Callable, Iterator
 
 import pytest
 from conftest import FakeClock, child_env, make_registry
-from pgcluster import pg_cluster, pg_url  # noqa: F401 - fixtures
+from pgcluster import pg_bouncer, pg_bouncer_url, pg_cluster, pg_url  # noqa: F401 - fixtures
 
 from ordanis_veltrane import sharing
 from ordanis_veltrane.config import ToolsConfig
@@ -24,14 +24,25 @@ LIMITS = ToolsConfig(disable_after_errors=3, disable_cooldown_s=60)
 Open = Callable[[], sharing.SharedHealth]
 
 
-@pytest.fixture(params=["sqlite", "postgres"])
+@pytest.fixture(params=["sqlite", "postgres", "pgbouncer"])
 def target(request: pytest.FixtureRequest, tmp_path: Path, registry: Any) -> str:
-    return str(tmp_path / "shared.db") if request.param == "sqlite" else str(request.getfixturevalue("pg_url"))
+    """A SQLite file, a PostgreSQL database, or one reached through PgBouncer in transaction-pooling mode."""
+    if request.param == "sqlite":
+        return str(tmp_path / "shared.db")
+    if request.param == "postgres":
+        return str(request.getfixturevalue("pg_url"))
+    POOLED.add(url := str(request.getfixturevalue("pg_bouncer_url")))
+    return url
+
+
+POOLED: set[str] = set()  # through PgBouncer: no connection is held between syncs
 
 
 def new_store(target: str) -> sharing.Store:
-    """The target's store; a SQLite one gives up on a locked file at once."""
-    return sharing.PostgresStore(target) if sharing.is_postgres_url(target) else sharing.SqliteStore(target, 0.05)
+    """The target's store, writing the plain tables at every sync; a SQLite one gives up on a locked file at once."""
+    if sharing.is_postgres_url(target):
+        return sharing.PostgresStore(target, mirror_every_s=0, hold_connection=target not in POOLED)
+    return sharing.SqliteStore(target, 0.05, mirror_every_s=0)
 
 
 @pytest.fixture
@@ -151,15 +162,15 @@ def test_a_lost_exchange_is_applied_once(target: str, commits: bool, monkeypatch
     store = new_store(target)
     real_exchange, lost = store.exchange, []
 
-    def exchange(pid: str, batches: list[sharing.Batch], seen: int) -> sharing.Pulled:
+    def exchange(pid: str, batches: list[sharing.Batch]) -> sharing.Pulled:
         if batches and not lost:  # fails after the commit (the answer never came) or before it
             lost.append(True)
             for batch in batches:
                 batch.maybe_applied = True
             if commits:
-                real_exchange(pid, batches, seen)
+                real_exchange(pid, batches)
             raise ConnectionError("connection lost")
-        return real_exchange(pid, batches, seen)
+        return real_exchange(pid, batches)
 
     monkeypatch.setattr(store, "exchange", exchange)
     handle = sharing.SharedHealth(store, LIMITS)
@@ -193,6 +204,9 @@ def test_a_store_down_then_back_loses_nothing_and_logs_once_per_process(
         call(b.tracker)
         assert a.sync() == b.sync() == 0
     back()
+    deadline = time.monotonic() + 20  # PgBouncer lets its clients in again a moment after the server is back
+    while not (a.sync() + b.sync() and a.connected and b.connected) and time.monotonic() < deadline:
+        time.sleep(0.2)
     for h in (a, b, a, b):
         h.sync()
     assert a.tracker._state["a"].call_count == b.tracker._state["a"].call_count == 11
@@ -209,13 +223,13 @@ def test_joining_lowers_nothing_and_keeps_the_history_of_tools_it_does_not_know(
         call(old.tracker)
     call(old.tracker, "search", ok=False)
     call(old.tracker, "b")
-    bad = "bad\udc80"  # a lone surrogate: no store's text can carry it, and it blocks nothing else
+    bad = "bad\udc80"  # a lone surrogate: no store's text can carry it; stored as U+FFFD, it blocks nothing else
     call(old.tracker, bad)
     old.tracker.record_call("search", "\udc80", "ok", alias_hit=False, duration_ms=1.0)
     old.tracker.record_error("c", "message \udc80")
     old.sync()
     before = stored(target)
-    assert old.connected and bad not in before[0] and before[0]["c"][:3] == (1, 1, "message \\udc80")
+    assert old.connected and before[0]["bad\ufffd"][:2] == (1, 0) and before[0]["c"][:3] == (1, 1, "message \ufffd")
     monkeypatch.setattr(health, "TOOLS", make_registry({"a": (), "search": ()}))  # a newer build without "b"
     new = open_handle()
     old.sync()
@@ -306,14 +320,118 @@ def test_the_example_server_refuses_a_bad_db_before_it_starts(bad: str, capsys: 
     assert "argument --db:" in capsys.readouterr().err
 
 
-def test_changes_whose_marks_were_cleared_are_sent_by_a_later_full_scan(
-        open_handle: Open, target: str, monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(sharing, "FULL_SCAN_EVERY", 3)
-    handle = open_handle()  # its first sync copies every record
-    call(handle.tracker)
-    handle.tracker.flush()  # a stray flush clears the marks the sync relies on
+SKEWED = """
+import sys
+from ordanis_veltrane import sharing
+from ordanis_veltrane.config import ToolsConfig
+from ordanis_veltrane.tool_handlers import health
+from ordanis_veltrane.tool_registry import ToolRegistry, ToolSpec
+health.TOOLS = ToolRegistry({name: ToolSpec(name, []) for name in "ab"})
+handle = sharing.open_health(sys.argv[1], ToolsConfig(disable_after_errors=3, disable_cooldown_s=60))
+t = handle.tracker
+assert t._state["a"].disabled_at is not None
+# A clock ahead has seen the cooldown run out: here only. One behind waits for its whole cooldown.
+assert t.is_disabled("a")[0] is sys.argv[2].startswith("-")
+for _ in range(3):
+    t.record_error("b", "down")
+handle.close()
+"""
+
+
+@pytest.mark.parametrize("skew", ["+1d", "+365d", "-1d"])
+def test_a_skewed_clock_neither_enables_nor_pins_a_tool_for_the_others(
+        open_handle: Open, target: str, clock: Any, skew: str) -> None:
+    clock.now = time.time()
+    a = open_handle()
+    for _ in range(3):
+        call(a.tracker, "a", ok=False)
+    a.sync()
+    subprocess.run(["faketime", "-f", skew, sys.executable, "-c", SKEWED, target, skew], env=child_env(), check=True,
+                   timeout=120)
+    a.sync()
+    assert a.tracker.is_disabled("a")[0] and stored(target)[0]["a"][3] is not None
+    # b was disabled by the skewed process: from now (PostgreSQL: the server's clock) for a cooldown at most; on
+    # SQLite, with no clock but the writers', a disable from a clock behind lands with its cooldown already over.
+    if skew == "-1d" and not sharing.is_postgres_url(target):
+        assert a.tracker.is_disabled("b") == (False, None)
+    else:
+        assert a.tracker.is_disabled("b")[0] and abs(a.tracker._state["b"].disabled_at - time.time()) < 30
+    b = open_handle()
+    clock.advance(61)
+    for h in (a, b):
+        assert h.tracker.is_disabled("b") == (False, None) and h.tracker.is_disabled("a") == (False, None)
+    call(a.tracker, "a")  # a success enables for everyone
+    a.sync()
+    b.sync()
+    assert b.tracker._state["a"].disabled_at is None and stored(target)[0]["a"][3] is None
+
+
+def test_a_broken_store_repairs_itself(open_handle: Open, target: str, caplog: pytest.LogCaptureFixture) -> None:
+    """Tables emptied, then dropped, then (SQLite) the file deleted: the next sync carries on, and
+    every change made meanwhile reaches the store."""
+    a = open_handle()
+    call(a.tracker)
+    a.sync()
+    for damage, tool in (("TRUNCATE", "b"), ("DROP", "c"), ("DELETE", "search")):
+        if sharing.is_postgres_url(target):
+            if damage == "DELETE":
+                continue
+            import psycopg
+
+            with psycopg.connect(target, autocommit=True) as conn:
+                tables = "sv_meta, sv_process, sv_health, sv_usage, tool_health, schema_info"
+                conn.execute(f"TRUNCATE {tables}" if damage == "TRUNCATE" else f"DROP TABLE {tables}")
+        elif damage == "DELETE":
+            for side in ("", "-wal", "-shm"):
+                Path(target + side).unlink(missing_ok=True)
+        else:
+            with sqlite3.connect(target) as conn2:
+                for table in ("sv_meta", "sv_process", "sv_health", "sv_usage", "tool_health", "schema_info"):
+                    conn2.execute(f"DELETE FROM {table}" if damage == "TRUNCATE" else f"DROP TABLE {table}")
+        call(a.tracker, tool)  # made while the store is broken: kept, and written once it is repaired
+        a.sync()
+        call(a.tracker, tool)
+        a.sync()
+        assert a.connected and stored(target)[0][tool][0] == 2, damage
+        b = open_handle()
+        call(a.tracker, tool, ok=False)
+        a.sync()
+        b.sync()
+        assert b.tracker._state[tool].call_count == a.tracker._state[tool].call_count == 3
+    replaced = any("deleted or replaced" in r.getMessage() for r in caplog.records)
+    assert replaced is not sharing.is_postgres_url(target)
+
+
+def test_a_frozen_server_costs_a_sync_seconds_and_one_log_line(pg_cluster: Any, pg_url: str, registry: Any,
+                                                               caplog: pytest.LogCaptureFixture) -> None:
+    import os
+    import signal
+
+    handle = sharing.SharedHealth(sharing.PostgresStore(pg_url, exchange_timeout_s=1.5), LIMITS)
     handle.sync()
+    postmaster = int((pg_cluster.data / "postmaster.pid").read_text().split()[0])
+    frozen = [postmaster] + [int(p) for p in os.listdir("/proc") if p.isdigit() and _parent(int(p)) == postmaster]
+    try:
+        for pid in frozen:
+            os.kill(pid, signal.SIGSTOP)
+        for _ in range(3):
+            call(handle.tracker)
+            started = time.monotonic()
+            assert handle.sync() == 0 and time.monotonic() - started < 5
+    finally:
+        for pid in frozen:
+            os.kill(pid, signal.SIGCONT)
     handle.sync()
-    assert "a" not in stored(target)[0]
-    handle.sync()
-    assert totals(target, "a") == (1, 1)
+    assert handle.connected
+    handle.close()
+    assert totals(pg_url, "a") == (3, 3)
+    noise = [r.getMessage() for r in caplog.records if r.levelname == "WARNING"]
+    assert len(noise) == 2 and "Could not reach" in noise[0] and "reachable again" in noise[1], noise
+
+
+def _parent(pid: int) -> int:
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            return int(f.read().rsplit(")", 1)[1].split()[1])
+    except (OSError, ValueError, IndexError):
+        return -1

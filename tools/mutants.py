@@ -101,6 +101,11 @@ MUTANTS = [
       "PyTuple_Pack(6, name, errors_obj.get(), calls_obj.get(), last.get(),", "health-row-counts-swapped"),
     m("history.cpp", "        r.total_ms = round_half_even(total, 3);", "        r.total_ms = total;",
       "document-unrounded"),
+    # A shared tracker's change-set and the merged totals it takes in.
+    m("changes.cpp", "} else if ((s->events & kSucceeded) && !s->has_disabled_at && s->synced_has_disabled) {",
+      "} else if (!s->has_disabled_at && s->synced_has_disabled) {", "cooldown-enable-shared"),
+    m("changes.cpp", "        if (news && !pending) {", "        if (news) {", "merged-disable-over-local-one"),
+    m("changes.cpp", "    u->synced_calls = u->calls;\n", "", "usage-increment-sent-twice"),
     # The usage document writer and fast reader.
     m("document.cpp", "unit(0xdc00 | (v & 0x3ff));", "unit(0xdc00 | ((v >> 10) & 0x3ff));", "writer-low-surrogate"),
     m("document.cpp", "fraction % 100 == 0 ? 2 : fraction % 10 == 0 ? 3 : 4;", "fraction % 100 == 0 ? 2 : 4;",

@@ -23,13 +23,29 @@ struct ToolStateObject {
     double disabled_at;
     double updated_at;
     bool has_disabled_at;
+    // Bookkeeping of a shared tracker's sync (changes.cpp), invisible to the
+    // record's fields: what the store last acknowledged, and what happened
+    // here since the last change-set was taken.
+    bool synced_has_disabled;
+    uint8_t events;  // kDisabledHere | kSucceeded
+    int64_t synced_calls;
+    int64_t synced_errors;
+    double synced_disabled_at;
 };
+
+// ToolStateObject::events: an error here disabled the tool; a call succeeded here.
+constexpr uint8_t kDisabledHere = 1;
+constexpr uint8_t kSucceeded = 2;
 
 struct UsageObject {
     PyObject_HEAD
     int64_t calls;
     int64_t timed_calls;
     double total_ms;
+    // What the shared store last acknowledged (changes.cpp).
+    int64_t synced_calls;
+    int64_t synced_timed;
+    double synced_total;
 };
 
 inline bool is_native_state(ModuleState* st, PyObject* rec) noexcept {

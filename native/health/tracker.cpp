@@ -208,6 +208,7 @@ static PyObject* record_success_locked(ModuleState* st, TrackerObject* self, PyO
         s->has_disabled_at = false;
         if (wall_clock(st, self->module, &now) < 0) return nullptr;
         s->updated_at = now;
+        s->events = static_cast<uint8_t>((s->events | kSucceeded) & ~kDisabledHere);
     } else {
         Ref zero(PyLong_FromLong(0));
         if (!zero || increment_attr(rec.get(), st->s_call_count) < 0 ||
@@ -248,6 +249,7 @@ static PyObject* record_error_locked(ModuleState* st, TrackerObject* self, PyObj
         if (reached) {
             s->disabled_at = now;
             s->has_disabled_at = true;
+            s->events = static_cast<uint8_t>((s->events | kDisabledHere) & ~kSucceeded);
         }
     } else {
         PyObject* r = rec.get();
@@ -298,6 +300,9 @@ static PyObject* record_call_locked(ModuleState* st, TrackerObject* self, PyObje
         }
     }
     self->usage_dirty.set(true);
+    // A shared tracker marks the key itself too (changes.cpp).
+    Ref changed = load_field(self, &TrackerObject::changed);
+    if (changed && PySet_Add(changed.get(), key) < 0) return nullptr;
     Py_RETURN_NONE;
 }
 
@@ -484,6 +489,7 @@ static int tracker_traverse(PyObject* op, visitproc visit, void* arg) {
     Py_VISIT(self->state);
     Py_VISIT(self->dirty);
     Py_VISIT(self->usage);
+    Py_VISIT(self->changed);
     return 0;
 }
 
@@ -496,6 +502,7 @@ static int tracker_clear(PyObject* op) {
     Py_CLEAR(self->state);
     Py_CLEAR(self->dirty);
     Py_CLEAR(self->usage);
+    Py_CLEAR(self->changed);
     Py_CLEAR(self->module);
     return 0;
 }
@@ -668,6 +675,16 @@ static PyMethodDef tracker_methods[] = {
     {"get_health_summary", tracker_get_health_summary, METH_NOARGS,
      "get_health_summary($self, /)\n--\n\n"
      "Every known tool's health, most errors first, each with its usage rows."},
+    {"_take_changes", tracker_take_changes, METH_NOARGS,
+     "_take_changes($self, /)\n--\n\n"
+     "What changed since the last call, as increments, with the marks cleared:\n"
+     "(tools, usage). The first call turns per-key change marks on."},
+    {"_apply_changes", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_apply_changes)),
+     METH_FASTCALL,
+     "_apply_changes($self, tools, usage, now, /)\n--\n\n"
+     "Moves each record to a shared store's merged totals: rows (name, calls, errors,\n"
+     "last_error, disabled_at, updated_at) and (tool, action, outcome, alias_hit,\n"
+     "calls, timed_calls, total_ms); inserts those the registry knows."},
     {"_usage_rows", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_usage_rows)),
      METH_FASTCALL | METH_KEYWORDS,
      "_usage_rows($self, tool_name)\n--\n\n"

@@ -24,6 +24,7 @@ struct TrackerObject {
     PyObject* dirty;    // _dirty: set of tool names
     PyObject* usage;    // _usage: (tool, action, outcome, alias_hit) -> _Usage
     PyObject* weakrefs;
+    PyObject* changed;  // usage keys counted since the last _take_changes; null until its first call
     Flag usage_dirty;   // _usage_dirty
     Flag ready;         // __init__ has set the fields
 };
@@ -50,6 +51,8 @@ PyObject* tracker_flush_health(PyObject* self, PyObject* unused);
 PyObject* tracker_flush_usage(PyObject* self, PyObject* unused);
 PyObject* tracker_has_unsaved_changes(PyObject* self, void* unused);
 PyObject* tracker_get_health_summary(PyObject* self, PyObject* unused);
+PyObject* tracker_take_changes(PyObject* self, PyObject* unused);
+PyObject* tracker_apply_changes(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* tracker_usage_rows(PyObject* self, PyObject* const* args, Py_ssize_t nargs,
                              PyObject* kwnames);
 

@@ -1,21 +1,34 @@
 """The shared stores: a SQLite file for the processes of one machine, PostgreSQL for many machines.
 
 Each applies a process's batches of increments at most once (a ledger row per process holds the
-last sequence applied, advanced in the same transaction), merges them into the shared totals,
-rewrites the mirror tables that a plain tracker keeps, and answers the totals changed since a
-version, all of it in one transaction.
+last sequence applied, advanced in the same transaction), merges them into the shared totals
+(``sv_health``, ``sv_usage``) and answers the totals changed since the process's cursor, all in
+one transaction. What one sync writes is proportional to what changed: the changed rows, the
+ledger row, and the ``tool_health`` rows of the tools that changed.
+
+The ``tool_usage`` document of ``schema_info``, which a plain tracker reads, holds every usage
+key, so it is written apart from the syncs: by one process at a time, at most every
+``MIRROR_EVERY_S`` seconds while counts change, and by each process as it closes.
+
+Exactly once: a batch is applied in the transaction that advances the process's ledger row past
+its sequence, so a batch whose acknowledgement was lost is recognised by its sequence and skipped
+when it is sent again (the process re-sends it unchanged, ``Batch.maybe_applied``).
 """
 from __future__ import annotations
 
 import json
 import logging
+import os
+import socket
 import sqlite3
+import threading
 import time
-from typing import TYPE_CHECKING, Any, Protocol, Sequence
-from urllib.parse import urlsplit
+from typing import TYPE_CHECKING, Any, Callable, Protocol, Sequence, TypeVar
 
 from ordanis_veltrane.repository import SCHEMA
 from ordanis_veltrane.sharing.batches import Batch, Combined, Pulled, ToolChange, UsageKey, combine, usage_key_text
+from ordanis_veltrane.sharing.batches import clean_key, clean_message, clean_name
+from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_handlers import health
 
 if TYPE_CHECKING:
@@ -23,10 +36,17 @@ if TYPE_CHECKING:
 
 logger: logging.Logger = logging.getLogger("ordanis_veltrane.sharing")
 
-_ZERO_USAGE = (0, 0, 0.0)
-_NO_STAMP = -1e308  # the order key of a register nobody has written
+_NO_STAMP = -1e308  # the stamp of a register nobody has written
 SQLITE_BUSY_TIMEOUT_S = 2.0
 PG_CONNECT_TIMEOUT_S = 3
+PG_STATEMENT_TIMEOUT_MS = 5000
+# A server that accepts the connection and then answers nothing (stopped, not down) costs a sync
+# at most this long: the connection is cut from the client's side.
+PG_EXCHANGE_TIMEOUT_S = 6.0
+MIRROR_EVERY_S = 30.0
+# A writer whose clock is further than this from the store's has its times moved onto the store's.
+SKEW_TOLERANCE_S = 2.0
+_T = TypeVar("_T")
 
 
 def document_prefix(tool: str, action: str | None, outcome: str, alias_hit: bool) -> str:
@@ -36,68 +56,81 @@ def document_prefix(tool: str, action: str | None, outcome: str, alias_hit: bool
             f'"alias_hit":{"true" if alias_hit else "false"},')
 
 
-def document_row(prefix: str, calls: int, timed_calls: int, total_ms: float) -> str:
-    return f'{prefix}"calls":{calls},"timed_calls":{timed_calls},"total_ms":{round(total_ms, 3)!r}}}'
+def usage_document(rows: Sequence[Sequence[Any]]) -> str:
+    """The usage document of (tool, action, outcome, alias_hit, calls, timed_calls, total_ms) rows."""
+    return "[" + ",".join(
+        f'{document_prefix(r[0], r[1], r[2], bool(r[3]))}"calls":{int(r[4])},"timed_calls":{int(r[5])},'
+        f'"total_ms":{round(float(r[6]), 3)!r}}}' for r in rows) + "]"
 
 
-def health_params(pid: str, version: int, name: str, c: ToolChange) -> tuple[Any, ...]:
-    err = c.err_ts is not None
-    dis = c.dis_ts is not None
-    return (name, c.calls, c.errors,
-            c.last_error if err else None, c.err_ts if err else _NO_STAMP, pid if err else "", c.err_seq if err else 0,
-            c.disabled_at if dis else None, c.dis_ts if dis else _NO_STAMP, pid if dis else "", c.dis_seq if dis else 0,
-            c.updated_at, version)
+def shift(t: float, skew: float, now: float) -> float:
+    """A time a writer stamped, on the store's clock: moved by the writer's skew when it is more
+    than ``SKEW_TOLERANCE_S`` off the store's clock, and never ahead of the store's clock."""
+    return min(t + skew if abs(skew) > SKEW_TOLERANCE_S else t, now)
+
+
+def health_params(pid: str, version: int, now: float, skew: float, name: str, c: ToolChange) -> tuple[Any, ...]:
+    """One merge row. ``err_seq`` and ``dis_seq`` of the row carry what the change does to the two
+    registers (1: last_error written; 1: disabled, 2: enabled); times are on the store's clock."""
+    err, dis = c.err, c.dis_op
+    disabled_at = shift(c.disabled_at, skew, now) if dis == 1 and c.disabled_at is not None else None
+    return (name, c.calls, c.errors, c.last_error if err else None, now if err else _NO_STAMP,
+            pid if err else "", 1 if err else 0, disabled_at, now if dis else _NO_STAMP, pid if dis else "",
+            dis, shift(c.updated_at, skew, now), version)
 
 
 def usage_params(version: int, combined: Combined) -> list[tuple[Any, ...]]:
-    rows = []
-    for key, (calls, timed, total) in combined.usage.items():
-        text = usage_key_text(key)
-        if text is not None:
-            rows.append((text, key[0], key[1], key[2], key[3], int(calls), int(timed), float(total), version))
-    return rows
+    return [(usage_key_text(key), key[0], key[1], key[2], key[3], int(calls), int(timed), float(total), version)
+            for key, (calls, timed, total) in combined.usage.items()]
 
 
-def _register(column: str) -> str:
-    """The SET clauses of one last-writer-wins register: taken when the incoming order key is greater."""
-    newer = (f"(excluded.{column}_ts, excluded.{column}_pid, excluded.{column}_seq) > "
-             f"(sv_health.{column}_ts, sv_health.{column}_pid, sv_health.{column}_seq)")
-    value = "last_error" if column == "err" else "disabled_at"
-    return ",\n".join(f"{c} = CASE WHEN {newer} THEN excluded.{c} ELSE sv_health.{c} END"
-                      for c in (value, f"{column}_ts", f"{column}_pid", f"{column}_seq"))
+HEALTH_COLUMNS = ("tool, call_count, error_count, last_error, err_ts, err_pid, err_seq, disabled_at, dis_ts, "
+                  "dis_pid, dis_seq, updated_at, version")
+USAGE_COLUMNS = "ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version"
 
 
-def merge_health_sql(placeholders: str, greatest: str) -> str:
-    """The upsert that merges one tool's increments: sums, and the two registers by their order key."""
-    return f"""INSERT INTO sv_health (tool, call_count, error_count, last_error, err_ts, err_pid, err_seq,
-                       disabled_at, dis_ts, dis_pid, dis_seq, updated_at, version)
-{placeholders}
+def merge_health_sql(rows: str, greatest: str, extra: str = "") -> str:
+    """Counts are summed; a register is overwritten by the change that carries it, so the last
+    change applied wins (each row's updates follow commit order: the row lock orders them)."""
+    def register(flag: str, columns: tuple[str, ...]) -> str:
+        return ",\n".join(f"{c} = CASE WHEN excluded.{flag} > 0 THEN excluded.{c} ELSE sv_health.{c} END"
+                           for c in columns)
+    return f"""INSERT INTO sv_health ({HEALTH_COLUMNS}{extra and ', ' + extra})
+{rows}
 ON CONFLICT (tool) DO UPDATE SET
 call_count = sv_health.call_count + excluded.call_count,
 error_count = sv_health.error_count + excluded.error_count,
-{_register("err")},
-{_register("dis")},
+{register("err_seq", ("last_error", "err_ts", "err_pid"))},
+err_seq = sv_health.err_seq + excluded.err_seq,
+disabled_at = CASE excluded.dis_seq WHEN 1 THEN excluded.disabled_at WHEN 2 THEN NULL ELSE sv_health.disabled_at END,
+dis_ts = CASE WHEN excluded.dis_seq > 0 THEN excluded.dis_ts ELSE sv_health.dis_ts END,
+dis_pid = CASE WHEN excluded.dis_seq > 0 THEN excluded.dis_pid ELSE sv_health.dis_pid END,
+dis_seq = sv_health.dis_seq + CASE WHEN excluded.dis_seq > 0 THEN 1 ELSE 0 END,
 updated_at = {greatest}(sv_health.updated_at, excluded.updated_at),
-version = excluded.version"""
+version = excluded.version{extra and ', ' + extra + ' = excluded.' + extra}"""
 
 
-def merge_usage_sql(placeholders: str) -> str:
-    return f"""INSERT INTO sv_usage (ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version)
-{placeholders}
+def merge_usage_sql(rows: str, extra: str = "") -> str:
+    return f"""INSERT INTO sv_usage ({USAGE_COLUMNS}{extra and ', ' + extra})
+{rows}
 ON CONFLICT (ukey) DO UPDATE SET
 calls = sv_usage.calls + excluded.calls,
 timed_calls = sv_usage.timed_calls + excluded.timed_calls,
 total_ms = sv_usage.total_ms + excluded.total_ms,
-version = excluded.version"""
+version = excluded.version{extra and ', ' + extra + ' = excluded.' + extra}"""
 
 
 class Store(Protocol):
     """A shared store: ``exchange`` applies the batches it has not seen from ``pid`` and answers
-    the totals changed since ``seen`` (all of it in one transaction); ``close`` lets go of it."""
+    the totals changed since this store object's last exchange (all in one transaction);
+    ``write_mirror`` writes the usage document when due (``force``: whenever it is behind);
+    ``close`` lets go of it."""
 
     description: str
 
-    def exchange(self, pid: str, batches: Sequence[Batch], seen: int) -> Pulled: ...
+    def exchange(self, pid: str, batches: Sequence[Batch]) -> Pulled: ...
+
+    def write_mirror(self, force: bool = False) -> bool: ...
 
     def close(self) -> None: ...
 
@@ -109,7 +142,7 @@ def _parse_usage_document(text: Any) -> list[tuple[UsageKey, int, int, float]]:
         return []
     try:
         for item in json.loads(text):
-            key = (str(item["tool"]), item["action"], str(item["outcome"]), bool(item["alias_hit"]))
+            key = clean_key((str(item["tool"]), item["action"], str(item["outcome"]), bool(item["alias_hit"])))
             # a later row with the same key replaces the earlier one, as the tracker reads it
             rows[key] = (key, int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
     except Exception as exc:
@@ -118,65 +151,40 @@ def _parse_usage_document(text: Any) -> list[tuple[UsageKey, int, int, float]]:
     return list(rows.values())
 
 
-class UsageMirror:
-    """The store's whole usage table as of ``version``, kept by the store object between exchanges:
-    the counts and the laid-out document row of every usage key, in the table's order. Holding the
-    store's write lock, an exchange reads the rows that changed since (``PULL``: other processes'
-    work), adds its own increments, and lays out again only the rows that changed: the document is
-    written without reading the whole table."""
+def _seed_rows_from_mirror(health_rows: Sequence[Sequence[Any]], now: float) -> list[tuple[Any, ...]]:
+    rows: dict[str, tuple[Any, ...]] = {}
+    for name, calls, errors, last_error, disabled_at, updated_at in health_rows:
+        updated = min(health._epoch(updated_at) or 0.0, now)
+        disabled = health._epoch(disabled_at)
+        rows[clean_name(name)] = (
+            clean_name(name), int(calls or 0), int(errors or 0), clean_message(last_error),
+            updated if last_error is not None else _NO_STAMP, "", 0,
+            None if disabled is None else min(disabled, now), updated if disabled is not None else _NO_STAMP, "",
+            0, updated, 1)
+    return list(rows.values())
 
-    PULL = ("SELECT ukey, tool, action, outcome, alias_hit, calls, timed_calls, total_ms, version FROM sv_usage "
-            "WHERE version > {p} ORDER BY {order}")
 
-    def __init__(self) -> None:
-        self.version = 0
-        self.counts: dict[str, tuple[int, int, float]] = {}
-        self.prefix: dict[str, str] = {}
-        self.rows: dict[str, str] = {}
+class _MirrorClock:
+    """When this process next looks whether the usage document is due (a local timer, so that the
+    processes of a fleet do not all ask the store at every sync)."""
 
-    def merge(
-        self, pulled: Sequence[Sequence[Any]], written: Combined, seen: int
-    ) -> tuple[list[tuple[UsageKey, int, int, float]], dict[str, tuple[int, int, float]], dict[str, str]]:
-        """From the rows read before this exchange's writes and its increments: the merged rows the
-        handle must take in (those changed by others since ``seen``), and the new counts and layout."""
-        fresh: dict[str, tuple[UsageKey, tuple[int, int, float]]] = {}
-        usage: list[tuple[UsageKey, int, int, float]] = []
-        increments = {usage_key_text(key): (key, counts) for key, counts in written.usage.items()}
-        for r in pulled:
-            key: UsageKey = (r[1], r[2], r[3], bool(r[4]))
-            values = (int(r[5]), int(r[6]), float(r[7]))
-            mine = increments.pop(r[0], None)
-            if mine is not None:
-                values = (values[0] + int(mine[1][0]), values[1] + int(mine[1][1]), values[2] + float(mine[1][2]))
-            fresh[r[0]] = (key, values)
-            if r[8] > seen:
-                usage.append((key, *values))
-        for ukey, (key, (calls, timed, total)) in increments.items():  # rows only this process changed
-            if ukey is None:
-                continue
-            old = self.counts.get(ukey, _ZERO_USAGE)
-            fresh[ukey] = (key, (old[0] + int(calls), old[1] + int(timed), old[2] + float(total)))
-        counts, rows, prefixes = self.counts.copy(), self.rows.copy(), self.prefix
-        for ukey, (key, new) in fresh.items():  # new keys go to the end, in the table's order
-            prefix = prefixes.get(ukey)
-            if prefix is None:
-                prefix = prefixes[ukey] = document_prefix(*key)
-            counts[ukey] = new
-            rows[ukey] = document_row(prefix, *new)
-        return usage, counts, rows
+    def __init__(self, every_s: float) -> None:
+        self.every_s = every_s
+        self.next_at = time.monotonic() + every_s * 0.5
 
-    def document(self, rows: dict[str, str]) -> str:
-        return "[" + ",".join(rows.values()) + "]"
-
-    def commit(self, version: int, counts: dict[str, tuple[int, int, float]], rows: dict[str, str]) -> None:
-        self.version, self.counts, self.rows = version, counts, rows
+    def due(self) -> bool:
+        if time.monotonic() < self.next_at:
+            return False
+        self.next_at = time.monotonic() + self.every_s
+        return True
 
 
 # ---------------------------------------------------------------- SQLite
 
 
 SQLITE_TABLES = (
-    """CREATE TABLE IF NOT EXISTS sv_meta (id INTEGER PRIMARY KEY CHECK (id = 1), version INTEGER NOT NULL)""",
+    """CREATE TABLE IF NOT EXISTS sv_meta (id INTEGER PRIMARY KEY CHECK (id = 1), version INTEGER NOT NULL,
+        doc_version INTEGER NOT NULL DEFAULT 0, doc_at REAL NOT NULL DEFAULT 0)""",
     """CREATE TABLE IF NOT EXISTS sv_process (
         process_id TEXT PRIMARY KEY, last_seq INTEGER NOT NULL, started_at REAL, synced_at REAL)""",
     """CREATE TABLE IF NOT EXISTS sv_health (
@@ -190,37 +198,33 @@ SQLITE_TABLES = (
         calls INTEGER NOT NULL, timed_calls INTEGER NOT NULL, total_ms REAL NOT NULL, version INTEGER NOT NULL)""",
     """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
 )
+_SQLITE_NEEDED = ("sv_meta", "sv_process", "sv_health", "sv_usage", "tool_health", "schema_info")
 
-WRITE_HEALTH = """INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
-VALUES (?, ?, ?, ?, ?, ?)
+_SQLITE_TIME = "strftime('%Y-%m-%d %H:%M:%S', {0}, 'unixepoch')"
+SQLITE_MIRROR_HEALTH = f"""INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
+SELECT tool, call_count, error_count, last_error, {_SQLITE_TIME.format("disabled_at")}, {_SQLITE_TIME.format("updated_at")}
+FROM sv_health WHERE {{where}}
 ON CONFLICT(tool_name) DO UPDATE SET call_count = excluded.call_count, error_count = excluded.error_count,
 last_error = excluded.last_error, disabled_at = excluded.disabled_at, updated_at = excluded.updated_at"""
-
-
-def _seed_rows_from_mirror(
-    health_rows: Sequence[Sequence[Any]], now: float
-) -> list[tuple[Any, ...]]:
-    rows = []
-    for name, calls, errors, last_error, disabled_at, updated_at in health_rows:
-        updated = health._epoch(updated_at) or 0.0
-        disabled = health._epoch(disabled_at)
-        rows.append((str(name), int(calls or 0), int(errors or 0), last_error,
-                     updated if last_error is not None else _NO_STAMP, "", 0,
-                     disabled, updated if disabled is not None else _NO_STAMP, "", 0, min(updated, now), 1))
-    return rows
+_USAGE_ROWS = "SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage ORDER BY {order}"
 
 
 class SqliteStore:
     """Many processes on one machine share a SQLite file. The syncing thread alone waits for the
     file's write lock (busy timeout); a lock not had in time fails the exchange, which the next
-    sync retries."""
+    sync retries. The file's identity (device and inode) is checked at every exchange: a file
+    deleted or replaced under the process is opened again, with a warning."""
 
-    def __init__(self, path: str, busy_timeout_s: float = SQLITE_BUSY_TIMEOUT_S) -> None:
+    def __init__(self, path: str, busy_timeout_s: float = SQLITE_BUSY_TIMEOUT_S,
+                 mirror_every_s: float = MIRROR_EVERY_S) -> None:
         self.path = path
         self.description = f"SQLite file {path}"
         self.busy_timeout_s = busy_timeout_s
         self._conn: sqlite3.Connection | None = None
-        self._mirror = UsageMirror()
+        self._identity: tuple[int, int] | None = None
+        self.seen = 0  # the store's version this process has taken in
+        self._mirror = _MirrorClock(mirror_every_s)
+        self.mirror_every_s = mirror_every_s
 
     def _connect(self) -> sqlite3.Connection:
         conn = sqlite3.connect(self.path, timeout=self.busy_timeout_s, isolation_level=None, check_same_thread=False)
@@ -230,81 +234,145 @@ class SqliteStore:
                 conn.execute("PRAGMA journal_mode=WAL")
             conn.execute("PRAGMA synchronous=NORMAL")
             self._create(conn)
+            st = os.stat(self.path)
         except BaseException:
             conn.close()
             raise
+        identity = (st.st_dev, st.st_ino)
+        if self._identity is not None and identity != self._identity:
+            self.seen = 0  # another file: its versions start again
+        self._identity = identity
         return conn
 
     def _create(self, conn: sqlite3.Connection) -> None:
-        if conn.execute("SELECT 1 FROM sqlite_master WHERE name = 'sv_meta'").fetchone() is not None:
-            return
+        def missing() -> bool:
+            have = {r[0] for r in conn.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
+            return not set(_SQLITE_NEEDED) <= have
+
+        if not missing():
+            columns = {r[1] for r in conn.execute("PRAGMA table_info(sv_meta)")}
+            if "doc_version" in columns:
+                if conn.execute("SELECT 1 FROM sv_meta").fetchone() is not None:
+                    return
         conn.execute("BEGIN IMMEDIATE")
         try:
-            if conn.execute("SELECT 1 FROM sqlite_master WHERE name = 'sv_meta'").fetchone() is None:
-                for statement in (*SCHEMA, *SQLITE_TABLES):
-                    conn.execute(statement)
+            fresh = conn.execute("SELECT 1 FROM sqlite_master WHERE name = 'sv_health'").fetchone() is None
+            for statement in (*SCHEMA, *SQLITE_TABLES):
+                conn.execute(statement)
+            columns = {r[1] for r in conn.execute("PRAGMA table_info(sv_meta)")}
+            for column, kind in (("doc_version", "INTEGER"), ("doc_at", "REAL")):
+                if column not in columns:  # a store made before the document was written apart
+                    conn.execute(f"ALTER TABLE sv_meta ADD COLUMN {column} {kind} NOT NULL DEFAULT 0")
+            if fresh:
                 # A file a plain tracker kept: its totals are where the shared history starts.
                 mirror = conn.execute("SELECT tool_name, call_count, error_count, last_error, disabled_at, updated_at "
                                       "FROM tool_health").fetchall()
                 conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
                                  _seed_rows_from_mirror(mirror, time.time()))
                 doc = conn.execute("SELECT value FROM schema_info WHERE key = ?", (health.TOOL_USAGE_KEY,)).fetchone()
-                usage = [(usage_key_text(k), *k, c, t, ms, 1) for k, c, t, ms in
-                         _parse_usage_document(doc[0] if doc else None)]
                 conn.executemany(merge_usage_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-                                 [row for row in usage if row[0] is not None])
-                conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1)")
+                                 [(usage_key_text(k), *k, c, t, ms, 1)
+                                  for k, c, t, ms in _parse_usage_document(doc[0] if doc else None)])
+            conn.execute("INSERT OR IGNORE INTO sv_meta (id, version) "
+                         "VALUES (1, (SELECT coalesce(max(version), 0) + 1 FROM sv_usage))")
             conn.execute("COMMIT")
         except BaseException:
             if conn.in_transaction:
                 conn.rollback()
             raise
 
-    def exchange(self, pid: str, batches: Sequence[Batch], seen: int) -> Pulled:
+    def _open(self) -> sqlite3.Connection:
+        if self._conn is not None:
+            try:
+                st = os.stat(self.path)
+                replaced = (st.st_dev, st.st_ino) != self._identity
+            except FileNotFoundError:
+                replaced = True
+            if replaced:
+                logger.warning("The %s was deleted or replaced under this process; opening it again",
+                               self.description)
+                self._abandon()
         if self._conn is None:
             self._conn = self._connect()
-        conn = self._conn
+        return self._conn
+
+    def _run(self, work: Callable[[sqlite3.Connection], _T]) -> _T:
+        """``work`` in a connection; a store whose tables went missing is made again and tried once more."""
+        for attempt in (0, 1):
+            conn = self._open()
+            try:
+                return work(conn)
+            except sqlite3.OperationalError as exc:
+                self._abandon()
+                if attempt or "no such table" not in str(exc):
+                    raise
+                logger.warning("The %s lost its tables (%s); making them again", self.description, exc)
+            except BaseException:
+                self._abandon()
+                raise
+        raise AssertionError("unreachable")
+
+    def exchange(self, pid: str, batches: Sequence[Batch]) -> Pulled:
+        return self._run(lambda conn: self._exchange(conn, pid, batches))
+
+    def _exchange(self, conn: sqlite3.Connection, pid: str, batches: Sequence[Batch]) -> Pulled:
+        conn.execute("BEGIN IMMEDIATE" if batches else "BEGIN")
+        row = conn.execute("SELECT version FROM sv_meta WHERE id = 1").fetchone()
+        version = int(row[0]) if row else 0
+        if batches:
+            row = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = ?", (pid,)).fetchone()
+            now, skew = time.time(), 0.0  # no clock but the writers': a reader takes a time ahead as its present
+            combined = combine(batches, int(row[0]) if row else 0)
+            if combined.tools or combined.usage:
+                version += 1
+                conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, ?) "
+                             "ON CONFLICT (id) DO UPDATE SET version = excluded.version", (version,))
+                conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
+                                 [health_params(pid, version, now, skew, n, c) for n, c in sorted(combined.tools.items())])
+                conn.executemany(merge_usage_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+                                 usage_params(version, combined))
+                if combined.tools:
+                    conn.execute(SQLITE_MIRROR_HEALTH.format(where="version = ?"), (version,))
+            conn.execute("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) VALUES (?, ?, ?, ?) "
+                         "ON CONFLICT (process_id) DO UPDATE SET last_seq = excluded.last_seq, "
+                         "synced_at = excluded.synced_at", (pid, combined.last_seq, now, now))
+        seen = self.seen if version >= self.seen else 0  # a version behind ours: the store was emptied
+        tools = conn.execute("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
+                             "FROM sv_health WHERE version > ?", (seen,)).fetchall()
+        usage = conn.execute("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                             "WHERE version > ?", (seen,)).fetchall()
+        for batch in batches:
+            batch.maybe_applied = True
+        conn.execute("COMMIT")
+        self.seen = version
+        return Pulled(tools, usage)
+
+    def write_mirror(self, force: bool = False) -> bool:
+        """The usage document (and every tool_health row) when the store has changed since it was
+        last written, and it was written ``mirror_every_s`` ago or more (``force``: whenever)."""
+        if not force and not self._mirror.due():
+            return False
+        return self._run(lambda conn: self._write_mirror(conn, force))
+
+    def _write_mirror(self, conn: sqlite3.Connection, force: bool) -> bool:
+        conn.execute("BEGIN IMMEDIATE")
         try:
-            conn.execute("BEGIN IMMEDIATE" if batches else "BEGIN")
-            version = int(conn.execute("SELECT version FROM sv_meta WHERE id = 1").fetchone()[0])
-            mirror = self._mirror
-            since = min(seen, mirror.version)
-            # Read under the write lock, before this exchange's own writes: only other processes' work.
-            pulled = conn.execute(UsageMirror.PULL.format(p="?", order="rowid"), (since,)).fetchall()
-            combined = Combined(0, {}, {})
-            if batches:
-                row = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = ?", (pid,)).fetchone()
-                now = time.time()
-                combined = combine(batches, int(row[0]) if row else 0, now)
-                if combined.tools or combined.usage:
-                    version += 1
-                    conn.execute("UPDATE sv_meta SET version = ? WHERE id = 1", (version,))
-                    conn.executemany(merge_health_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", "max"),
-                                     [health_params(pid, version, n, c) for n, c in combined.tools.items()])
-                    conn.executemany(merge_usage_sql("VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-                                     usage_params(version, combined))
-                conn.execute("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) VALUES (?, ?, ?, ?) "
-                             "ON CONFLICT (process_id) DO UPDATE SET last_seq = excluded.last_seq, "
-                             "synced_at = excluded.synced_at", (pid, combined.last_seq, now, now))
-            tools = [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5]), int(r[6])) for r in conn.execute(
-                "SELECT tool, call_count, error_count, last_error, disabled_at, updated_at, version "
-                "FROM sv_health WHERE version > ?", (seen,))]
-            usage, counts, rows = mirror.merge(pulled, combined, seen)
-            if combined.tools:
-                conn.executemany(WRITE_HEALTH, [
-                    (name, calls, errors, err, health._sqlite_time(dis), health._sqlite_time(upd))
-                    for name, calls, errors, err, dis, upd, v in tools if v == version])
-            if combined.usage:
-                conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
-                             (health.TOOL_USAGE_KEY, mirror.document(rows)))
-            for batch in batches:
-                batch.maybe_applied = True
+            row = conn.execute("SELECT version, doc_version, doc_at FROM sv_meta WHERE id = 1").fetchone()
+            now = time.time()
+            # A time ahead of this clock counts as long ago: a fast clock cannot stop the writes.
+            if row is None or row[1] >= row[0] or not (force or not 0 <= now - row[2] < self.mirror_every_s):
+                conn.execute("COMMIT")
+                return False
+            conn.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                         (health.TOOL_USAGE_KEY, usage_document(conn.execute(_USAGE_ROWS.format(order="rowid")))))
+            conn.execute(SQLITE_MIRROR_HEALTH.format(where="version > ?"), (row[1],))
+            conn.execute("UPDATE sv_meta SET doc_version = ?, doc_at = ? WHERE id = 1", (row[0], now))
             conn.execute("COMMIT")
+            return True
         except BaseException:
-            self._abandon()
+            if conn.in_transaction:
+                conn.rollback()
             raise
-        mirror.commit(version, counts, rows)
-        return Pulled(version, [t[:6] for t in tools], usage)
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
@@ -327,6 +395,8 @@ PG_TABLES = (
         last_error TEXT, disabled_at TEXT, updated_at TEXT)""",
     """CREATE TABLE IF NOT EXISTS schema_info (key TEXT PRIMARY KEY, value TEXT)""",
     """CREATE TABLE IF NOT EXISTS sv_meta (id INTEGER PRIMARY KEY CHECK (id = 1), version BIGINT NOT NULL)""",
+    """ALTER TABLE sv_meta ADD COLUMN IF NOT EXISTS doc_xmin BIGINT NOT NULL DEFAULT 0""",
+    """ALTER TABLE sv_meta ADD COLUMN IF NOT EXISTS doc_at DOUBLE PRECISION NOT NULL DEFAULT 0""",
     """CREATE TABLE IF NOT EXISTS sv_process (
         process_id TEXT PRIMARY KEY, last_seq BIGINT NOT NULL, started_at DOUBLE PRECISION,
         synced_at DOUBLE PRECISION)""",
@@ -335,160 +405,273 @@ PG_TABLES = (
         last_error TEXT, err_ts DOUBLE PRECISION NOT NULL, err_pid TEXT COLLATE "C" NOT NULL, err_seq BIGINT NOT NULL,
         disabled_at DOUBLE PRECISION, dis_ts DOUBLE PRECISION NOT NULL, dis_pid TEXT COLLATE "C" NOT NULL,
         dis_seq BIGINT NOT NULL, updated_at DOUBLE PRECISION NOT NULL, version BIGINT NOT NULL)""",
-    """CREATE INDEX IF NOT EXISTS sv_health_version ON sv_health (version)""",
+    """ALTER TABLE sv_health ADD COLUMN IF NOT EXISTS txid BIGINT NOT NULL DEFAULT 0""",
+    """CREATE INDEX IF NOT EXISTS sv_health_txid ON sv_health (txid)""",
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit BOOLEAN NOT NULL,
         calls BIGINT NOT NULL, timed_calls BIGINT NOT NULL, total_ms DOUBLE PRECISION NOT NULL,
         version BIGINT NOT NULL, ord BIGINT GENERATED BY DEFAULT AS IDENTITY)""",
-    """CREATE INDEX IF NOT EXISTS sv_usage_version ON sv_usage (version)""",
+    """ALTER TABLE sv_usage ADD COLUMN IF NOT EXISTS txid BIGINT NOT NULL DEFAULT 0""",
+    """CREATE INDEX IF NOT EXISTS sv_usage_txid ON sv_usage (txid)""",
+    """DROP INDEX IF EXISTS sv_health_version""",  # the version column is no longer read: not worth indexing
+    """DROP INDEX IF EXISTS sv_usage_version""",
+    """INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING""",
 )
 
+_PG_NOW = "extract(epoch FROM clock_timestamp())::float8"
 _PG_TIME = "to_char(to_timestamp({0}) AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS')"
 
+# Every time is moved onto the server's clock (see shift); txid_current() stamps each row with the writing
+# transaction (see PostgresStore for how the stamps are read).
+_PG_SHIFT = ("LEAST({0} + CASE WHEN abs(" + _PG_NOW + " - w.wnow) > " + str(SKEW_TOLERANCE_S) + " THEN "
+             + _PG_NOW + " - w.wnow ELSE 0 END, " + _PG_NOW + ")")
 PG_MERGE_HEALTH = merge_health_sql(
-    "SELECT * FROM unnest(%s::text[], %s::bigint[], %s::bigint[], %s::text[], %s::float8[], %s::text[], %s::bigint[],"
-    " %s::float8[], %s::float8[], %s::text[], %s::bigint[], %s::float8[], %s::bigint[])", "GREATEST")
+    f"""SELECT tool, calls, errors, last_error, CASE WHEN err > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END,
+    w.pid, err, CASE WHEN dis = 1 THEN {_PG_SHIFT.format("disabled_at")} END,
+    CASE WHEN dis > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END, w.pid, dis, {_PG_SHIFT.format("updated_at")}, 0,
+    txid_current()
+FROM unnest(%s::text[], %s::bigint[], %s::bigint[], %s::text[], %s::int[], %s::int[], %s::float8[], %s::float8[])
+    AS u(tool, calls, errors, last_error, err, dis, disabled_at, updated_at),
+    (SELECT %s::text AS pid, %s::float8 AS wnow) w""", "GREATEST", "txid")
 PG_MERGE_USAGE = merge_usage_sql(
-    "SELECT * FROM unnest(%s::text[], %s::text[], %s::text[], %s::text[], %s::boolean[], %s::bigint[], %s::bigint[],"
-    " %s::float8[], %s::bigint[])")
-PG_MIRROR = f"""INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
+    "SELECT *, 0, txid_current() FROM unnest(%s::text[], %s::text[], %s::text[], %s::text[], %s::boolean[], "
+    "%s::bigint[], %s::bigint[], %s::float8[])", "txid")
+PG_MIRROR_HEALTH = f"""INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
 SELECT tool, call_count, error_count, last_error, {_PG_TIME.format("disabled_at")}, {_PG_TIME.format("updated_at")}
-FROM sv_health WHERE version = %s
+FROM sv_health WHERE {{where}}
 ON CONFLICT (tool_name) DO UPDATE SET call_count = excluded.call_count, error_count = excluded.error_count,
 last_error = excluded.last_error, disabled_at = excluded.disabled_at, updated_at = excluded.updated_at"""
+# The next cursor: the xmin of a snapshot taken before the reads (see PostgresStore).
+PG_CURSOR = "SELECT txid_snapshot_xmin(txid_current_snapshot())"
 PG_PULL_HEALTH = ("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
-                  "WHERE version > %s")
+                  "WHERE txid >= %s")
+PG_PULL_USAGE = ("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                 "WHERE txid >= %s")
+PG_LEDGER = ("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) VALUES (%s, %s, {now}, {now}) "
+             "ON CONFLICT (process_id) DO UPDATE SET last_seq = excluded.last_seq, synced_at = excluded.synced_at"
+             ).format(now=_PG_NOW)
 
 
 def _columns(rows: Sequence[Sequence[Any]], width: int) -> list[list[Any]]:
     return [[row[i] for row in rows] for i in range(width)]
 
 
+class _PipelineNoise(logging.Filter):
+    """psycopg logs "error ignored terminating Pipeline" at every failed exchange; the store logs
+    one line per outage instead."""
+
+    def filter(self, record: logging.LogRecord) -> bool:
+        return "error ignored terminating" not in record.getMessage()
+
+
+_noise_filter_installed = False
+
+
 class PostgresStore:
     """Processes on many machines share a PostgreSQL database (psycopg 3, the ``postgres`` extra).
 
-    A sync with changes takes two round trips: the first locks the store's version counter (so
-    that versions follow commit order) and reads the process's last applied sequence, the
-    server's clock and the usage rows other processes changed; the second, one pipeline, merges
-    every row through arrays, advances the ledger, rewrites the changed ``tool_health`` rows and
-    the usage document, reads back the changed health rows and commits. A sync without changes
-    is one round trip.
+    No lock is held across round trips and no row is written by every sync. Each write stamps its
+    rows with its transaction id (``txid_current()``); a process reads the rows stamped at or after
+    its cursor, and takes as its next cursor the xmin of a snapshot taken just before those reads.
+    Why this misses nothing: a change that a read did not see belongs to a transaction that had
+    not committed when the read's snapshot was taken, so it was running at the earlier snapshot
+    (its id is at least that snapshot's xmin), or started after it, or had no id yet (its id is at
+    least that snapshot's xmax); either way the next read, of ids >= that xmin, sees it once it has
+    committed. A row read twice is harmless: what is read is a total, and taking a total in twice
+    moves nothing. A row rewritten since carries the newer stamp and the newer total.
+
+    A sync is one round trip (a pipeline: the ledger, the merges and the commit, then the reads,
+    each in a snapshot of its own, with no row locked). Only
+    when a batch may already have been applied (its acknowledgement lost) does it first read the
+    ledger row, which no other process writes. The pooler-friendly settings: no prepared statements,
+    the statement timeout set per transaction, at most one connection, held between syncs unless
+    ``hold_connection`` is false.
     """
 
-    def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S) -> None:
+    def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S, *, hold_connection: bool = True,
+                 mirror_every_s: float = MIRROR_EVERY_S, exchange_timeout_s: float = PG_EXCHANGE_TIMEOUT_S) -> None:
         try:
             import psycopg  # noqa: F401
         except ImportError as exc:  # pragma: no cover - exercised where psycopg is missing
             raise ImportError(
                 "a postgresql:// target needs psycopg 3: install the 'postgres' extra "
                 "(pip install 'ordanis-veltrane-health[postgres]')") from exc
+        global _noise_filter_installed
+        if not _noise_filter_installed:
+            logging.getLogger("psycopg").addFilter(_PipelineNoise())
+            _noise_filter_installed = True
         self.url = url
-        parts = urlsplit(url)
-        self.description = f"PostgreSQL {parts.hostname or ''}:{parts.port or 5432}{parts.path}"
+        self.description = f"PostgreSQL {redact_url(url)}"
         self.connect_timeout_s = connect_timeout_s
+        self.hold_connection = hold_connection
+        self.exchange_timeout_s = exchange_timeout_s
+        self.mirror_every_s = mirror_every_s
         self._conn: psycopg.Connection[tuple[Any, ...]] | None = None
-        self._mirror = UsageMirror()
+        self._cursor = 0  # rows stamped before it have all been read
+        self._mirror = _MirrorClock(mirror_every_s)
         self.round_trips = 0  # counted by the code that waits for the server: for the benchmark
+        self.connects = 0
 
     def _connect(self) -> psycopg.Connection[tuple[Any, ...]]:
         import psycopg
 
         conn = psycopg.connect(self.url, autocommit=True, connect_timeout=self.connect_timeout_s,
-                               application_name="ordanis_veltrane.sharing")
+                               application_name="ordanis_veltrane.sharing", prepare_threshold=None,
+                               keepalives=1, keepalives_idle=5, keepalives_interval=2, keepalives_count=2)
+        self.connects += 1
+        watchdog = threading.Timer(self.exchange_timeout_s, _cut, (conn,))
+        watchdog.daemon = True
+        watchdog.start()
         try:
             with conn.transaction():
-                conn.execute("SELECT pg_advisory_xact_lock(7412093411)")  # one creator at a time
-                exists = conn.execute("SELECT to_regclass('sv_meta') IS NOT NULL").fetchone()
-                if not (exists and exists[0]):
-                    for statement in PG_TABLES:
-                        conn.execute(statement)
-                    with conn.cursor() as cur:
-                        cur.execute("SELECT tool_name, call_count, error_count, last_error, disabled_at, updated_at "
-                                    "FROM tool_health")
-                        rows = _seed_rows_from_mirror(cur.fetchall(), time.time())
-                        if rows:
-                            cur.execute(PG_MERGE_HEALTH, _columns(rows, 13))
-                        cur.execute("SELECT value FROM schema_info WHERE key = %s", (health.TOOL_USAGE_KEY,))
-                        doc = cur.fetchone()
-                        usage = [(usage_key_text(k), *k, c, t, ms, 1) for k, c, t, ms in
-                                 _parse_usage_document(doc[0] if doc else None)]
-                        usage = [row for row in usage if row[0] is not None]
-                        if usage:
-                            cur.execute(PG_MERGE_USAGE, _columns(usage, 9))
-                    conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1)")
+                conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
+                present = conn.execute(
+                    "SELECT to_regclass('sv_meta') IS NOT NULL AND to_regclass('sv_usage') IS NOT NULL AND "
+                    "to_regclass('sv_health') IS NOT NULL AND to_regclass('sv_process') IS NOT NULL AND "
+                    "EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_usage') AND attname = 'txid')"
+                ).fetchone()
+                if present and present[0]:
+                    present = conn.execute("SELECT EXISTS (SELECT FROM sv_meta)").fetchone()
+                if not (present and present[0]):
+                    self._create(conn)
         except BaseException:
             conn.close()
             raise
+        finally:
+            watchdog.cancel()
         return conn
 
-    def exchange(self, pid: str, batches: Sequence[Batch], seen: int) -> Pulled:
-        if self._conn is None:
-            self._conn = self._connect()
-        conn = self._conn
-        try:
-            mirror = self._mirror
-            since = min(seen, mirror.version)
-            pull_usage = UsageMirror.PULL.format(p="%s", order="ord")
-            if not batches:
-                with conn.pipeline():
-                    conn.execute("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY")
-                    v = conn.execute("SELECT version FROM sv_meta WHERE id = 1")
-                    h = conn.execute(PG_PULL_HEALTH, (seen,))
-                    u = conn.execute(pull_usage, (since,))
-                    conn.execute("COMMIT")
-                self.round_trips += 1
-                row = v.fetchone()
-                version = int(row[0]) if row else seen
-                usage, counts, rows = mirror.merge(u.fetchall(), Combined(0, {}, {}), seen)
-                mirror.commit(version, counts, rows)
-                return Pulled(version, self._health_rows(h.fetchall()), usage)
-            # Round trip 1: the version counter's row lock makes this the only writer until it commits
-            # (so versions follow commit order); the ledger, the server's clock, and the usage rows
-            # other processes changed since this one's mirror.
+    def _create(self, conn: psycopg.Connection[tuple[Any, ...]]) -> None:
+        conn.execute("SELECT pg_advisory_xact_lock(7412093411)")  # one creator at a time
+        fresh = conn.execute("SELECT to_regclass('sv_health') IS NULL").fetchone()
+        for statement in PG_TABLES:
+            conn.execute(statement)
+        if not (fresh and fresh[0]):
+            return
+        # A database a plain tracker's tables were copied into: its totals are where the history starts.
+        with conn.cursor() as cur:
+            cur.execute("SELECT tool_name, call_count, error_count, last_error, disabled_at, updated_at "
+                        "FROM tool_health")
+            rows = _seed_rows_from_mirror(cur.fetchall(), time.time())
+            if rows:
+                cur.executemany(merge_health_sql("VALUES (%s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s, %s)",
+                                                 "GREATEST"), rows)
+            cur.execute("SELECT value FROM schema_info WHERE key = %s", (health.TOOL_USAGE_KEY,))
+            doc = cur.fetchone()
+            usage = [(usage_key_text(k), *k, c, t, ms, 1) for k, c, t, ms in
+                     _parse_usage_document(doc[0] if doc else None)]
+            if usage:
+                cur.execute(PG_MERGE_USAGE, _columns(usage, 8))
+
+    def _run(self, work: Callable[[psycopg.Connection[tuple[Any, ...]]], _T]) -> _T:
+        """``work`` in a connection, cut from this side should the server stop answering; a store
+        whose tables went missing is made again and tried once more."""
+        import psycopg
+
+        for attempt in (0, 1):
+            if self._conn is None:
+                self._conn = self._connect()
+            conn = self._conn
+            watchdog = threading.Timer(self.exchange_timeout_s, _cut, (conn,))
+            watchdog.daemon = True
+            watchdog.start()
+            try:
+                result = work(conn)
+            except psycopg.errors.UndefinedTable as exc:
+                self._abandon()
+                if attempt:
+                    raise
+                logger.warning("The %s lost its tables (%s); making them again", self.description, exc)
+                continue
+            except BaseException:
+                self._abandon()
+                raise
+            finally:
+                watchdog.cancel()
+            if not self.hold_connection:
+                self._abandon()
+            return result
+        raise AssertionError("unreachable")
+
+    def exchange(self, pid: str, batches: Sequence[Batch]) -> Pulled:
+        return self._run(lambda conn: self._exchange(conn, pid, batches))
+
+    def _exchange(self, conn: psycopg.Connection[tuple[Any, ...]], pid: str, batches: Sequence[Batch]) -> Pulled:
+        if any(batch.maybe_applied for batch in batches):
+            # The ledger row says which of them the store already has; only this process writes it.
             with conn.pipeline():
                 conn.execute("BEGIN")
-                m = conn.execute("UPDATE sv_meta SET version = version + 1 WHERE id = 1 "
-                                 "RETURNING version, extract(epoch FROM clock_timestamp())::float8")
-                p = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = %s", (pid,))
-                u = conn.execute(pull_usage, (since,))
+                conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
+                p = conn.execute("SELECT last_seq FROM sv_process WHERE process_id = %s FOR UPDATE", (pid,))
             self.round_trips += 1
-            meta, led = m.fetchone(), p.fetchone()
-            assert meta is not None
-            version, now = int(meta[0]), float(meta[1])
-            combined = combine(batches, int(led[0]) if led else 0, now)
-            usage, counts, rows = mirror.merge(u.fetchall(), combined, seen)
-            # Round trip 2: every write, through arrays whatever the number of rows, and the commit.
-            with conn.pipeline():
-                if combined.tools:
-                    conn.execute(PG_MERGE_HEALTH, _columns(
-                        [health_params(pid, version, n, c) for n, c in combined.tools.items()], 13))
-                params = usage_params(version, combined)
-                if params:
-                    conn.execute(PG_MERGE_USAGE, _columns(params, 9))
-                conn.execute("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) "
-                             "VALUES (%s, %s, %s, %s) ON CONFLICT (process_id) DO UPDATE SET "
-                             "last_seq = excluded.last_seq, synced_at = excluded.synced_at",
-                             (pid, combined.last_seq, now, now))
-                if combined.tools:
-                    conn.execute(PG_MIRROR, (version,))
+            led = p.fetchone()
+            applied = int(led[0]) if led else 0
+        else:
+            applied = -1  # none of them can have been applied: none was ever part of a commit
+        with conn.pipeline():
+            if applied < 0:
+                conn.execute("BEGIN" if batches else "BEGIN READ ONLY")
+                conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
+            if batches:
+                combined = combine(batches, max(applied, 0))
+                # Rows in key order: two processes that change the same rows lock them in the same
+                # order, so they wait for each other for a moment at most and never deadlock. The
+                # health rows, which every process changes, come last: their locks are held the least.
+                conn.execute(PG_LEDGER, (pid, combined.last_seq))
                 if combined.usage:
-                    conn.execute("INSERT INTO schema_info (key, value) VALUES (%s, %s) "
-                                 "ON CONFLICT (key) DO UPDATE SET value = excluded.value",
-                                 (health.TOOL_USAGE_KEY, mirror.document(rows)))
-                h = conn.execute(PG_PULL_HEALTH, (seen,))
-                for batch in batches:
-                    batch.maybe_applied = True
-                conn.execute("COMMIT")
-            self.round_trips += 1
-            mirror.commit(version, counts, rows)
-            return Pulled(version, self._health_rows(h.fetchall()), usage)
-        except BaseException:
-            self._abandon()
-            raise
+                    conn.execute(PG_MERGE_USAGE, _columns(sorted(row[:8] for row in usage_params(0, combined)), 8))
+                if combined.tools:
+                    conn.execute(PG_MERGE_HEALTH, [*_columns(sorted(
+                        (n, c.calls, c.errors, c.last_error if c.err else None, int(c.err), c.dis_op,
+                         c.disabled_at, c.updated_at) for n, c in combined.tools.items()), 8), pid, time.time()])
+            for batch in batches:
+                batch.maybe_applied = True
+            conn.execute("COMMIT")
+            # Read after the commit, with no row locked: any snapshot will do (see the class's comment).
+            x = conn.execute(PG_CURSOR)
+            h = conn.execute(PG_PULL_HEALTH, (self._cursor,))
+            u = conn.execute(PG_PULL_USAGE, (self._cursor,))
+        self.round_trips += 1
+        cursor = x.fetchone()
+        pulled = Pulled(h.fetchall(), u.fetchall())
+        assert cursor is not None
+        self._cursor = int(cursor[0])
+        return pulled
 
-    @staticmethod
-    def _health_rows(rows: list[tuple[Any, ...]]) -> list[tuple[str, int, int, Any, float | None, float]]:
-        return [(r[0], int(r[1]), int(r[2]), r[3], r[4], float(r[5])) for r in rows]
+    def write_mirror(self, force: bool = False) -> bool:
+        """The usage document of ``schema_info`` and the ``tool_health`` rows, for a reader that reads
+        the tables a plain tracker keeps: when something changed since they were last written, at
+        most every ``mirror_every_s`` seconds (``force``: whenever). A process that finds another
+        writing them leaves it to that one."""
+        if not force and not self._mirror.due():
+            return False
+        return self._run(lambda conn: self._write_mirror(conn, force))
+
+    def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
+        with conn.transaction():
+            conn.execute(f"SET LOCAL statement_timeout = {PG_STATEMENT_TIMEOUT_MS}")
+            conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING")  # emptied?
+            row = conn.execute(
+                f"SELECT doc_xmin, doc_at, {_PG_NOW}, txid_snapshot_xmin(txid_current_snapshot()) FROM sv_meta "
+                f"WHERE id = 1 FOR UPDATE {'' if force else 'SKIP LOCKED'}").fetchone()
+            if row is None:
+                return False
+            doc_xmin, doc_at, now, xmin = int(row[0]), float(row[1]), float(row[2]), int(row[3])
+            if not force and 0 <= now - doc_at < self.mirror_every_s:
+                return False
+            changed = conn.execute("SELECT EXISTS (SELECT FROM sv_usage WHERE txid >= %s) OR "
+                                   "EXISTS (SELECT FROM sv_health WHERE txid >= %s)", (doc_xmin, doc_xmin)).fetchone()
+            if not (changed and changed[0]):
+                return False
+            conn.execute(PG_MIRROR_HEALTH.format(where="txid >= %s"), (doc_xmin,))
+            with conn.cursor() as cur:
+                cur.execute(_USAGE_ROWS.format(order="ord"))
+                document = usage_document(cur.fetchall())
+            conn.execute("INSERT INTO schema_info (key, value) VALUES (%s, %s) "
+                         "ON CONFLICT (key) DO UPDATE SET value = excluded.value", (health.TOOL_USAGE_KEY, document))
+            conn.execute("UPDATE sv_meta SET doc_xmin = %s, doc_at = %s WHERE id = 1", (xmin, now))
+        self.round_trips += 1
+        return True
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
@@ -502,5 +685,12 @@ class PostgresStore:
         self._abandon()
 
 
-# ---------------------------------------------------------------- the shared tracker
-
+def _cut(conn: psycopg.Connection[tuple[Any, ...]]) -> None:
+    """Shuts the connection's socket down, so that a call waiting for a server that stopped
+    answering fails now instead of after the kernel's TCP timeouts."""
+    try:
+        fd = conn.pgconn.socket
+        with socket.socket(fileno=os.dup(fd)) as s:
+            s.shutdown(socket.SHUT_RDWR)
+    except Exception:
+        pass
