@@ -137,7 +137,8 @@ for v in "${versions[@]}"; do
       cp "$root"/work/project/build/wheels/raw/*.whl "$raw/"
       ;;
     3.13t)
-      py=$("$shared/python/freethreaded.sh" 2>"$work/freethreaded.log" | tail -n 1)
+      py=$("$shared/python/freethreaded.sh" 2>"$work/freethreaded.log" | tail -n 1) ||
+        { tail -n 20 "$work/freethreaded.log" >&2; log "no free-threaded 3.13 (SHARED is $shared)"; exit 1; }
       build_one "$py" "$raw" "$v" "$venv"
       ;;
     *)
@@ -149,8 +150,6 @@ for v in "${versions[@]}"; do
 done
 
 # auditwheel: each wheel must need nothing outside the manylinux_2_17 policy; repair retags it.
-report="$out/wheels.txt"
-: >"$report"
 status=0
 for whl in "$raw"/*.whl; do
   arch=$(basename "$whl" .whl | sed 's/.*linux_//')
@@ -159,7 +158,12 @@ for whl in "$raw"/*.whl; do
   if ! PATH="$venv/bin:$PATH" "$venv/bin/auditwheel" repair --plat auto --only-plat -w "$out" "$whl" >"$work/repair.log" 2>&1; then
     cat "$work/repair.log" >&2; status=1; continue
   fi
-  fixed=$(ls -t "$out"/*.whl | head -n 1)
+done
+# Every wheel in the output folder, with auditwheel's verdict and the module's exported symbols.
+report="$out/wheels.txt"
+: >"$report"
+for fixed in "$out"/*.whl; do
+  arch=$(basename "$fixed" .whl | sed 's/.*_//')
   verdict=$("$venv/bin/auditwheel" show "$fixed" 2>/dev/null | tr '\n' ' ' | sed 's/  */ /g')
   # The module's dynamic symbols: PyInit_health is the only one defined.
   exports=$("$venv/bin/python" - "$fixed" <<'EOF'
