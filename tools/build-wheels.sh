@@ -76,28 +76,31 @@ aarch64_pyconfig() {
 
 # Builds the wheels of one interpreter into $2 (linux-tagged; auditwheel retags them).
 build_one() {
-  local py=$1 raw=$2 v=$3 venv=$4 arch wrap soabi env inc conf hdr cmake settings
+  local py=$1 raw=$2 v=$3 venv=$4 arch wrap soabi tag env inc conf hdr cmake settings
   cmake=$venv/bin/cmake
   [ -x "$cmake" ] || cmake=$(command -v cmake)
   soabi=$("$py" -c 'import sysconfig; print(sysconfig.get_config_var("SOABI"))')
+  tag=$("$py" -c 'import sys, sysconfig; t = "cp%d%d" % sys.version_info[:2]; print(t + "-" + t + ("t" if sysconfig.get_config_var("Py_GIL_DISABLED") else ""))')
+  rm -f "$raw"/*-"$tag"-*.whl
   for arch in "${archs[@]}"; do
     wrap=$(zig_wrappers "$venv" "$arch")
     # This machine's CMake and Ninja: for a cross build the build environment would otherwise
     # fetch the target's.
     env=(CC="$wrap/cc" CXX="$wrap/c++" PATH="$venv/bin:$PATH" CMAKE_EXECUTABLE="$cmake")
-    settings=()
+    # The interpreter's headers, copied with the real pyconfig.h: Debian's pyconfig.h only
+    # includes one from a multiarch folder, which Zig (with its own libc headers) does not search.
+    inc=$("$py" -c 'import sysconfig; print(sysconfig.get_path("include"))')
+    conf=$("$py" -c 'import os, sysconfig; i = sysconfig.get_path("include"); m = sysconfig.get_config_var("MULTIARCH") or ""; p = os.path.join(os.path.dirname(i), m, os.path.basename(i), "pyconfig.h"); print(p if m and os.path.exists(p) else os.path.join(i, "pyconfig.h"))')
+    hdr="$work/include-$v-$arch"
+    rm -rf "$hdr" && cp -rL "$inc" "$hdr"
+    settings=(--config-settings=cmake.define.Python_INCLUDE_DIR="$hdr")
     if [ "$arch" != "$(uname -m)" ]; then
-      inc=$("$py" -c 'import sysconfig; print(sysconfig.get_path("include"))')
-      # Debian keeps the real pyconfig.h under the multiarch folder.
-      conf=$("$py" -c 'import os, sysconfig; i = sysconfig.get_path("include"); m = sysconfig.get_config_var("MULTIARCH") or ""; p = os.path.join(os.path.dirname(i), m, os.path.basename(i), "pyconfig.h"); print(p if m and os.path.exists(p) else os.path.join(i, "pyconfig.h"))')
-      hdr="$work/include-$v-$arch"
-      rm -rf "$hdr" && cp -rL "$inc" "$hdr"
       aarch64_pyconfig "$conf" >"$hdr/pyconfig.h"
       log "  $v $arch: headers $inc, pyconfig.h from $conf rewritten for $arch"
       env+=(_PYTHON_HOST_PLATFORM="linux-$arch" SETUPTOOLS_EXT_SUFFIX=".${soabi/$(uname -m)/$arch}.so")
-      settings=(--config-settings=cmake.define.Python_INCLUDE_DIR="$hdr")
     else
-      log "  $v $arch: headers $("$py" -c 'import sysconfig; print(sysconfig.get_path("include"))')"
+      cp "$conf" "$hdr/pyconfig.h"
+      log "  $v $arch: headers $inc, pyconfig.h from $conf"
     fi
     env "${env[@]}" "$py" -m pip wheel "$top" --no-deps -w "$raw" "${settings[@]}" >"$work/build-$v-$arch.log" 2>&1 ||
       { tail -n 40 "$work/build-$v-$arch.log" >&2; log "the $v $arch wheel failed to build"; return 1; }
@@ -121,8 +124,9 @@ find_python() {
 
 mkdir -p "$work" "$out"
 venv=$(tools_venv "$work" python3)
+# The linux-tagged wheels as built, before auditwheel: a version built again replaces its own.
 raw="$work/raw"
-rm -rf "$raw" && mkdir -p "$raw"
+mkdir -p "$raw"
 start_all=$SECONDS
 for v in "${versions[@]}"; do
   start=$SECONDS
@@ -134,6 +138,7 @@ for v in "${versions[@]}"; do
         "WHEELS_INSIDE_ROOT=1 WHEEL_ARCHS='${archs[*]}' bash tools/build-wheels.sh" >"$work/root-3.14.log" 2>&1 ||
         { tail -n 40 "$work/root-3.14.log" >&2; log "the 3.14 wheels failed to build"; exit 1; }
       grep -E '^  3.14 ' "$work/root-3.14.log" | sed "s|headers /|headers $root/|; s|from /|from $root/|" >&2 || true
+      rm -f "$raw"/*-cp314-cp314-*.whl
       cp "$root"/work/project/build/wheels/raw/*.whl "$raw/"
       ;;
     3.13t)

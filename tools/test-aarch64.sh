@@ -10,8 +10,10 @@
 #   ROOTARM64=/opt/bookworm-arm64 (default)        # where the root is made
 #
 # The root has no PostgreSQL and no MCP servers from PyPI: the tests that need them skip, saying
-# so. Everything runs emulated, about ten times slower than natively; the script prints how long
-# the setup and the suite took.
+# so. One test is left out: the demo's thread census without the metrics thread, because
+# qemu-user runs a thread of its own in every process, which the census counts as an OS thread
+# beyond the demo's budget (7 threads for 6 allowed). Everything runs emulated, several times
+# slower than natively; the script prints how long the setup and the suite took.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 root=${ROOTARM64:-/opt/bookworm-arm64}
@@ -53,7 +55,8 @@ rm -rf "$root/work/project" && mkdir -p "$root/work/project"
 cp -r "$top/tests" "$top/benchmarks" "$wheel" "$root/work/project/"
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 trap "umount '$root/proc' 2>/dev/null || true" EXIT
-args=$(printf ' %q' "$@")
+echo "left out under qemu-user (its own thread is counted): tests/test_demo.py::test_session_answers_and_restart[plain]" >&2
+args=$(printf ' %q' --deselect 'tests/test_demo.py::test_session_answers_and_restart[plain]' "$@")
 t=$SECONDS
 chroot "$root" /usr/bin/env -i HOME=/root PATH=/usr/local/bin:/usr/bin:/bin LANG=C.UTF-8 \
   PIP_DISABLE_PIP_VERSION_CHECK=1 PIP_NO_INPUT=1 PYTHONDONTWRITEBYTECODE=1 ${CI:+CI=$CI} /bin/bash -c "
