@@ -168,7 +168,7 @@ done
 report="$out/wheels.txt"
 : >"$report"
 for fixed in "$out"/*.whl; do
-  arch=$(basename "$fixed" .whl | sed 's/.*_//')
+  arch=$(basename "$fixed" .whl | sed -E 's/.*_(x86_64|aarch64)$/\1/')
   verdict=$("$venv/bin/auditwheel" show "$fixed" 2>/dev/null | tr '\n' ' ' | sed 's/  */ /g')
   # The module's dynamic symbols: PyInit_health is the only one defined.
   exports=$("$venv/bin/python" - "$fixed" <<'EOF'
