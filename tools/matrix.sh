@@ -90,6 +90,7 @@ no_compiler_fn='no_compiler_path() {
   mkdir -p "$1/bin"
   for d in /usr/local/bin /usr/bin /bin /usr/local/sbin /usr/sbin /sbin; do
     for f in "$d"/*; do
+      [ -e "$f" ] || continue
       n=${f##*/}
       case $n in
         cc|c++|gcc|g++|cpp|c89|c99|tcc|zig|ld|ld.*|clang*|*-cc|*-c++|*-gcc|*-g++|*-gcc-[0-9]*|*-g++-[0-9]*|gcc-[0-9]*|g++-[0-9]*|*-cpp|*-cpp-[0-9]*|cpp-[0-9]*|*-ld|*-ld.*) continue;;
