@@ -8,6 +8,12 @@
 #   tools/matrix.sh 3.12 3.13t            # some of them
 #   PYTHON3_12=/opt/py/bin/python3.12 tools/matrix.sh   # this interpreter for 3.12
 #   MATRIX_KEEP=1 tools/matrix.sh         # keep the work directory (wheels, venvs, logs)
+#   MATRIX_WHEELS=dist tools/matrix.sh    # test the wheels of tools/build-wheels.sh instead
+#
+# With MATRIX_WHEELS nothing is built: each version's manylinux wheel for this machine's
+# architecture is installed with --only-binary :all: (and so are the extras), and pip and the
+# suite run with a PATH on which no C or C++ compiler can be found (checked with
+# `command -v cc c++ gcc g++`, which must find nothing): the install needs no compiler.
 #
 # An interpreter is found as $PYTHON3_X, else the newest $PYENV_ROOT/versions/3.X.N,
 # else python3.X on PATH. Two come from ../shared/python (SHARED overrides the folder):
@@ -77,6 +83,33 @@ print(tests - failed - errors - skipped, failed, errors, skipped)
 EOF
 }
 
+# A folder of links to every program on the usual PATH but the C and C++ compilers and linkers;
+# $1/bin is what PATH holds in wheel mode. The same text runs inside the 3.14 root.
+no_compiler_fn='no_compiler_path() {
+  local d f n
+  mkdir -p "$1/bin"
+  for d in /usr/local/bin /usr/bin /bin /usr/local/sbin /usr/sbin /sbin; do
+    for f in "$d"/*; do
+      [ -e "$f" ] || continue
+      n=${f##*/}
+      case $n in
+        cc|c++|gcc|g++|cpp|c89|c99|tcc|zig|ld|ld.*|clang*|*-cc|*-c++|*-gcc|*-g++|*-gcc-[0-9]*|*-g++-[0-9]*|gcc-[0-9]*|g++-[0-9]*|*-cpp|*-cpp-[0-9]*|cpp-[0-9]*|*-ld|*-ld.*) continue;;
+      esac
+      [ -e "$1/bin/$n" ] || ln -s "$f" "$1/bin/$n"
+    done
+  done
+  if found=$(PATH="$1/bin" command -v cc c++ gcc g++); then echo "a compiler is on PATH: $found"; return 1; fi
+  echo "no compiler on PATH: command -v cc c++ gcc g++ finds nothing"
+}'
+eval "$no_compiler_fn"
+wheels=${MATRIX_WHEELS:+$(cd "$MATRIX_WHEELS" && pwd)}
+# The wheel of version $1 for this machine.
+pick_wheel() {
+  local t=${1/./} abi
+  t=${t%t}; abi="cp$t$([[ $1 == *t ]] && echo t)"
+  ls "$wheels"/*-"cp$t-$abi"-*manylinux*"$(uname -m)".whl 2>/dev/null | head -n 1
+}
+
 results=()
 failed=()
 start_all=$SECONDS
@@ -97,12 +130,22 @@ for v in "${versions[@]}"; do
       continue
     fi
     full=$(chroot "$root" python3.14 -c 'import platform; print(platform.python_version())')
-    "$shared/python/py314.sh" run "$root" "$top" '
+    if [ -n "$wheels" ]; then
+      # The wheel goes in beside the tree; pip and the suite see no compiler.
+      rm -rf "$root/tmp/dist" && mkdir -p "$root/tmp/dist"
+      w=$(pick_wheel 3.14) && [ -n "$w" ] && cp "$w" "$root/tmp/dist/" || echo "no 3.14 wheel in $wheels" >"$log"
+      get='no_compiler_path /tmp/nocc && export PATH=/tmp/venv/bin:/tmp/nocc/bin
+      /tmp/venv/bin/python -m pip install --only-binary :all: "$(ls /tmp/dist/*.whl)[test,mcp]"'
+    else
+      get='/tmp/venv/bin/python -m pip wheel . --no-deps -w /tmp/dist
+      /tmp/venv/bin/python -m pip install "$(ls /tmp/dist/*.whl)[test,mcp]"'
+    fi
+    "$shared/python/py314.sh" run "$root" "$top" "$no_compiler_fn"'
       set -e
-      rm -rf /tmp/venv /tmp/dist /tmp/suite
+      rm -rf /tmp/venv /tmp/suite /tmp/nocc
+      '"$([ -n "$wheels" ] || echo 'rm -rf /tmp/dist')"'
       python3.14 -m venv /tmp/venv
-      /tmp/venv/bin/python -m pip wheel . --no-deps -w /tmp/dist
-      /tmp/venv/bin/python -m pip install "$(ls /tmp/dist/*.whl)[test,mcp]"
+      '"$get"'
       mkdir -p /tmp/suite && cp -r tests benchmarks /tmp/suite/
       touch /work/project/.built
       cd /tmp/suite && timeout '"$test_timeout"' /tmp/venv/bin/python -m pytest tests -q -ra \
@@ -120,16 +163,23 @@ for v in "${versions[@]}"; do
     fi
     full=$("$py" -c 'import platform, sys; print(platform.python_version() + ("t" if not getattr(sys, "_is_gil_enabled", lambda: True)() else ""))')
     if [ "$v" = 3.13t ]; then extras="[test]"; only=(--only-binary :all:); else extras="[test,mcp]"; only=(); fi
+    path=$PATH
     {
       echo "== $py ($full)"
       "$py" -m venv "$dir/venv" &&
-        timeout "$build_timeout" "$dir/venv/bin/python" -m pip wheel "$top" --no-deps -w "$dir/dist" &&
-        wheel=$(ls "$dir"/dist/*.whl) &&
-        "$dir/venv/bin/python" -m pip install "${only[@]}" "${wheel}${extras}" &&
+        if [ -n "$wheels" ]; then
+          wheel=$(pick_wheel "$v") && [ -n "$wheel" ] && only=(--only-binary :all:) &&
+            no_compiler_path "$dir/nocc" && path="$dir/venv/bin:$dir/nocc/bin"
+        else
+          timeout "$build_timeout" "$dir/venv/bin/python" -m pip wheel "$top" --no-deps -w "$dir/dist" &&
+            wheel=$(ls "$dir"/dist/*.whl)
+        fi &&
+        echo "== installing $wheel" &&
+        PATH=$path "$dir/venv/bin/python" -m pip install "${only[@]}" "${wheel}${extras}" &&
         cp -r "$top/tests" "$top/benchmarks" "$dir/"
     } >"$log" 2>&1 || status=build
     if [ "$status" = ok ]; then
-      (cd "$dir" && timeout "$test_timeout" "$dir/venv/bin/python" -m pytest tests -q -ra \
+      (cd "$dir" && PATH=$path timeout "$test_timeout" "$dir/venv/bin/python" -m pytest tests -q -ra \
         -p no:cacheprovider --junitxml="$dir/junit.xml") >>"$log" 2>&1 || status=tests
     fi
     reporter="$dir/venv/bin/python"
