@@ -30,7 +30,7 @@ import json
 import logging
 import re
 import sys
-from typing import TYPE_CHECKING, Any, Sequence
+from typing import TYPE_CHECKING, Any, Awaitable, Sequence
 
 import anyio
 
@@ -39,7 +39,7 @@ from ordanis_veltrane.cli import (
 )
 from ordanis_veltrane.mcp_proxy_transports import (
     DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
-    client_lines, dump, rpc_error,
+    dump, feed_client, rpc_error,
 )
 from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
@@ -183,7 +183,6 @@ class Relay:
         self._ready_event = asyncio.Event()
         self._start_lock = asyncio.Lock()
         await self.out.open()
-        read = await client_lines()
         if self.hide_disabled:
             self.pipeline.add_tools_changed_listener(self._hidden_changed)
         try:
@@ -191,12 +190,7 @@ class Relay:
                 self._tg = tg
                 tg.start_soon(self._hold_health)
                 try:
-                    while True:
-                        line = await read()
-                        if not line:
-                            break
-                        if line.strip():
-                            await self._from_client(line)
+                    await (await feed_client(self._client_line))
                 finally:
                     with anyio.CancelScope(shield=True):
                         await self._shutdown("the proxy is shutting down")
@@ -234,6 +228,75 @@ class Relay:
         await self.out.flush()
 
     # ------------------------------------------------------------ from the client
+
+    def _client_line(self, line: bytes) -> Awaitable[None] | None:
+        """Relays a message of the client's at once when the session is under way (the downstream ready, health
+        running); anything else takes the slower path that may wait."""
+        if not (self.ready and self.downstream.alive and self.tracker_ready.is_set()):
+            return self._from_client(line)
+        try:
+            message = json.loads(line)
+        except ValueError:
+            return self._from_client(line)
+        if not isinstance(message, dict):
+            return self._from_client(line)
+        method = message.get("method")
+        if method is None:  # the client's answer to a request of the downstream
+            return self.downstream.send(line)
+        request_id = message.get("id")
+        if request_id is None:
+            if method == "notifications/initialized":
+                return self._from_client(line)
+            if method == "notifications/cancelled":
+                self._cancelled(message)
+            return self.downstream.send(line)
+        if method == "initialize":
+            return self._from_client(line)
+        params = message.get("params")
+        if isinstance(params, dict) and "_meta" in params:
+            self._meta = params["_meta"]
+            self.stateless = isinstance(self._meta, dict) and PROTOCOL_VERSION_META in self._meta
+        if method == "tools/call":
+            if not isinstance(params, dict) or not isinstance(params.get("name"), str) \
+                    or params["name"] in self._by_served:
+                return self._call_tool(request_id, message, line)
+            return self._call_tool_now(request_id, message, line, params)
+        if method == "tools/list":
+            entry = _Pending(method, list_page=True)
+            if not (isinstance(params, dict) and params.get("cursor")):
+                entry.tool = ""  # the first page: the status tools go there
+        else:
+            entry = _Pending(method)
+        self._track(request_id, entry)
+        return self.downstream.send(line)
+
+    def _cancelled(self, message: dict[str, Any]) -> None:
+        params = message.get("params")
+        key = params.get("requestId") if isinstance(params, dict) else None
+        entry = self.pending.pop(key, None) if key is not None else None
+        if entry is not None:
+            if entry.timer is not None:
+                entry.timer.cancel()
+            if entry.call is not None:
+                entry.call.cancelled()
+
+    def _call_tool_now(self, request_id: Any, message: dict[str, Any], line: bytes,
+                       params: dict[str, Any]) -> Awaitable[None] | None:
+        """A call of a downstream tool, health running and the downstream ready: begun and sent at once."""
+        tool: str = params["name"]
+        arguments = params.get("arguments")
+        if not isinstance(arguments, dict) or tool not in self.takes_action:
+            arguments = None  # only a tool with an action parameter is counted by action
+        action = arguments.get("action") if arguments is not None else None
+        try:
+            call = self.pipeline.begin(tool, arguments)
+        except ToolRefused as refused:
+            self.out.write(self._tool_error(request_id, str(refused)))
+            return None
+        if arguments is not None and arguments.get("action") != action:  # a synonym: the tool gets its action
+            line = dump(message)
+        self._track(request_id, _Pending("tools/call", call, tool))
+        return self.downstream.send(line)
 
     async def _from_client(self, line: bytes) -> None:
         try:
@@ -273,14 +336,7 @@ class Relay:
 
     async def _client_notification(self, method: str, message: dict[str, Any], line: bytes) -> None:
         if method == "notifications/cancelled":
-            params = message.get("params")
-            key = params.get("requestId") if isinstance(params, dict) else None
-            entry = self.pending.pop(key, None) if key is not None else None
-            if entry is not None:
-                if entry.timer is not None:
-                    entry.timer.cancel()
-                if entry.call is not None:
-                    entry.call.cancelled()
+            self._cancelled(message)
         elif method == "notifications/initialized":
             self._initialized = line
             if self.downstream.alive:
@@ -631,13 +687,14 @@ class Relay:
 
     # ------------------------------------------------------------ from the downstream
 
-    async def _from_downstream(self, line: bytes) -> None:
+    def _from_downstream(self, line: bytes) -> Awaitable[None] | None:
         try:
-            await self._from_downstream_unguarded(line)
+            self._from_downstream_unguarded(line)
         except Exception:  # a fault of the relay's own must not end the session
             logger.exception("Could not relay a message of the downstream's: %r", line[:200])
+        return self.out.drain()
 
-    async def _from_downstream_unguarded(self, line: bytes) -> None:
+    def _from_downstream_unguarded(self, line: bytes) -> None:
         try:
             message = json.loads(line)
         except ValueError as exc:
@@ -650,7 +707,6 @@ class Relay:
             if message["method"] == "notifications/tools/list_changed" and self.ready:
                 self._list_own_soon()
             self.out.write(line if line.endswith(b"\n") else line + b"\n")
-            await self.out.drain()
             return
         key = message.get("id")
         if key is not None and key == self._handshake_id and self._handshake is not None:
@@ -676,7 +732,6 @@ class Relay:
             self._answered_initialize = True
             self._handshake_forwarded = True
         self.out.write(line if line.endswith(b"\n") else line + b"\n")
-        await self.out.drain()
 
     def _finish_call(self, call: ToolCall, message: dict[str, Any]) -> None:
         result = message.get("result")

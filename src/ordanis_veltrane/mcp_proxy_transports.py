@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import base64
+import collections
 import contextlib
 import json
 import logging
@@ -16,7 +17,7 @@ import anyio
 import anyio.to_thread
 
 __all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "ClientOut", "DownstreamUnavailable", "HttpDownstream",
-           "StdioDownstream", "client_lines", "dump", "rpc_error"]
+           "LineFeed", "StdioDownstream", "dump", "feed_client", "rpc_error"]
 
 logger: logging.Logger = logging.getLogger("ordanis_veltrane.mcp_proxy")
 
@@ -26,6 +27,8 @@ MAX_MESSAGE_BYTES = 512 * 1024 * 1024
 HIGH_WATER = 16 * 1024 * 1024
 # The downstream is unreachable, did not answer in time, or left the request unanswered.
 DOWNSTREAM_ERROR = -32001
+# Takes one whole message; returns None when done with it, or what to await before the next one.
+LineHandler = Callable[[bytes], "Awaitable[None] | None"]
 
 
 def dump(message: Any) -> bytes:
@@ -82,43 +85,179 @@ class ClientOut:
             while transport is not None and not transport.is_closing() and transport.get_write_buffer_size():
                 await anyio.sleep(0.01)
 
-    async def drain(self) -> None:
+    def drain(self) -> Awaitable[None] | None:
+        """What to await before writing more, when the client reads slower than the proxy writes; else None."""
         transport = self._transport
         if transport is not None and not transport.is_closing() and transport.get_write_buffer_size() > HIGH_WATER:
-            with contextlib.suppress(ConnectionError):
-                await self._protocol._drain_helper()
+            return self._drain()
+        return None
+
+    async def _drain(self) -> None:
+        with contextlib.suppress(ConnectionError):
+            await self._protocol._drain_helper()
 
 
-async def client_lines() -> Callable[[], Awaitable[bytes]]:
-    """A reader of the proxy's stdin, one line at a time (b"" at its end)."""
+class LineFeed(asyncio.Protocol):
+    """Splits what arrives on a pipe into lines and hands each to ``handle``, in order, from the event loop's
+    own callback: no task and no wake-up per message. ``handle`` deals with a line at once and returns None, or
+    returns an awaitable to finish it (a slow path, or waiting for the far side to drain); reading then pauses
+    and the lines behind it wait until that is done, so the order holds and a flood cannot pile up in memory."""
+
+    def __init__(self, handle: LineHandler, what: str) -> None:
+        self.handle, self.what = handle, what
+        self.transport: Any = None
+        self.done: asyncio.Future[str] = asyncio.get_running_loop().create_future()  # why it ended ("" at EOF)
+        self._buffer = bytearray()
+        self._lines: collections.deque[bytes] = collections.deque()
+        self._busy: asyncio.Task[None] | None = None
+        self._paused = False
+        self._ended: str | None = None
+
+    def connection_made(self, transport: asyncio.BaseTransport) -> None:
+        self.transport = transport
+
+    def data_received(self, data: bytes) -> None:
+        if self._ended is not None:
+            return
+        buffer = self._buffer
+        buffer += data
+        if b"\n" in data:
+            start, lines = 0, self._lines
+            while True:
+                end = buffer.find(b"\n", start)
+                if end < 0:
+                    break
+                if end > start:
+                    lines.append(bytes(buffer[start:end + 1]))
+                start = end + 1
+            del buffer[:start]
+        if len(buffer) > MAX_MESSAGE_BYTES:
+            self._buffer = bytearray()
+            self._lines.clear()
+            self._end(f"sent a message longer than {MAX_MESSAGE_BYTES} bytes")
+            return
+        self._pump()
+
+    def eof_received(self) -> bool:
+        self._at_end()
+        return False
+
+    def connection_lost(self, exc: Exception | None) -> None:
+        self._at_end()
+
+    def _at_end(self) -> None:
+        if self._ended is None and not self.done.done():
+            if self._buffer.strip():
+                self._lines.append(bytes(self._buffer))
+            self._buffer = bytearray()
+            self._ended = ""
+            self._pump()
+
+    def _end(self, why: str) -> None:
+        self._ended = why
+        if not self.done.done():
+            self.done.set_result(why)
+
+    def _pump(self) -> None:
+        lines = self._lines
+        while lines and self._busy is None:
+            line = lines.popleft()
+            try:
+                waiting = self.handle(line)
+            except Exception:  # a fault of the relay's own must not end the session
+                logger.exception("Could not relay a message of the %s's: %r", self.what, line[:200])
+                continue
+            if waiting is not None:
+                self._busy = asyncio.get_running_loop().create_task(self._finish(waiting))
+        if self._busy is not None:
+            self._pause()
+        elif self._paused:
+            self._paused = False
+            with contextlib.suppress(Exception):
+                self.transport.resume_reading()
+        if self._busy is None and not lines and self._ended == "" and not self.done.done():
+            self.done.set_result("")
+
+    def _pause(self) -> None:
+        if not self._paused and self._ended is None and self.transport is not None:
+            self._paused = True
+            with contextlib.suppress(Exception):
+                self.transport.pause_reading()
+
+    async def _finish(self, waiting: Awaitable[None]) -> None:
+        try:
+            await waiting
+        except Exception:
+            logger.exception("Could not relay a message of the %s's", self.what)
+        finally:
+            self._busy = None
+            if not self.done.done():
+                self._pump()
+
+    def cancel(self) -> None:
+        if self._busy is not None:
+            self._busy.cancel()
+
+
+async def feed_client(handle: LineHandler) -> Awaitable[str]:
+    """Hands each line of the proxy's stdin to ``handle``; returns what to await for its end."""
     loop = asyncio.get_running_loop()
-    reader = asyncio.StreamReader(limit=MAX_MESSAGE_BYTES, loop=loop)
+    feed = LineFeed(handle, "client")
     try:
         pipe = os.fdopen(os.dup(sys.stdin.fileno()), "rb", buffering=0)
-        await loop.connect_read_pipe(lambda: asyncio.StreamReaderProtocol(reader, loop=loop), pipe)
+        await loop.connect_read_pipe(lambda: feed, pipe)
     except (OSError, ValueError, AttributeError):  # a regular file: read on a worker thread
         stdin = sys.stdin.buffer
 
-        async def from_thread() -> bytes:
-            return await anyio.to_thread.run_sync(stdin.readline)
+        async def from_thread() -> str:
+            while True:
+                line = await anyio.to_thread.run_sync(stdin.readline)
+                if not line:
+                    return ""
+                if line.strip():
+                    try:
+                        waiting = handle(line)
+                        if waiting is not None:
+                            await waiting
+                    except Exception:
+                        logger.exception("Could not relay a message of the client's: %r", line[:200])
 
-        return from_thread
+        return from_thread()
 
-    async def from_pipe() -> bytes:
+    async def until_end() -> str:
         try:
-            return await reader.readuntil(b"\n")
-        except asyncio.IncompleteReadError as end:
-            return end.partial
-        except asyncio.LimitOverrunError:
-            logger.error("The client sent a message longer than %d bytes: the proxy stops", MAX_MESSAGE_BYTES)
-            return b""
+            why = await asyncio.shield(feed.done)
+        except asyncio.CancelledError:
+            feed.cancel()
+            raise
+        if why:
+            logger.error("The client %s: the proxy stops", why)
+        return why
 
-    return from_pipe
+    return until_end()
 
 
 # ---------------------------------------------------------------- downstreams
 
-LineHandler = Callable[[bytes], Awaitable[None]]
+
+
+class _ChildProtocol(asyncio.subprocess.SubprocessStreamProtocol):
+    """The child's stdout goes to a ``LineFeed`` rather than a stream reader; its stdin stays a stream writer."""
+
+    def __init__(self, feed: LineFeed, loop: asyncio.AbstractEventLoop) -> None:
+        super().__init__(limit=2 ** 16, loop=loop)
+        self.feed = feed
+
+    def pipe_data_received(self, fd: int, data: bytes | str) -> None:
+        if fd == 1:
+            self.feed.data_received(data if isinstance(data, bytes) else data.encode())
+        else:
+            super().pipe_data_received(fd, data)
+
+    def pipe_connection_lost(self, fd: int, exc: Exception | None) -> None:
+        if fd == 1:
+            self.feed.connection_lost(exc)
+        super().pipe_connection_lost(fd, exc)
 
 
 class StdioDownstream:
@@ -129,40 +268,34 @@ class StdioDownstream:
         self.on_line, self.on_exit = on_line, on_exit
         self.proc: asyncio.subprocess.Process | None = None
         self._reader: asyncio.Task[None] | None = None
+        self._feed: LineFeed | None = None
 
     @property
     def alive(self) -> bool:
         return self.proc is not None
 
     async def start(self) -> None:
+        loop = asyncio.get_running_loop()
+        feed = LineFeed(self.on_line, "downstream server")
         try:
-            self.proc = await asyncio.create_subprocess_exec(
-                *self.command, stdin=asyncio.subprocess.PIPE, stdout=asyncio.subprocess.PIPE, stderr=None,
-                limit=MAX_MESSAGE_BYTES)
+            transport, protocol = await loop.subprocess_exec(
+                lambda: _ChildProtocol(feed, loop), *self.command, stdin=asyncio.subprocess.PIPE,
+                stdout=asyncio.subprocess.PIPE, stderr=None)
         except (OSError, ValueError) as exc:
             raise DownstreamUnavailable(f"the downstream server {self.command[0]!r} could not be started: {exc}") \
                 from None
-        self._reader = asyncio.get_running_loop().create_task(self._read(self.proc))
+        feed.transport = transport.get_pipe_transport(1)
+        self.proc = asyncio.subprocess.Process(transport, protocol, loop)
+        self._feed = feed
+        self._reader = loop.create_task(self._read(self.proc, feed))
 
-    async def _read(self, proc: asyncio.subprocess.Process) -> None:
-        stdout = proc.stdout
-        assert stdout is not None
+    async def _read(self, proc: asyncio.subprocess.Process, feed: LineFeed) -> None:
         why = ""
         try:
-            while True:
-                try:
-                    line = await stdout.readuntil(b"\n")
-                except asyncio.IncompleteReadError as end:
-                    if end.partial.strip():
-                        await self.on_line(end.partial)
-                    break
-                except asyncio.LimitOverrunError:
-                    why = f"sent a message longer than {MAX_MESSAGE_BYTES} bytes"
-                    break
-                await self.on_line(line)
-        except Exception as exc:  # a fault of the relay must not leave the downstream half alive
-            logger.exception("Relaying the downstream's messages failed")
-            why = f"could not be relayed: {exc}"
+            why = await asyncio.shield(feed.done)
+        except asyncio.CancelledError:
+            feed.cancel()
+            raise
         current = self.proc is proc
         if current:
             self.proc = None
@@ -281,6 +414,11 @@ class HttpDownstream:
         self._listening = False
         self.alive = True
 
+    async def _hand_on(self, data: bytes) -> None:
+        waiting = self.on_line(data)
+        if waiting is not None:
+            await waiting
+
     def _headers(self) -> dict[str, str]:
         headers = {"content-type": "application/json", "accept": "application/json, text/event-stream",
                    **self.headers}
@@ -322,7 +460,7 @@ class HttpDownstream:
                 if response.status_code >= 400:
                     raw = await response.aread()
                     if is_request and _answers(raw, request_id):  # a JSON-RPC error of the server's: as it is
-                        await self.on_line(raw)
+                        await self._hand_on(raw)
                         return
                     body = raw.decode(errors="replace")[:300]
                     if method == "initialize":
@@ -354,7 +492,7 @@ class HttpDownstream:
                 if isinstance(version, str):
                     self.protocol_version = version
         if data.strip():
-            await self.on_line(data)
+            await self._hand_on(data)
 
     def listen(self) -> None:
         """Opens the session's own event stream (messages not tied to a request), once per session."""
@@ -377,7 +515,7 @@ class HttpDownstream:
                         return  # the server has no such stream (405) or refuses it
                     async for event in httpx.EventSource(response, max_event_size=None):
                         if event.data:
-                            await self.on_line(event.data.encode())
+                            await self._hand_on(event.data.encode())
             except httpx.HTTPError:
                 pass
             if not self.alive:
