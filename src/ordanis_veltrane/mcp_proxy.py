@@ -284,6 +284,17 @@ class Relay:
                        params: dict[str, Any]) -> Awaitable[None] | None:
         """A call of a downstream tool, health running and the downstream ready: begun and sent at once."""
         tool: str = params["name"]
+        begun = self._begin_call(request_id, message, line, params, tool)
+        if begun is None:
+            return None
+        call, line = begun
+        self._track(request_id, _Pending("tools/call", call, tool))
+        return self.downstream.send(line)
+
+    def _begin_call(self, request_id: Any, message: dict[str, Any], line: bytes, params: dict[str, Any],
+                    tool: str) -> tuple[ToolCall, bytes] | None:
+        """The call begun in the pipeline and the line to send (re-encoded where a synonym was rewritten),
+        or None when the tool is refused (answered here)."""
         arguments = params.get("arguments")
         if not isinstance(arguments, dict) or tool not in self.takes_action:
             arguments = None  # only a tool with an action parameter is counted by action
@@ -295,8 +306,7 @@ class Relay:
             return None
         if arguments is not None and arguments.get("action") != action:  # a synonym: the tool gets its action
             line = dump(message)
-        self._track(request_id, _Pending("tools/call", call, tool))
-        return self.downstream.send(line)
+        return call, line
 
     async def _from_client(self, line: bytes) -> None:
         try:
@@ -411,17 +421,10 @@ class Relay:
             if not self.tracker_ready.is_set():
                 self.out.write(self._tool_error(request_id, "tool health is not running yet: try again"))
                 return
-        arguments = params.get("arguments")
-        if not isinstance(arguments, dict) or tool not in self.takes_action:
-            arguments = None  # only a tool with an action parameter is counted by action
-        action = arguments.get("action") if arguments is not None else None
-        try:
-            call = self.pipeline.begin(tool, arguments)
-        except ToolRefused as refused:
-            self.out.write(self._tool_error(request_id, str(refused)))
+        begun = self._begin_call(request_id, message, line, params, tool)
+        if begun is None:
             return
-        if arguments is not None and arguments.get("action") != action:  # a synonym: the tool gets its action
-            line = dump(message)
+        call, line = begun
         try:
             await self._ensure()
         except DownstreamUnavailable as down:
