@@ -135,7 +135,9 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
     direct = cluster.url.rsplit("/", 1)[0] + "/" + name
     url = bouncer.url(direct) if bouncer is not None else direct
     seeded = seed_store(direct)
-    env = {**os.environ, "PYTHONPATH": os.pathsep.join([str(ROOT / "src"), os.environ.get("PYTHONPATH", "")])}
+    # The workers import the package this script imported (an installed one, or src/ on PYTHONPATH).
+    package_home = str(Path(sharing.__file__).resolve().parents[2])
+    env = {**os.environ, "PYTHONPATH": os.pathsep.join([package_home, os.environ.get("PYTHONPATH", "")])}
     procs = [subprocess.Popen([sys.executable, __file__, "--worker", url, str(period), str(duration),
                                str(i), "0" if bouncer is not None else "1"],
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env) for i in range(n)]
