@@ -119,6 +119,16 @@ class _Pending:
         self.list_page = list_page  # a tools/list answer to rewrite; True for the first page
 
 
+
+def _pending_request(method: str, params: Any) -> _Pending:
+    """What is remembered of a request sent downstream; the first page of tools/list gets the status tools."""
+    if method != "tools/list":
+        return _Pending(method)
+    entry = _Pending(method, list_page=True)
+    if not (isinstance(params, dict) and params.get("cursor")):
+        entry.tool = ""
+    return entry
+
 class Relay:
     """Relays one client's session to one downstream, with tool health in front of its tools."""
 
@@ -261,13 +271,7 @@ class Relay:
                     or params["name"] in self._by_served:
                 return self._call_tool(request_id, message, line)
             return self._call_tool_now(request_id, message, line, params)
-        if method == "tools/list":
-            entry = _Pending(method, list_page=True)
-            if not (isinstance(params, dict) and params.get("cursor")):
-                entry.tool = ""  # the first page: the status tools go there
-        else:
-            entry = _Pending(method)
-        self._track(request_id, entry)
+        self._track(request_id, _pending_request(method, params))
         return self.downstream.send(line)
 
     def _cancelled(self, message: dict[str, Any]) -> None:
@@ -372,14 +376,7 @@ class Relay:
             else:
                 self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
             return
-        if method == "tools/list":
-            params = message.get("params")
-            entry = _Pending(method, list_page=True)
-            if not (isinstance(params, dict) and params.get("cursor")):
-                entry.tool = ""  # the first page: the status tools go there
-        else:
-            entry = _Pending(method)
-        self._track(request_id, entry)
+        self._track(request_id, _pending_request(method, message.get("params")))
         await self._send(line)
 
     async def _client_initialize(self, request_id: Any, message: dict[str, Any], line: bytes) -> None:
