@@ -4,6 +4,7 @@ from __future__ import annotations
 import contextlib
 import json
 import os
+import shutil
 import sqlite3
 import subprocess
 import sys
@@ -344,6 +345,8 @@ def test_a_skewed_clock_neither_enables_nor_pins_a_tool_for_the_others(
         open_handle: Open, target: str, clock: Any, skew: str) -> None:
     if "libasan" in os.environ.get("LD_PRELOAD", ""):
         pytest.skip("libfaketime and a preloaded sanitizer runtime hang together")
+    if shutil.which("faketime") is None:
+        pytest.skip("faketime is not installed (Debian: apt-get install faketime)")
     clock.now = time.time()
     a = open_handle()
     for _ in range(3):

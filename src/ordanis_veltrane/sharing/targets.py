@@ -108,7 +108,7 @@ def _check_postgres_url(url: str) -> None:
     try:
         from psycopg.conninfo import conninfo_to_dict
     except ImportError as exc:
-        raise ValueError(f"{shown!r} needs psycopg: install the 'postgres' extra ({exc})") from None
+        raise ValueError(f"the PostgreSQL URL {shown!r} needs psycopg: install the 'postgres' extra ({exc})") from None
     try:
         params = conninfo_to_dict(url)
     except Exception as exc:
