@@ -194,17 +194,7 @@ def bound_answer(summary: list[dict[str, Any]], threads: dict[str, Any], max_byt
         records.append(copy)
         record_cuts.append(n)
     cuts = list(record_cuts)
-    note: dict[str, Any] = {
-        "reason": f"the full answer would exceed {max_bytes} bytes of JSON",
-        "max_bytes": max_bytes,
-        "tools_left_out": 0,
-        "calls_of_tools_left_out": 0,
-        "errors_of_tools_left_out": 0,
-        "usage_rows_left_out": 0,
-        "tools_with_usage_left_out": 0,
-        "texts_cut": 0,
-        "text_limit_chars": MAX_TEXT_CHARS,
-    }
+    note = _truncation_note(max_bytes, usage=True)
     # The fixed part: the thread report, the note (with room for its numbers to grow), and a
     # place for every tool's usage_left_out.
     budget = max_bytes - answer_size({"tool_health": [], "threads": threads, "truncated": note}) - 16 * len(note)
@@ -279,6 +269,21 @@ def _number(value: Any) -> float:
     return value if type(value) in (int, float) and value == value else 0
 
 
+def _truncation_note(max_bytes: int, *, usage: bool) -> dict[str, Any]:
+    """The ``truncated`` member of a bounded answer, its counts at zero; `usage` adds the usage rows'."""
+    note: dict[str, Any] = {
+        "reason": f"the full answer would exceed {max_bytes} bytes of JSON",
+        "max_bytes": max_bytes,
+        "tools_left_out": 0,
+        "calls_of_tools_left_out": 0,
+        "errors_of_tools_left_out": 0,
+    }
+    if usage:
+        note.update(usage_rows_left_out=0, tools_with_usage_left_out=0)
+    note.update(texts_cut=0, text_limit_chars=MAX_TEXT_CHARS)
+    return note
+
+
 def bound_performance_stats(answer: dict[str, Any], max_bytes: int = DEFAULT_MAX_BYTES) -> dict[str, Any]:
     """The ``get_tool_performance_stats`` answer, at most `max_bytes` of JSON measured as ``status`` is.
 
@@ -291,15 +296,7 @@ def bound_performance_stats(answer: dict[str, Any], max_bytes: int = DEFAULT_MAX
     tools = answer.get("tools")
     tools = tools if isinstance(tools, list) else []
     cut_tools = [_cut_texts(r, ("name",))[0] if isinstance(r, dict) else r for r in tools]
-    note: dict[str, Any] = {
-        "reason": f"the full answer would exceed {max_bytes} bytes of JSON",
-        "max_bytes": max_bytes,
-        "tools_left_out": 0,
-        "calls_of_tools_left_out": 0,
-        "errors_of_tools_left_out": 0,
-        "texts_cut": 0,
-        "text_limit_chars": MAX_TEXT_CHARS,
-    }
+    note = _truncation_note(max_bytes, usage=False)
     others = {k: v for k, v in answer.items() if k != "tools"}
     budget = max_bytes - answer_size({**others, "tools": [], "truncated": note}) - 16 * len(note)
     # Each record's size in the indented answer: its compact text plus its line breaks and indents.
