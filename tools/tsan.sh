@@ -3,7 +3,7 @@
 # CPython that was itself built with ThreadSanitizer (../shared/python/freethreaded.sh with
 # TSAN=1, made here if missing: about 5 minutes the first time), with the GIL off.
 #
-#   tools/tsan.sh                                      # stress and the re-entrancy fuzzer, briefly
+#   tools/tsan.sh                                      # stress, syncs under calls, the re-entrancy fuzzer, briefly
 #   tools/tsan.sh benchmarks/stress.py --calls 200000  # any Python command line
 #
 # A data race that TSan reports in the module fails the run (exit 66). The interpreter's own
@@ -39,6 +39,8 @@ if (($#)); then
   exec "$python" "$@"
 fi
 "$python" benchmarks/stress.py --calls 100000 --threads 4
+# Calls on four threads while a fifth syncs with a SQLite store: the change sets taken and applied.
+"$python" benchmarks/sync_race.py --threads 4 --calls 5000
 # The hostile batches leave out the callbacks that empty, replace or refill the maps from inside
 # a key's hash or eq: the 3.13t dict corrupts its heap under that churn alone (benchmarks/dict_churn.py).
 for seed in 1 2 3 4; do
