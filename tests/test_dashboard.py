@@ -2,10 +2,8 @@
 whose metrics port is taken serving on without metrics."""
 
 import json
-import shutil
 import socket
 import subprocess
-import sys
 import time
 import urllib.parse
 import urllib.request
@@ -19,8 +17,7 @@ pytest.importorskip("mcp")
 pytest.importorskip("prometheus_client")
 
 import anyio  # noqa: E402
-from conftest import child_env  # noqa: E402
-from mcp import ClientSession, StdioServerParameters, stdio_client  # noqa: E402
+from conftest import need, stdio_session  # noqa: E402
 
 DASHBOARD = Path(__file__).parents[1] / "examples" / "grafana" / "tool-health.json"
 pytestmark = pytest.mark.skipif(not DASHBOARD.is_file(), reason="runs from a checkout, next to examples/")
@@ -41,9 +38,7 @@ def query(base: str, expr: str) -> list[Any]:
 
 
 def test_every_panel_has_data_from_a_real_prometheus(tmp_path: Path) -> None:
-    prometheus = shutil.which("prometheus")
-    if prometheus is None:
-        pytest.skip("prometheus is not installed (Debian: apt-get install prometheus)")
+    prometheus = need("prometheus")
     exprs = [t["expr"].replace("$__rate_interval", "1m") for p in json.loads(DASHBOARD.read_text())["panels"]
              for t in p["targets"]]
     assert len(exprs) >= 5
@@ -61,14 +56,8 @@ def test_every_panel_has_data_from_a_real_prometheus(tmp_path: Path) -> None:
     async def scenario() -> None:
         async with AsyncExitStack() as stack:
             errlog = stack.enter_context(open(log, "a"))
-            sessions = []
-            for port in [*ports, ports[0]]:  # the third finds its port taken
-                params = StdioServerParameters(command=sys.executable, args=[*common, "--metrics-port", str(port)],
-                                               env=child_env())
-                read, write = await stack.enter_async_context(stdio_client(params, errlog=errlog))
-                session = await stack.enter_async_context(ClientSession(read, write))
-                await session.initialize()
-                sessions.append(session)
+            sessions = [await stack.enter_async_context(stdio_session([*common, "--metrics-port", str(port)], errlog))
+                        for port in [*ports, ports[0]]]  # the third finds its port taken
             server = subprocess.Popen(
                 [prometheus, f"--config.file={tmp_path / 'prometheus.yml'}", f"--storage.tsdb.path={tmp_path / 'tsdb'}",
                  f"--web.listen-address=127.0.0.1:{web}"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
