@@ -47,13 +47,13 @@ def need(program: str) -> str:
 
 
 @contextlib.asynccontextmanager
-async def stdio_session(args: list[str], log: Any, command: str = sys.executable,
-                        env: dict[str, str] | None = None) -> AsyncIterator[Any]:
+async def stdio_session(args: list[str], log: Any, command: str = sys.executable, env: dict[str, str] | None = None,
+                        cwd: Path | None = None) -> AsyncIterator[Any]:
     """The SDK's ClientSession, initialized, with the MCP server `command *args` over stdio; its stderr goes to
     `log`, a path (appended to) or an open file."""
     from mcp import ClientSession, StdioServerParameters, stdio_client
 
-    params = StdioServerParameters(command=command, args=args, env=child_env() if env is None else env)
+    params = StdioServerParameters(command=command, args=args, env=child_env() if env is None else env, cwd=cwd)
     with open(log, "a") if isinstance(log, (str, Path)) else contextlib.nullcontext(log) as errlog:
         async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
             await session.initialize()
