@@ -4,7 +4,7 @@ the keyword configuration. The console scripts: test_packaging."""
 
 import sqlite3
 from pathlib import Path
-from typing import Any, Iterator
+from typing import Any
 
 import pytest
 
@@ -16,13 +16,7 @@ from mcp.server.mcpserver import MCPServer  # noqa: E402
 
 from ordanis_veltrane.mcp_guard import ToolGuard, ToolsConfig  # noqa: E402
 from ordanis_veltrane.sharing.operators import DecisionStore  # noqa: E402
-from ordanis_veltrane.tool_handlers import health  # noqa: E402
-
-
-@pytest.fixture(autouse=True)
-def restore(monkeypatch: pytest.MonkeyPatch) -> Iterator[None]:
-    monkeypatch.setattr(health, "TOOLS", health.TOOLS)
-    yield
+from test_mcp import restore  # noqa: E402,F401 (autouse)
 
 
 def names(tools: Any) -> list[str]:
