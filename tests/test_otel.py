@@ -238,7 +238,8 @@ def test_zero_code_under_opentelemetry_instrument_scrapes_clean(tmp_path: Path) 
     assert re.search(r'^veltrane_tool_health_usage_total\{gen_ai_tool_name="search",[^}]*'
                      r'veltrane_tool_action="text",veltrane_tool_alias_hit="true",veltrane_tool_outcome="ok"\} 1\.0$',
                      scrape, re.M)
-    check = subprocess.run([need("promtool"), "check", "metrics"], input=scrape, capture_output=True, text=True, timeout=60)
+    check = subprocess.run([need("promtool"), "check", "metrics"], input=scrape, capture_output=True, text=True,
+                           timeout=60)
     assert check.returncode == 0, check.stdout + check.stderr
 
 
