@@ -6,7 +6,6 @@ import subprocess
 import sys
 from pathlib import Path
 
-
 from conftest import child_env
 
 
