@@ -1,12 +1,14 @@
 """Shared fixtures: a real SQLite repository, a fake clock, a test registry and fake databases."""
 
+import contextlib
 import os
+import shutil
 import sys
 import threading
 import types
 from dataclasses import make_dataclass
 from pathlib import Path
-from typing import Any, Callable, Iterator, NoReturn
+from typing import Any, AsyncIterator, Callable, Iterator, NoReturn
 
 import pytest
 
@@ -36,6 +38,26 @@ def throw(error: BaseException) -> NoReturn:  # raise, as an expression
 def child_env() -> dict[str, str]:
     """The environment as it is (a sanitizer preload included), with the package under test first."""
     return {**os.environ, "PYTHONPATH": os.pathsep.join([str(Path(health.__file__).parents[2]), *sys.path])}
+
+
+def need(program: str) -> str:
+    """The program's path; the test skips where it is not installed."""
+    path = shutil.which(program, path=os.pathsep.join([str(Path(sys.executable).parent), os.environ.get("PATH", "")]))
+    return path if path is not None else pytest.skip(f"{program} is not installed")
+
+
+@contextlib.asynccontextmanager
+async def stdio_session(args: list[str], log: Any, command: str = sys.executable, env: dict[str, str] | None = None,
+                        cwd: Path | None = None) -> AsyncIterator[Any]:
+    """The SDK's ClientSession, initialized, with the MCP server `command *args` over stdio; its stderr goes to
+    `log`, a path (appended to) or an open file."""
+    from mcp import ClientSession, StdioServerParameters, stdio_client
+
+    params = StdioServerParameters(command=command, args=args, env=child_env() if env is None else env, cwd=cwd)
+    with open(log, "a") if isinstance(log, (str, Path)) else contextlib.nullcontext(log) as errlog:
+        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
+            await session.initialize()
+            yield session
 
 
 class FakeClock:  # stands in for the `time` module on `health`; counts its reads

@@ -3,12 +3,13 @@ and, for promtool, valid and firing exactly where they should on made-up series.
 
 import json
 import re
-import shutil
 import subprocess
 from pathlib import Path
 from typing import Any
 
 import pytest
+
+from conftest import need
 
 RULES = Path(__file__).resolve().parent.parent / "examples" / "prometheus" / "tool-health.rules.yml"
 pytestmark = pytest.mark.skipif(not RULES.is_file(), reason="runs from a checkout, next to examples/")
@@ -35,9 +36,7 @@ def alert(instance: str, summary: str, tool: str | None = None) -> dict[str, Any
 
 
 def test_promtool(tmp_path: Path) -> None:
-    promtool = shutil.which("promtool")
-    if promtool is None:
-        pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
+    promtool = need("promtool")
     check = subprocess.run([promtool, "check", "rules", str(RULES)], capture_output=True, text=True, timeout=60)
     assert check.returncode == 0, check.stdout + check.stderr
     a, b, c = "a:9464", "b:9464", "c:9464"

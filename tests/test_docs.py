@@ -21,7 +21,7 @@ from unittest import SkipTest
 
 import pytest
 
-from conftest import child_env
+from conftest import child_env, stdio_session
 from ordanis_veltrane.tool_handlers import health
 from ordanis_veltrane.utils.timing import get_timing_collector
 
@@ -56,20 +56,16 @@ class McpServer(threading.Thread):
 
     def run(self) -> None:
         import anyio
-        from mcp import ClientSession, StdioServerParameters, stdio_client
 
         async def main() -> None:
             command, args, env = self.params
-            params = StdioServerParameters(command=command, args=args, env=env, cwd=str(self.cwd))
-            with open(self.cwd / "server.log", "a") as log:
-                async with stdio_client(params, errlog=log) as (read, write), ClientSession(read, write) as session:
-                    await session.initialize()
-                    self.tools = [t.name for t in (await session.list_tools()).tools]
-                    status = next(n for n in ("status", "health_status") if n in self.tools)
-                    answer = await session.call_tool(status, {})
-                    assert not answer.is_error and "tool_health" in answer.content[0].text, answer
-                    self.ready.set()
-                    await anyio.to_thread.run_sync(self.done.wait)
+            async with stdio_session(args, self.cwd / "server.log", command, env, self.cwd) as session:
+                self.tools = [t.name for t in (await session.list_tools()).tools]
+                status = next(n for n in ("status", "health_status") if n in self.tools)
+                answer = await session.call_tool(status, {})
+                assert not answer.is_error and "tool_health" in answer.content[0].text, answer
+                self.ready.set()
+                await anyio.to_thread.run_sync(self.done.wait)
 
         try:
             anyio.run(main)

@@ -116,7 +116,8 @@ def test_reader_conversions_and_duplicates(monkeypatch) -> None:
 
 
 texts = st.text(st.characters(codec="ascii"), max_size=5)
-rows = st.builds(row, texts, st.one_of(st.none(), texts), texts, st.booleans(), st.integers(-2**63, 2**63 - 1),
+actions = st.one_of(st.none(), texts, st.integers(-5, 12), st.floats(-5, 5, allow_nan=False))  # numbers stay numbers
+rows = st.builds(row, texts, actions, texts, st.booleans(), st.integers(-2**63, 2**63 - 1),
                  st.integers(-2**70, 2**70), st.floats(allow_nan=False))
 
 

@@ -8,20 +8,19 @@ import sqlite3
 import subprocess
 import sys
 import threading
-from contextlib import asynccontextmanager
 from pathlib import Path
-from typing import Any, AsyncIterator, Callable, Iterable, Iterator
+from typing import Any, Callable, Iterable, Iterator
 
 import pytest
 
 pytest.importorskip("mcp")
 
 import anyio  # noqa: E402
-from mcp import Client, ClientSession, StdioServerParameters, stdio_client  # noqa: E402
+from mcp import Client  # noqa: E402
 from mcp.server.mcpserver import MCPServer  # noqa: E402
 from mcp.types import CallToolResult, TextContent  # noqa: E402
 
-from conftest import child_env  # noqa: E402
+from conftest import child_env, stdio_session as stdio  # noqa: E402
 from pgcluster import pg_cluster, pg_url  # noqa: E402, F401 - fixtures
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
 from ordanis_veltrane.mcp_guard import ToolGuard  # noqa: E402
@@ -76,16 +75,6 @@ def terminate_after_calls(args: list[str], *calls: dict[str, Any]) -> None:
         assert server.wait(20) == 0
     finally:
         server.kill()
-
-
-@asynccontextmanager
-async def stdio(args: list[str], log: Path) -> AsyncIterator[ClientSession]:
-    """A ClientSession with the MCP server `python *args` over stdio; its stderr goes to `log`."""
-    params = StdioServerParameters(command=sys.executable, args=args, env=child_env())
-    with open(log, "a") as errlog:
-        async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
-            await session.initialize()
-            yield session
 
 
 def test_example_server_over_stdio_disables_keeps_it_across_a_restart_reports_and_writes_on_sigterm(
@@ -153,7 +142,7 @@ def make_server(repository: Any, keep: Iterable[str] | None = None, cooldown: fl
         raise ValueError(f"bad input {next(runs)}")
 
     async def fails_async() -> str:
-        raise ValueError(f"bad input {next(runs)}")
+        return fails()
 
     def error_result() -> CallToolResult:
         return CallToolResult(content=[TextContent(type="text", text=f"bad input {next(runs)}")], is_error=True)
@@ -165,12 +154,9 @@ def make_server(repository: Any, keep: Iterable[str] | None = None, cooldown: fl
         return "done"
 
     def picky(n: int) -> int:
-        if n < 0:
-            raise ValueError(f"n must not be negative, got {n}")
-        if n == 1:
-            raise LookupError("no such item")
-        if n == 0:
-            raise RuntimeError("backend down")
+        if n <= 1:
+            raise {1: LookupError("no such item"), 0: RuntimeError("backend down")}.get(
+                n, ValueError(f"n must not be negative, got {n}"))
         return n
 
     def blocks() -> str:
@@ -292,11 +278,8 @@ def test_the_store_is_found_as_psql_finds_it_and_no_password_is_ever_shown(
     server = [sys.executable, "-m", "ordanis_veltrane.mcp_server", "--flush-interval", "0"]
 
     async def calls(db: str, *tools: str) -> list[str]:
-        params = StdioServerParameters(command=server[0], args=[*server[1:], "--db", db], env=env)
-        with open(tmp_path / "log", "a") as log:
-            async with stdio_client(params, errlog=log) as (read, write), ClientSession(read, write) as session:
-                await session.initialize()
-                return [text(await session.call_tool(tool, {"query": "q"})) for tool in tools]
+        async with stdio([*server[1:], "--db", db], tmp_path / "log", env=env) as session:
+            return [text(await session.call_tool(tool, {"query": "q"})) for tool in tools]
 
     anyio.run(calls, target, "search", "search")
     with psycopg.connect(store) as conn:

@@ -47,6 +47,17 @@ def test_load_and_a_missing_import(blocked: str | None) -> None:
     assert (outcome, loaded) == expected and threads == 1 and database is False
 
 
+@pytest.mark.parametrize(("module", "needs", "extra"), [("ordanis_veltrane.otel", "opentelemetry", "[otel]"), (
+    "ordanis_veltrane.tool_handlers.health_metrics", "prometheus_client", "[metrics]")])
+def test_health_imports_no_telemetry_and_each_integration_names_its_extra(module: str, needs: str, extra: str) -> None:
+    code = ("import sys\nfrom ordanis_veltrane.tool_handlers import health, health_view\n"
+            "assert not {'opentelemetry', 'prometheus_client'} & set(sys.modules)\n"
+            f"sys.modules[{needs!r}] = None\nimport {module}")
+    done = subprocess.run([sys.executable, "-c", code], env=child_env(), capture_output=True, text=True, timeout=60)
+    last = done.stderr.splitlines()[-1]  # the error that ends the run: not an AssertionError
+    assert last.startswith("ImportError: ") and extra in last, done.stderr
+
+
 @pytest.mark.skipif(shutil.which("nm") is None, reason="nm is not installed")
 def test_only_the_init_entry_is_exported() -> None:
     done = subprocess.run(["nm", "-D", "--defined-only", health.__file__], capture_output=True, text=True, check=True)

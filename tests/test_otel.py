@@ -4,9 +4,7 @@ the zero-code run of the example server under opentelemetry-instrument, and the 
 
 import gc
 import json
-import os
 import re
-import shutil
 import socket
 import subprocess
 import sys
@@ -25,7 +23,7 @@ from opentelemetry.sdk.trace import TracerProvider  # noqa: E402
 from opentelemetry.sdk.trace.export import SimpleSpanProcessor  # noqa: E402
 from opentelemetry.sdk.trace.export.in_memory_span_exporter import InMemorySpanExporter  # noqa: E402
 
-from conftest import child_env  # noqa: E402
+from conftest import child_env, need, stdio_session  # noqa: E402
 from ordanis_veltrane import otel  # noqa: E402
 from ordanis_veltrane.config import ToolsConfig  # noqa: E402
 from ordanis_veltrane.repository import Repository  # noqa: E402
@@ -206,25 +204,12 @@ def test_without_an_sdk_nothing_is_recorded_and_a_provider_set_later_is_followed
     assert done.returncode == 0, done.stderr
 
 
-def test_the_module_names_its_extra_and_health_imports_no_telemetry() -> None:
-    code = ("import sys\nfrom ordanis_veltrane.tool_handlers import health, health_view\n"
-            "assert not {'opentelemetry', 'prometheus_client'} & set(sys.modules)\n"
-            "sys.modules['opentelemetry'] = None\nfrom ordanis_veltrane import otel")
-    done = subprocess.run([sys.executable, "-c", code], env=child_env(), capture_output=True, text=True, timeout=60)
-    last = done.stderr.splitlines()[-1]
-    assert last.startswith("ImportError: ") and "[otel]" in last, done.stderr
-
-
 def test_zero_code_under_opentelemetry_instrument_scrapes_clean(tmp_path: Path) -> None:
     """Needs the observers wired into the example server's calls (the guard reports to them)."""
     pytest.importorskip("mcp")
     pytest.importorskip("opentelemetry.exporter.prometheus")
-    instrument = shutil.which("opentelemetry-instrument",
-                              path=os.pathsep.join([str(Path(sys.executable).parent), os.environ.get("PATH", "")]))
-    if instrument is None:
-        pytest.skip("opentelemetry-instrument is not installed (opentelemetry-distro)")
+    instrument = need("opentelemetry-instrument")  # opentelemetry-distro
     import anyio
-    from mcp import ClientSession, StdioServerParameters, stdio_client
 
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -236,15 +221,12 @@ def test_zero_code_under_opentelemetry_instrument_scrapes_clean(tmp_path: Path) 
               "--disable-after", "2"]
 
     async def scenario() -> str:
-        params = StdioServerParameters(command=instrument, args=server, env=env)
-        with open(tmp_path / "server.log", "w") as errlog:
-            async with stdio_client(params, errlog=errlog) as (read, write), ClientSession(read, write) as session:
-                await session.initialize()
-                await session.call_tool("search", {"query": "q", "action": "grep"})
-                for _ in range(3):
-                    await session.call_tool("always_fails", {})
-                with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=10) as answer:
-                    return str(answer.read().decode("utf-8"))
+        async with stdio_session(server, tmp_path / "server.log", command=instrument, env=env) as session:
+            await session.call_tool("search", {"query": "q", "action": "grep"})
+            for _ in range(3):
+                await session.call_tool("always_fails", {})
+            with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=10) as answer:
+                return str(answer.read().decode("utf-8"))
 
     scrape = anyio.run(scenario)
     counts = {(tool, error): float(value) for error, tool, value in re.findall(
@@ -256,18 +238,13 @@ def test_zero_code_under_opentelemetry_instrument_scrapes_clean(tmp_path: Path) 
     assert re.search(r'^veltrane_tool_health_usage_total\{gen_ai_tool_name="search",[^}]*'
                      r'veltrane_tool_action="text",veltrane_tool_alias_hit="true",veltrane_tool_outcome="ok"\} 1\.0$',
                      scrape, re.M)
-    promtool = shutil.which("promtool")
-    if promtool is None:
-        pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
-    check = subprocess.run([promtool, "check", "metrics"], input=scrape, capture_output=True, text=True, timeout=60)
+    check = subprocess.run([need("promtool"), "check", "metrics"], input=scrape, capture_output=True, text=True,
+                           timeout=60)
     assert check.returncode == 0, check.stdout + check.stderr
 
 
 def test_readme_error_ratio_query_with_promtool(tmp_path: Path) -> None:
-    promtool = shutil.which("promtool")
-    if promtool is None:
-        pytest.skip("promtool is not installed (Debian: apt-get install prometheus)")
-    page = ROOT / "docs" / "operators.md"
+    promtool, page = need("promtool"), ROOT / "docs" / "operators.md"
     if not page.is_file():
         pytest.skip("runs from a checkout, next to docs/")
     section = page.read_text().split("## OpenTelemetry\n", 1)[1].split("\n## ", 1)[0]

@@ -3,6 +3,7 @@
 metadata names the maintainers and the license it carries."""
 
 import importlib.metadata
+import importlib.util
 import json
 import os
 import shutil
@@ -125,7 +126,8 @@ def test_module_built_into_a_daemon_package(tmp_path: Path) -> None:
 
 
 def test_installed_metadata() -> None:
-    """The installed wheel says who maintains it, under which license, and carries that license."""
+    """The installed wheel says who maintains it, under which license, and carries that license; its console
+    scripts name callables."""
     try:
         dist = importlib.metadata.distribution("ordanis-veltrane-health")
     except importlib.metadata.PackageNotFoundError:
@@ -139,3 +141,9 @@ def test_installed_metadata() -> None:
                                         " <maintainers@users.noreply.c-seed-a084835f.example>")
     licenses = [f for f in dist.files or () if f.name == "LICENSE"]
     assert licenses and "Copyright (c) 2026 The ordanis_veltrane maintainers" in licenses[0].read_text()
+    scripts = {ep.name: ep for ep in dist.entry_points if ep.group == "console_scripts"}
+    assert set(scripts) == {"veltrane-health", "veltrane-proxy", "veltrane-example-server"}
+    needs = {"ordanis_veltrane.mcp_proxy": "fastmcp", "ordanis_veltrane.mcp_server": "mcp"}  # their extras
+    for script in scripts.values():
+        if script.module not in needs or importlib.util.find_spec(needs[script.module]):
+            assert callable(script.load())

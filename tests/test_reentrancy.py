@@ -109,6 +109,14 @@ def populated(db: Any = None, tools: int = 4) -> Any:
     return t
 
 
+def host_record(t: Any, name: str, read: Callable[[str, Any], Any]) -> None:
+    """Puts a host record in place of `name`'s, marked, whose fields are read through read(field, value)."""
+    values = {f: getattr(t._state[name], f) for f in FIELDS}
+    t._state[name] = type("Host", (), {f: property(lambda self, f=f: read(f, values[f]),
+                                                   lambda self, v, f=f: values.__setitem__(f, v)) for f in FIELDS})()
+    t._dirty.add(name)
+
+
 def still_works(t: Any) -> None:
     """Emptied, the tracker answers exactly, and its lock is free."""
     for field in ("_state", "_usage", "_dirty"):
@@ -179,11 +187,7 @@ def test_callback_changes_the_maps_being_walked(env: FakeClock, monkeypatch: pyt
         elif hook == "name":  # compared with the records' names as the summary groups the usage rows
             t.record_call(name_type("t1"), "c", "ok", alias_hit=False, duration_ms=1.0)
         elif hook == "getter":
-            values = {f: getattr(t._state["t0"], f) for f in FIELDS}
-            t._state["t0"] = type("Firing", (), {f: property(lambda self, f=f: fire() or values[f],
-                                                             lambda self, v, f=f: values.__setitem__(f, v))
-                                                 for f in FIELDS})()
-            t._dirty.add("t0")
+            host_record(t, "t0", lambda f, value: fire() or value)
         runs.append((*outcome(lambda: getattr(t, operation)(*args)), db.written))
     (_, expected, written), (kind, answer, written_now) = runs
     assert kind == "error" or (answer, written_now) == (expected, written)
@@ -215,8 +219,7 @@ def test_field_assignment(env: FakeClock, field: str, value: Any) -> None:
 
 def test_failed_acquire_holds_nothing(env: FakeClock) -> None:
     """A lock whose acquire raises: the operation raises that error, and the tracker is not held afterwards."""
-    t = populated()
-    t._lock = types.SimpleNamespace(acquire=lambda: throw(Boom("acquire")), release=lambda: None)
+    t, t._lock = populated(), types.SimpleNamespace(acquire=lambda: throw(Boom("acquire")), release=lambda: None)
     pytest.raises(Boom, t.record_success, "t1")
     t._lock = threading.Lock()
     still_works(t)
@@ -257,10 +260,7 @@ def test_raising_record_field_reaches_the_caller(env: FakeClock, operation: str,
     it is pending), and a failed flush keeps its marks."""
     t = populated()
     t.flush()
-    values = {f: getattr(t._state["t1"], f) for f in FIELDS}
-    t._state["t1"] = type("Raising", (), {f: property(lambda self, f=f: values[f] if f != field else throw(Boom(f)))
-                                          for f in FIELDS})()
-    t._dirty.add("t1")
+    host_record(t, "t1", lambda f, value: value if f != field else throw(Boom(f)))
     pytest.raises(Boom, getattr(t, operation))
     assert t.has_unsaved_changes and not t._lock.locked()
 

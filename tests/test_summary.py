@@ -1,17 +1,15 @@
 """The health summary against an oracle: order, map shapes, defaults, mean times, slow calls, actions of any kind
-(a raising is_slow_call: test_hostile)."""
+(enum members, numbers and bytes sort as their text; numbers read back from the document: test_history; a raising
+is_slow_call: test_hostile)."""
 
 import enum
-import json
-import types
 from datetime import datetime, timezone
 from typing import Any
 
-import pytest
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
-from conftest import MEMBERS, MemDb, tracker_over
+from conftest import MemDb, tracker_over
 from ordanis_veltrane.tool_handlers import health
 
 
@@ -87,14 +85,3 @@ def test_summary_matches_oracle(monkeypatch, state_fields, usage) -> None:
         record["usage"].clear()
     assert tracker.get_health_summary() == oracle(tracker, is_slow) and not tracker.has_unsaved_changes
     assert all(name in state_fields for name in tracker._state)
-
-
-def test_actions_of_any_kind_sort_as_their_text(monkeypatch: pytest.MonkeyPatch) -> None:
-    """Enum members, numbers (also as read back from the document) and bytes beside text: ordered by str()."""
-    monkeypatch.setattr(health, "TOOLS", {"t": types.SimpleNamespace(action=lambda action: action)})
-    doc = json.dumps([dict(zip(MEMBERS, ("t", a, "ok", False, 1, 0, 0.0))) for a in (12, "b", None, 3.5)])
-    tracker = tracker_over(MemDb((), (doc,)))
-    for action in (Kind.SYM, b"a", "None", Kind.TEXT, 12):
-        tracker.record_call("t", action, "ok", alias_hit=False, duration_ms=None)
-    got = [(r["action"], r["calls"]) for r in tracker.get_health_summary()[0]["usage"]]
-    assert got == [(12, 2), (3.5, 1), (Kind.SYM, 1), (Kind.TEXT, 1), (None, 1), ("None", 1), ("b", 1), (b"a", 1)]
