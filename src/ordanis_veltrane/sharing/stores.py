@@ -44,6 +44,9 @@ PG_STATEMENT_TIMEOUT_MS = 5000
 # at most this long: the connection is cut from the client's side.
 PG_EXCHANGE_TIMEOUT_S = 6.0
 MIRROR_EVERY_S = 30.0
+# How often a PostgreSQL sync also reads back the counts the other processes changed (every usage
+# row and every tool's counts); the other syncs read only the tools whose health registers changed.
+TOTALS_EVERY_S = 30.0
 # A writer whose clock is further than this from the store's has its times moved onto the store's.
 SKEW_TOLERANCE_S = 2.0
 _T = TypeVar("_T")
@@ -407,6 +410,21 @@ PG_TABLES = (
         dis_seq BIGINT NOT NULL, updated_at DOUBLE PRECISION NOT NULL, version BIGINT NOT NULL)""",
     """ALTER TABLE sv_health ADD COLUMN IF NOT EXISTS txid BIGINT NOT NULL DEFAULT 0""",
     """CREATE INDEX IF NOT EXISTS sv_health_txid ON sv_health (txid)""",
+    # rtxid: the transaction that last wrote a tool's registers (last_error, disabled_at), stamped by
+    # a trigger so that the writes of every release are stamped, and read at every sync.
+    """ALTER TABLE sv_health ADD COLUMN IF NOT EXISTS rtxid BIGINT NOT NULL DEFAULT 0""",
+    """CREATE INDEX IF NOT EXISTS sv_health_rtxid ON sv_health (rtxid)""",
+    """CREATE OR REPLACE FUNCTION sv_health_stamp_registers() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    IF TG_OP = 'INSERT' OR NEW.err_seq IS DISTINCT FROM OLD.err_seq OR NEW.dis_seq IS DISTINCT FROM OLD.dis_seq
+            OR NEW.disabled_at IS DISTINCT FROM OLD.disabled_at THEN
+        NEW.rtxid := txid_current();
+    END IF;
+    RETURN NEW;
+END $$""",
+    """DROP TRIGGER IF EXISTS sv_health_registers ON sv_health""",
+    """CREATE TRIGGER sv_health_registers BEFORE INSERT OR UPDATE ON sv_health
+        FOR EACH ROW EXECUTE FUNCTION sv_health_stamp_registers()""",
     """CREATE TABLE IF NOT EXISTS sv_usage (
         ukey TEXT PRIMARY KEY, tool TEXT NOT NULL, action TEXT, outcome TEXT NOT NULL, alias_hit BOOLEAN NOT NULL,
         calls BIGINT NOT NULL, timed_calls BIGINT NOT NULL, total_ms DOUBLE PRECISION NOT NULL,
@@ -430,12 +448,12 @@ PG_MERGE_HEALTH = merge_health_sql(
     w.pid, err, CASE WHEN dis = 1 THEN {_PG_SHIFT.format("disabled_at")} END,
     CASE WHEN dis > 0 THEN {_PG_NOW} ELSE {_NO_STAMP} END, w.pid, dis, {_PG_SHIFT.format("updated_at")}, 0,
     txid_current()
-FROM unnest(%s::text[], %s::bigint[], %s::bigint[], %s::text[], %s::int[], %s::int[], %s::float8[], %s::float8[])
+FROM unnest(%b::text[], %b::bigint[], %b::bigint[], %b::text[], %b::int[], %b::int[], %b::float8[], %b::float8[])
     AS u(tool, calls, errors, last_error, err, dis, disabled_at, updated_at),
-    (SELECT %s::text AS pid, %s::float8 AS wnow) w""", "GREATEST", "txid")
+    (SELECT %b::text AS pid, %b::float8 AS wnow) w""", "GREATEST", "txid")
 PG_MERGE_USAGE = merge_usage_sql(
-    "SELECT *, 0, txid_current() FROM unnest(%s::text[], %s::text[], %s::text[], %s::text[], %s::boolean[], "
-    "%s::bigint[], %s::bigint[], %s::float8[])", "txid")
+    "SELECT *, 0, txid_current() FROM unnest(%b::text[], %b::text[], %b::text[], %b::text[], %b::boolean[], "
+    "%b::bigint[], %b::bigint[], %b::float8[])", "txid")
 PG_MIRROR_HEALTH = f"""INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
 SELECT tool, call_count, error_count, last_error, {_PG_TIME.format("disabled_at")}, {_PG_TIME.format("updated_at")}
 FROM sv_health WHERE {{where}}
@@ -445,6 +463,8 @@ last_error = excluded.last_error, disabled_at = excluded.disabled_at, updated_at
 PG_CURSOR = "SELECT txid_snapshot_xmin(txid_current_snapshot())"
 PG_PULL_HEALTH = ("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
                   "WHERE txid >= %s")
+PG_PULL_REGISTERS = ("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at FROM sv_health "
+                     "WHERE rtxid >= %s")
 PG_PULL_USAGE = ("SELECT tool, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
                  "WHERE txid >= %s")
 PG_LEDGER = ("INSERT INTO sv_process (process_id, last_seq, started_at, synced_at) VALUES (%s, %s, {now}, {now}) "
@@ -480,6 +500,14 @@ class PostgresStore:
     committed. A row read twice is harmless: what is read is a total, and taking a total in twice
     moves nothing. A row rewritten since carries the newer stamp and the newer total.
 
+    What a sync reads: the tools whose registers (``last_error``, ``disabled_at``) were written
+    since its registers cursor, stamped ``rtxid`` by a trigger, at every sync; and every row whose
+    counts changed since its cursor (the others' usage counts, most of the map in a busy fleet),
+    only every ``totals_every_s`` seconds or when ``totals_wanted`` is set. Both reads hand back
+    totals, so a read late or twice loses and doubles nothing: the counts shown here lag the
+    shared totals by at most ``totals_every_s`` plus a period, and a disable reaches every
+    process at its next sync.
+
     A sync is one round trip (a pipeline: the ledger, the merges and the commit, then the reads,
     each in a snapshot of its own, with no row locked). Only
     when a batch may already have been applied (its acknowledgement lost) does it first read the
@@ -489,7 +517,8 @@ class PostgresStore:
     """
 
     def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S, *, hold_connection: bool = True,
-                 mirror_every_s: float = MIRROR_EVERY_S, exchange_timeout_s: float = PG_EXCHANGE_TIMEOUT_S) -> None:
+                 mirror_every_s: float = MIRROR_EVERY_S, exchange_timeout_s: float = PG_EXCHANGE_TIMEOUT_S,
+                 totals_every_s: float = TOTALS_EVERY_S) -> None:
         try:
             import psycopg  # noqa: F401
         except ImportError as exc:  # pragma: no cover - exercised where psycopg is missing
@@ -508,6 +537,10 @@ class PostgresStore:
         self.mirror_every_s = mirror_every_s
         self._conn: psycopg.Connection[tuple[Any, ...]] | None = None
         self._cursor = 0  # rows stamped before it have all been read
+        self._registers_cursor = 0  # tools whose registers were written before it have all been read
+        self.totals_every_s = totals_every_s
+        self._totals_at = -float("inf")  # when the counts were last read (monotonic)
+        self.totals_wanted = False  # set to read the counts at the next sync, whatever the time
         self._mirror = _MirrorClock(mirror_every_s)
         self.round_trips = 0  # counted by the code that waits for the server: for the benchmark
         self.connects = 0
@@ -528,7 +561,8 @@ class PostgresStore:
                 present = conn.execute(
                     "SELECT to_regclass('sv_meta') IS NOT NULL AND to_regclass('sv_usage') IS NOT NULL AND "
                     "to_regclass('sv_health') IS NOT NULL AND to_regclass('sv_process') IS NOT NULL AND "
-                    "EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_usage') AND attname = 'txid')"
+                    "EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_usage') AND attname = 'txid') "
+                    "AND EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_health') AND attname = 'rtxid')"
                 ).fetchone()
                 if present and present[0]:
                     present = conn.execute("SELECT EXISTS (SELECT FROM sv_meta)").fetchone()
@@ -628,14 +662,23 @@ class PostgresStore:
                 batch.maybe_applied = True
             conn.execute("COMMIT")
             # Read after the commit, with no row locked: any snapshot will do (see the class's comment).
+            # The counts the others changed are read every totals_every_s; the registers at every sync.
+            totals = self.totals_wanted or time.monotonic() - self._totals_at >= self.totals_every_s
             x = conn.execute(PG_CURSOR)
-            h = conn.execute(PG_PULL_HEALTH, (self._cursor,))
-            u = conn.execute(PG_PULL_USAGE, (self._cursor,))
+            if totals:
+                h = conn.execute(PG_PULL_HEALTH, (self._cursor,))
+                u = conn.execute(PG_PULL_USAGE, (self._cursor,))
+            else:
+                h = conn.execute(PG_PULL_REGISTERS, (self._registers_cursor,))
         self.round_trips += 1
         cursor = x.fetchone()
-        pulled = Pulled(h.fetchall(), u.fetchall())
         assert cursor is not None
-        self._cursor = int(cursor[0])
+        pulled = Pulled(h.fetchall(), u.fetchall() if totals else [])
+        self._registers_cursor = int(cursor[0])
+        if totals:
+            self._cursor = int(cursor[0])
+            self._totals_at = time.monotonic()
+            self.totals_wanted = False
         return pulled
 
     def write_mirror(self, force: bool = False) -> bool:
