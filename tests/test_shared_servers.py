@@ -4,6 +4,7 @@ they serve loses nothing."""
 
 import json
 import sqlite3
+import subprocess
 import sys
 from contextlib import AsyncExitStack
 from pathlib import Path
@@ -17,7 +18,7 @@ import anyio  # noqa: E402
 from conftest import child_env  # noqa: E402
 from mcp import ClientSession, StdioServerParameters, stdio_client  # noqa: E402
 from mcp.types import TextContent  # noqa: E402
-from pgcluster import pg_cluster, pg_url  # noqa: E402, F401 - fixtures
+from pgcluster import pg_bouncer, pg_bouncer_url, pg_cluster, pg_url  # noqa: E402, F401 - fixtures
 
 REFUSED = "is disabled after repeated errors; last error: the backend is unreachable (attempt 3)"
 
@@ -27,7 +28,7 @@ def stored(target: str) -> tuple[dict[str, tuple[int, int]], dict[tuple[str, str
     if target.startswith("postgresql://"):
         import psycopg
 
-        with psycopg.connect(target) as conn:
+        with psycopg.connect(target.partition("?")[0]) as conn:
             rows = conn.execute("SELECT tool_name, call_count, error_count FROM tool_health").fetchall()
             (doc,) = conn.execute("SELECT value FROM schema_info WHERE key = 'tool_usage'").fetchone() or ("[]",)
     else:
@@ -40,15 +41,24 @@ def stored(target: str) -> tuple[dict[str, tuple[int, int]], dict[tuple[str, str
     return {r[0]: (r[1], r[2]) for r in rows}, usage
 
 
-@pytest.mark.parametrize("store", ["sqlite", "postgres"])
+def bouncer_clients(port: int) -> int:
+    """Established connections to PgBouncer's port (its side of each), from the kernel's table."""
+    with open("/proc/net/tcp") as f:
+        return sum(1 for line in f.readlines()[1:]
+                   if int(line.split()[1].split(":")[1], 16) == port and line.split()[3] == "01")
+
+
+@pytest.mark.parametrize("store", ["sqlite", "postgres", "pgbouncer"])
 def test_three_servers_keep_every_call_and_share_a_disable(store: str, tmp_path: Path,
                                                            request: pytest.FixtureRequest) -> None:
     cluster: Any = None
     if store == "sqlite":
         target = str(tmp_path / "shared.db")
-    else:
+    elif store == "postgres":
         target = request.getfixturevalue("pg_url")
         cluster = request.getfixturevalue("pg_cluster")
+    else:  # through a pooler in transaction mode, connecting for each sync only: the URL says so
+        target = request.getfixturevalue("pg_bouncer_url") + "?connect_timeout=5&hold_connection=false"
     args = ["-m", "ordanis_veltrane.mcp_server", "--db", target, "--flush-interval", "0.2", "--disable-after", "3",
             "--cooldown", "600"]
 
@@ -79,6 +89,13 @@ def test_three_servers_keep_every_call_and_share_a_disable(store: str, tmp_path:
                 await anyio.sleep(0.5)  # syncs fail meanwhile
                 await anyio.to_thread.run_sync(cluster.start)
             await round_of_searches()
+            if store == "pgbouncer":  # between their syncs (every 0.2 s), the servers hold no connection
+                port = request.getfixturevalue("pg_bouncer").port
+                seen = []
+                for _ in range(40):
+                    seen.append(bouncer_clients(port))
+                    await anyio.sleep(0.05)
+                assert min(seen) == 0, seen
 
             for _ in range(3):
                 await sessions[0].call_tool("always_fails", {})
@@ -105,3 +122,7 @@ def test_three_servers_keep_every_call_and_share_a_disable(store: str, tmp_path:
     assert usage["always_fails", "disabled"] == 3
     if cluster is not None:
         assert "reachable again" in (tmp_path / "servers.log").read_text()
+    if store == "pgbouncer":  # the operators' command takes the same URL
+        operators = subprocess.run([sys.executable, "-m", "ordanis_veltrane.health_cli", "--db", target, "status"],
+                                   capture_output=True, text=True, env=child_env(), timeout=60)
+        assert operators.returncode == 0 and "always_fails" in operators.stdout, operators.stderr

@@ -74,12 +74,13 @@ class HealthHandle(Protocol):
 # ---------------------------------------------------------------- targets
 
 
-def open_health(target: Target, limits: ToolsConfig | None, *, hold_connection: bool = True) -> HealthHandle:
+def open_health(target: Target, limits: ToolsConfig | None, *, hold_connection: bool | None = None) -> HealthHandle:
     """A plain tracker over a ``Repository``, or a shared one over a SQLite path or a PostgreSQL URL.
 
     Blocking; the registry must already be installed as ``health.TOOLS``. In shared mode the first
     sync runs here: a store that cannot be reached is logged and the tracker starts from local state.
-    ``hold_connection=False`` connects to PostgreSQL for each sync instead of holding a connection.
+    ``hold_connection=False``, or ``hold_connection=false`` in the URL's query (which ``--db`` takes),
+    connects to PostgreSQL for each sync instead of holding a connection; the argument wins over the URL.
     """
     if isinstance(target, Repository):
         return PlainHealth(health.ToolHealthTracker(target, limits))

@@ -126,13 +126,20 @@ class DecisionStore:
     file a plain tracker keeps)."""
 
     def __init__(self, target: str | os.PathLike[str], *, read_only: bool = False) -> None:
-        from ordanis_veltrane.sharing.targets import is_postgres_url, redact_url
+        from ordanis_veltrane.sharing.targets import is_postgres_url, redact_url, store_options
 
         self.target = target
         self.is_postgres = is_postgres_url(target)
         self.read_only = read_only
         self.description = redact_url(target) if self.is_postgres else os.fspath(target)
         self._conn: Any = None
+        # A URL's hold_connection=false: the connection is let go after each reading of the decisions.
+        self.hold_connection = True
+        if self.is_postgres:
+            try:
+                self.hold_connection = store_options(str(target))[1].get("hold_connection", True)
+            except ValueError:
+                pass  # refused with its reason when it connects
 
     # -- the connection
 
@@ -142,8 +149,14 @@ class DecisionStore:
                 import psycopg
             except ImportError:
                 raise StoreError("a postgresql:// store needs psycopg: pip install 'ordanis-veltrane-health[postgres]'")
+            from ordanis_veltrane.sharing.targets import store_options
+
+            try:  # without the parameters this package reads itself (hold_connection), which libpq refuses
+                url = store_options(str(self.target))[0]
+            except ValueError as exc:
+                raise StoreError(str(exc)) from None
             try:
-                return psycopg.connect(str(self.target), autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
+                return psycopg.connect(url, autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
                                        application_name="ordanis_veltrane.operators")
             except psycopg.Error as exc:
                 raise StoreError(f"cannot connect to {self.description}: {_first_line(exc)}") from None
@@ -221,6 +234,9 @@ class DecisionStore:
             if _missing_table(exc):
                 return {}
             raise
+        finally:
+            if not self.hold_connection:
+                self.close()
         decisions = {row[1]: _decision(row) for row in rows}
         if local_clock and self.is_postgres and rows:
             offset = float(rows[0][7]) - now  # the store's clock minus this machine's

@@ -28,7 +28,7 @@ from typing import TYPE_CHECKING, Any, Callable, Protocol, Sequence, TypeVar
 from ordanis_veltrane.repository import SCHEMA
 from ordanis_veltrane.sharing.batches import Batch, Combined, Pulled, ToolChange, UsageKey, combine, usage_key_text
 from ordanis_veltrane.sharing.batches import clean_key, clean_message, clean_name
-from ordanis_veltrane.sharing.targets import redact_url
+from ordanis_veltrane.sharing.targets import HOLD_CONNECTION, redact_url, store_options
 from ordanis_veltrane.tool_handlers import health
 
 if TYPE_CHECKING:
@@ -513,10 +513,10 @@ class PostgresStore:
     when a batch may already have been applied (its acknowledgement lost) does it first read the
     ledger row, which no other process writes. The pooler-friendly settings: no prepared statements,
     the statement timeout set per transaction, at most one connection, held between syncs unless
-    ``hold_connection`` is false.
+    ``hold_connection`` is false (or the URL says ``hold_connection=false``).
     """
 
-    def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S, *, hold_connection: bool = True,
+    def __init__(self, url: str, connect_timeout_s: int = PG_CONNECT_TIMEOUT_S, *, hold_connection: bool | None = None,
                  mirror_every_s: float = MIRROR_EVERY_S, exchange_timeout_s: float = PG_EXCHANGE_TIMEOUT_S,
                  totals_every_s: float = TOTALS_EVERY_S) -> None:
         try:
@@ -529,10 +529,11 @@ class PostgresStore:
         if not _noise_filter_installed:
             logging.getLogger("psycopg").addFilter(_PipelineNoise())
             _noise_filter_installed = True
-        self.url = url
         self.description = f"PostgreSQL {redact_url(url)}"
+        # hold_connection: the argument, else the URL's parameter of that name (removed here), else held.
+        self.url, options = store_options(url)
         self.connect_timeout_s = connect_timeout_s
-        self.hold_connection = hold_connection
+        self.hold_connection = options.get(HOLD_CONNECTION, True) if hold_connection is None else hold_connection
         self.exchange_timeout_s = exchange_timeout_s
         self.mirror_every_s = mirror_every_s
         self._conn: psycopg.Connection[tuple[Any, ...]] | None = None
