@@ -9,7 +9,9 @@ fleet: N light processes (a tracker and its syncs, no MCP) on a throwaway Postgr
 10,000 usage keys (1,000 tools x 10 actions). Each process loads them at start, then every period
 (at its own random phase) records 100 calls of random keys and syncs. Reported per (N, period):
 syncs done / due (a sync is due every period; one that starts a period late counts as missed),
-sync p50 / p99, WAL bytes per sync (pg_current_wal_lsn), rows sent per sync, the most backends
+sync p50 / p99, WAL bytes per sync (pg_current_wal_lsn), rows sent and pulled per sync, the
+client's CPU per sync (process time), the rows the server read and wrote per sync
+(pg_stat_user_tables, which lags the run's end by about half a second), the most backends
 seen waiting on a lock and the most connections (pg_stat_activity, sampled every 0.25 s), and the
 store's totals against every call the processes made and the store acknowledged (exact: 0 lost,
 0 double; a process whose last sync failed says how many calls it closed with unacknowledged).
@@ -84,12 +86,22 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
     handle = sharing.open_health(url, LIMITS, hold_connection=hold)
     assert isinstance(handle, sharing.SharedHealth)
     loaded = len(handle.tracker._usage)
+    pulled = [0]
+    exchange = handle.store.exchange
+
+    def counted(pid: str, batches: Any) -> sharing.Pulled:
+        got = exchange(pid, batches)
+        pulled[0] += len(got.tools) + len(got.usage)
+        return got
+
+    handle.store.exchange = counted  # type: ignore[method-assign]
     print("ready", flush=True)
     start_at = float(sys.stdin.readline())  # once every process has started and loaded the store
     next_at = start_at + rng.uniform(0, period)
     end = start_at + duration
     calls = due = done = rows = 0
     times: list[float] = []
+    cpu = 0.0
     while next_at < end:
         delay = next_at - time.time()
         if delay > 0:
@@ -100,15 +112,16 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
             continue
         record(handle.tracker, 1000, CHANGED, rng)
         calls += CHANGED
-        started = time.perf_counter()
+        started, cpu_started = time.perf_counter(), time.process_time()
         sent = handle.sync()
         times.append(time.perf_counter() - started)
+        cpu += time.process_time() - cpu_started
         if handle.connected:
             done += 1
             rows += sent
         next_at += period
     handle.close()
-    print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded,
+    print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded, "cpu": cpu, "pulled": pulled[0],
                       "acknowledged": handle.synced_usage_calls, "acknowledged_health": handle.synced_calls}),
           flush=True)
 
@@ -124,6 +137,26 @@ def seed_store(url: str) -> int:
             t.record_call(f"t{i:04d}", f"a{j}", "ok", alias_hit=False, duration_ms=1.0)
     handle.close()
     return 1000 * ACTIONS
+
+
+def server_cpu_s(cluster: Any) -> float:
+    """CPU seconds the server's processes (the postmaster's children) have used so far."""
+    postmaster = int((cluster.data / "postmaster.pid").read_text().split()[0])
+    total = 0
+    for pid in os.listdir("/proc"):
+        try:
+            with open(f"/proc/{pid}/stat") as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+        except (OSError, IndexError):
+            continue
+        if pid.isdigit() and int(fields[1]) == postmaster:
+            total += int(fields[11]) + int(fields[12])
+    return total / os.sysconf("SC_CLK_TCK")
+
+
+# Rows the server read (sequential and index scans) and wrote in the store's tables.
+TUPLES = ("SELECT coalesce(sum(seq_tup_read + coalesce(idx_tup_fetch, 0)), 0)::bigint, "
+          "coalesce(sum(n_tup_ins + n_tup_upd), 0)::bigint FROM pg_stat_user_tables")
 
 
 def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any | None) -> dict[str, Any]:
@@ -154,6 +187,8 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         while time.time() < start_at:
             time.sleep(0.05)
         lsn0 = mon.execute("SELECT pg_current_wal_lsn()").fetchone()[0]  # type: ignore[index]
+        tuples0 = mon.execute(TUPLES).fetchone()
+        cpu0 = server_cpu_s(cluster)
         while time.time() < start_at + duration:
             row = mon.execute(
                 "SELECT count(*) FILTER (WHERE wait_event_type = 'Lock'), count(*) FROM pg_stat_activity "
@@ -162,7 +197,11 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
             waits.append(int(row[0]))
             conns.append(int(row[1]))
             time.sleep(0.25)
+        server_cpu = server_cpu_s(cluster) - cpu0
         wal = mon.execute("SELECT pg_current_wal_lsn() - %s::pg_lsn", (lsn0,)).fetchone()[0]  # type: ignore[index]
+        time.sleep(0.6)  # the statistics collector's delay
+        tuples1 = mon.execute(TUPLES).fetchone()
+    assert tuples0 is not None and tuples1 is not None
     results = []
     for p in procs:
         assert p.stdin is not None
@@ -172,8 +211,10 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         lines = [line for line in out.splitlines() if line.startswith("{")]
         results.append(json.loads(lines[-1]) if p.returncode == 0 and lines else None)
     with psycopg.connect(direct, autocommit=True) as mon:
-        usage_total = mon.execute("SELECT sum(calls) FROM sv_usage").fetchone()[0]  # type: ignore[index]
-        health_total = mon.execute("SELECT sum(call_count) FROM sv_health").fetchone()[0]  # type: ignore[index]
+        usage_total = mon.execute("SELECT (SELECT sum(calls) FROM sv_usage) + "  # and the increments not folded
+                                  "(SELECT coalesce(sum(calls), 0) FROM sv_usage_delta)").fetchone()[0]  # type: ignore[index]
+        health_total = mon.execute("SELECT (SELECT sum(call_count) FROM sv_health) + (SELECT coalesce(sum(calls), "
+                                   "0) FROM sv_health_delta)").fetchone()[0]  # type: ignore[index]
     good = [r for r in results if r is not None]
     made = seeded + sum(r["calls"] for r in good)
     acked = seeded + sum(r["acknowledged"] for r in good)  # what the store told each process it holds
@@ -189,6 +230,11 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         "sync_max_ms": round(max(times, default=0) * 1000, 1),
         "wal_bytes_per_sync": round(int(wal) / max(done, 1)),
         "rows_sent_per_sync": round(sum(r["rows"] for r in good) / max(done, 1), 1),
+        "rows_pulled_per_sync": round(sum(r["pulled"] for r in good) / max(done, 1), 1),
+        "client_cpu_ms_per_sync": round(sum(r["cpu"] for r in good) * 1000 / max(done, 1), 2),
+        "server_cpu_ms_per_sync": round(server_cpu * 1000 / max(done, 1), 2),
+        "server_rows_read_per_sync": round((tuples1[0] - tuples0[0]) / max(done, 1), 1),
+        "server_rows_written_per_sync": round((tuples1[1] - tuples0[1]) / max(done, 1), 1),
         "lock_waits_max": max(waits, default=0), "lock_waits_mean": round(statistics.fmean(waits or [0]), 2),
         "connections_max": max(conns, default=0),
         "calls_made": made, "calls_acknowledged": acked, "usage_calls_stored": int(usage_total),

@@ -299,7 +299,8 @@ def test_a_plain_file_seeds_the_shared_history_and_reads_its_mirror_as_its_own(
     ("postgresql://host:notaport/db", False), ("postgres://", True), ("postgresql://[::1/db", False),
     ("mysql://host/db", False), ("{tmp}/missing/dir/h.db", False), ("{tmp}", False), ("{tmp}/garbage.db", False),
     ("", False), ("{tmp}/wal.db", True), ("{tmp}/new.db", True),
-    ("postgresql://user@db.internal:5432/tools?sslmode=require", True)])
+    ("postgresql://user@db.internal:5432/tools?sslmode=require", True),
+    ("postgresql://db/tools?hold_connection=false&sslmode=require", True), ("postgresql://db/t?hold_connection=2", False)])
 def test_checking_a_target_creates_nothing_and_refuses_a_bad_one(tmp_path: Path, text: str, good: bool,
                                                                  registry: Any) -> None:
     (tmp_path / "garbage.db").write_bytes(b"this is not a database" * 100)

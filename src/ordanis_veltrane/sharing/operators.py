@@ -299,8 +299,13 @@ class DecisionStore:
     def read_tools(self, kind: str) -> list[ToolTotals]:
         """Every tool's totals: the shared totals of every process, or the rows of a plain tracker's file."""
         if kind == "shared":
-            rows = self._query("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
-                               "FROM sv_health ORDER BY tool")
+            if self.is_postgres and self._has_table("sv_health_delta"):  # with the increments not folded yet
+                from ordanis_veltrane.sharing.stores import PG_PULL_HEALTH
+
+                rows = self._query(f"SELECT * FROM ({PG_PULL_HEALTH.replace('%s', '0')}) t ORDER BY 1")
+            else:
+                rows = self._query("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
+                                   "FROM sv_health ORDER BY tool")
             return [ToolTotals(str(r[0]), int(r[1]), int(r[2]), r[3], None if r[4] is None else float(r[4]),
                                None if r[5] is None else float(r[5])) for r in rows]
         if kind == "plain":
@@ -313,8 +318,16 @@ class DecisionStore:
     def read_usage(self, kind: str, tool: str) -> list[UsageRow]:
         """One tool's usage counts by (action, outcome, synonym used)."""
         if kind == "shared":
-            rows = self._query("SELECT action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
-                               "WHERE tool = ? ORDER BY calls DESC", (tool,))
+            if self.is_postgres and self._has_table("sv_usage_delta"):  # with the increments not folded yet
+                rows = self._query(
+                    "SELECT action, outcome, alias_hit, sum(calls) AS calls, sum(timed_calls), sum(total_ms) FROM "
+                    "(SELECT ukey, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                    "WHERE tool = ? UNION ALL SELECT ukey, action, outcome, alias_hit, calls, timed_calls, total_ms "
+                    "FROM sv_usage_delta WHERE tool = ?) r GROUP BY ukey, action, outcome, alias_hit "
+                    "ORDER BY calls DESC", (tool, tool))
+            else:
+                rows = self._query("SELECT action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                                   "WHERE tool = ? ORDER BY calls DESC", (tool,))
             return [UsageRow(r[0], str(r[1]), bool(r[2]), int(r[3]), int(r[4]), float(r[5])) for r in rows]
         if kind != "plain":
             return []
