@@ -104,7 +104,10 @@ handle.close()
 """
 
 
-def test_processes_and_threads_keep_every_call_while_syncing(open_handle: Open, target: str) -> None:
+def test_processes_and_threads_keep_every_call_while_syncing(open_handle: Open, target: str,
+                                                             monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(sharing, "TAKE_SLICE", 1)  # a change-set taken, and totals taken in, one record per hold
+    monkeypatch.setattr(sharing, "APPLY_SLICE", 1)
     children = [subprocess.Popen([sys.executable, "-c", CHILD, target], env=child_env()) for _ in range(2)]
     handles = [open_handle(), open_handle()]
     stop = threading.Event()
