@@ -9,7 +9,9 @@ fleet: N light processes (a tracker and its syncs, no MCP) on a throwaway Postgr
 10,000 usage keys (1,000 tools x 10 actions). Each process loads them at start, then every period
 (at its own random phase) records 100 calls of random keys and syncs. Reported per (N, period):
 syncs done / due (a sync is due every period; one that starts a period late counts as missed),
-sync p50 / p99, WAL bytes per sync (pg_current_wal_lsn), rows sent per sync, the most backends
+sync p50 / p99, WAL bytes per sync (pg_current_wal_lsn), rows sent and pulled per sync, the
+client's CPU per sync (process time), the rows the server read and wrote per sync
+(pg_stat_user_tables, which lags the run's end by about half a second), the most backends
 seen waiting on a lock and the most connections (pg_stat_activity, sampled every 0.25 s), and the
 store's totals against every call the processes made and the store acknowledged (exact: 0 lost,
 0 double; a process whose last sync failed says how many calls it closed with unacknowledged).
@@ -84,12 +86,22 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
     handle = sharing.open_health(url, LIMITS, hold_connection=hold)
     assert isinstance(handle, sharing.SharedHealth)
     loaded = len(handle.tracker._usage)
+    pulled = [0]
+    exchange = handle.store.exchange
+
+    def counted(pid: str, batches: Any) -> sharing.Pulled:
+        got = exchange(pid, batches)
+        pulled[0] += len(got.tools) + len(got.usage)
+        return got
+
+    handle.store.exchange = counted  # type: ignore[method-assign]
     print("ready", flush=True)
     start_at = float(sys.stdin.readline())  # once every process has started and loaded the store
     next_at = start_at + rng.uniform(0, period)
     end = start_at + duration
     calls = due = done = rows = 0
     times: list[float] = []
+    cpu = 0.0
     while next_at < end:
         delay = next_at - time.time()
         if delay > 0:
@@ -100,15 +112,16 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
             continue
         record(handle.tracker, 1000, CHANGED, rng)
         calls += CHANGED
-        started = time.perf_counter()
+        started, cpu_started = time.perf_counter(), time.process_time()
         sent = handle.sync()
         times.append(time.perf_counter() - started)
+        cpu += time.process_time() - cpu_started
         if handle.connected:
             done += 1
             rows += sent
         next_at += period
     handle.close()
-    print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded,
+    print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded, "cpu": cpu, "pulled": pulled[0],
                       "acknowledged": handle.synced_usage_calls, "acknowledged_health": handle.synced_calls}),
           flush=True)
 
@@ -124,6 +137,26 @@ def seed_store(url: str) -> int:
             t.record_call(f"t{i:04d}", f"a{j}", "ok", alias_hit=False, duration_ms=1.0)
     handle.close()
     return 1000 * ACTIONS
+
+
+def server_cpu_s(cluster: Any) -> float:
+    """CPU seconds the server's processes (the postmaster's children) have used so far."""
+    postmaster = int((cluster.data / "postmaster.pid").read_text().split()[0])
+    total = 0
+    for pid in os.listdir("/proc"):
+        try:
+            with open(f"/proc/{pid}/stat") as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+        except (OSError, IndexError):
+            continue
+        if pid.isdigit() and int(fields[1]) == postmaster:
+            total += int(fields[11]) + int(fields[12])
+    return total / os.sysconf("SC_CLK_TCK")
+
+
+# Rows the server read (sequential and index scans) and wrote in the store's tables.
+TUPLES = ("SELECT coalesce(sum(seq_tup_read + coalesce(idx_tup_fetch, 0)), 0)::bigint, "
+          "coalesce(sum(n_tup_ins + n_tup_upd), 0)::bigint FROM pg_stat_user_tables")
 
 
 def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any | None) -> dict[str, Any]:
@@ -154,6 +187,8 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         while time.time() < start_at:
             time.sleep(0.05)
         lsn0 = mon.execute("SELECT pg_current_wal_lsn()").fetchone()[0]  # type: ignore[index]
+        tuples0 = mon.execute(TUPLES).fetchone()
+        cpu0 = server_cpu_s(cluster)
         while time.time() < start_at + duration:
             row = mon.execute(
                 "SELECT count(*) FILTER (WHERE wait_event_type = 'Lock'), count(*) FROM pg_stat_activity "
@@ -162,7 +197,11 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
             waits.append(int(row[0]))
             conns.append(int(row[1]))
             time.sleep(0.25)
+        server_cpu = server_cpu_s(cluster) - cpu0
         wal = mon.execute("SELECT pg_current_wal_lsn() - %s::pg_lsn", (lsn0,)).fetchone()[0]  # type: ignore[index]
+        time.sleep(0.6)  # the statistics collector's delay
+        tuples1 = mon.execute(TUPLES).fetchone()
+    assert tuples0 is not None and tuples1 is not None
     results = []
     for p in procs:
         assert p.stdin is not None
@@ -172,8 +211,10 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         lines = [line for line in out.splitlines() if line.startswith("{")]
         results.append(json.loads(lines[-1]) if p.returncode == 0 and lines else None)
     with psycopg.connect(direct, autocommit=True) as mon:
-        usage_total = mon.execute("SELECT sum(calls) FROM sv_usage").fetchone()[0]  # type: ignore[index]
-        health_total = mon.execute("SELECT sum(call_count) FROM sv_health").fetchone()[0]  # type: ignore[index]
+        usage_total = mon.execute("SELECT (SELECT sum(calls) FROM sv_usage) + "  # and the increments not folded
+                                  "(SELECT coalesce(sum(calls), 0) FROM sv_usage_delta)").fetchone()[0]  # type: ignore[index]
+        health_total = mon.execute("SELECT (SELECT sum(call_count) FROM sv_health) + (SELECT coalesce(sum(calls), "
+                                   "0) FROM sv_health_delta)").fetchone()[0]  # type: ignore[index]
     good = [r for r in results if r is not None]
     made = seeded + sum(r["calls"] for r in good)
     acked = seeded + sum(r["acknowledged"] for r in good)  # what the store told each process it holds
@@ -189,6 +230,11 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         "sync_max_ms": round(max(times, default=0) * 1000, 1),
         "wal_bytes_per_sync": round(int(wal) / max(done, 1)),
         "rows_sent_per_sync": round(sum(r["rows"] for r in good) / max(done, 1), 1),
+        "rows_pulled_per_sync": round(sum(r["pulled"] for r in good) / max(done, 1), 1),
+        "client_cpu_ms_per_sync": round(sum(r["cpu"] for r in good) * 1000 / max(done, 1), 2),
+        "server_cpu_ms_per_sync": round(server_cpu * 1000 / max(done, 1), 2),
+        "server_rows_read_per_sync": round((tuples1[0] - tuples0[0]) / max(done, 1), 1),
+        "server_rows_written_per_sync": round((tuples1[1] - tuples0[1]) / max(done, 1), 1),
         "lock_waits_max": max(waits, default=0), "lock_waits_mean": round(statistics.fmean(waits or [0]), 2),
         "connections_max": max(conns, default=0),
         "calls_made": made, "calls_acknowledged": acked, "usage_calls_stored": int(usage_total),
@@ -284,6 +330,7 @@ def lock_hold(path: str, rounds: int) -> dict[str, Any]:
     handle.sync()
     rng = random.Random(1)
     holds: list[float] = []
+    cpu_holds: list[float] = []  # the same holds in the thread's CPU time: what a loaded machine does not inflate
 
     class Timed:
         """The tracker, with the two operations that sync under its lock timed: each is one hold."""
@@ -291,16 +338,18 @@ def lock_hold(path: str, rounds: int) -> dict[str, Any]:
         def __getattr__(self, name: str) -> Any:
             return getattr(t, name)
 
-        def _take_changes(self) -> Any:
-            s = time.perf_counter()
-            r = t._take_changes()
+        def _take_changes(self, *args: Any) -> Any:
+            s, c = time.perf_counter(), time.thread_time()
+            r = t._take_changes(*args)
             holds.append(time.perf_counter() - s)
+            cpu_holds.append(time.thread_time() - c)
             return r
 
         def _apply_changes(self, *args: Any) -> None:
-            s = time.perf_counter()
+            s, c = time.perf_counter(), time.thread_time()
             t._apply_changes(*args)
             holds.append(time.perf_counter() - s)
+            cpu_holds.append(time.thread_time() - c)
 
     handle.tracker = Timed()  # type: ignore[assignment]
     for _ in range(rounds):
@@ -310,11 +359,28 @@ def lock_hold(path: str, rounds: int) -> dict[str, Any]:
         handle.sync()
     handle.tracker = t
 
+    longest_c_call = [0.0, ""]
+
+    def leaf_c_calls(frame: Any, event: str, arg: Any, stack: list[list[Any]] = []) -> None:
+        """Times each C call that runs no Python code inside (thread CPU): the stretches in which the
+        syncing thread may keep the GIL from the recording thread."""
+        if event in ("c_call", "call"):
+            for entry in stack:
+                entry[1] = False
+            if event == "c_call":
+                stack.append([time.thread_time(), True])
+        elif event in ("c_return", "c_exception") and stack:
+            started, leaf = stack.pop()
+            took = time.thread_time() - started
+            if leaf and took > longest_c_call[0]:
+                longest_c_call[:] = [took, getattr(arg, "__qualname__", str(arg))]
+
     def worst_call(syncing: bool, seconds: float = 2.0) -> float:
         stop = threading.Event()
 
         def syncer() -> None:
             r = random.Random(2)
+            sys.setprofile(leaf_c_calls)
             while not stop.is_set():
                 for _ in range(CHANGED):
                     t.record_call(f"t{r.randrange(5000):04d}", "a0", "ok", alias_hit=False, duration_ms=1.0)
@@ -344,6 +410,11 @@ def lock_hold(path: str, rounds: int) -> dict[str, Any]:
     handle.close()
     return {"keys": 50000, "changed_per_sync": CHANGED, "lock_hold_p50_ms": round(pct(holds, 0.5) * 1000, 3),
             "lock_hold_max_ms": round(max(holds) * 1000, 3),
+            "lock_hold_thread_cpu_p50_ms": round(pct(cpu_holds, 0.5) * 1000, 3),
+            "lock_hold_thread_cpu_p99_ms": round(pct(cpu_holds, 0.99) * 1000, 3),
+            "lock_hold_thread_cpu_max_ms": round(max(cpu_holds) * 1000, 3),
+            "longest_gil_holding_call_in_sync_thread_ms": round(longest_c_call[0] * 1000, 3),
+            "longest_gil_holding_call": longest_c_call[1],
             "worst_record_call_ms_while_syncing": round(busy * 1000, 2),
             "worst_record_call_ms_without_syncs": round(quiet * 1000, 2)}
 
@@ -395,7 +466,11 @@ def per_sync(cluster: Any, quick: bool) -> dict[str, Any]:
     out["one_key_postgresql"] = one_key_syncs(cluster.url.rsplit("/", 1)[0] + "/per_sync", rounds)
     with tempfile.TemporaryDirectory() as d:
         out["one_key_sqlite"] = one_key_syncs(str(Path(d) / "one.db"), rounds)
-        out["lock_50k"] = lock_hold(str(Path(d) / "lock.db"), rounds)
+        out["lock_50k_sqlite"] = lock_hold(str(Path(d) / "lock.db"), rounds)
+        # (sqlite3 lets go of the GIL while a statement runs: its execute shows up as a long call here.)
+        with psycopg.connect(cluster.url, autocommit=True) as admin:
+            admin.execute("CREATE DATABASE lock_hold")
+        out["lock_50k_postgresql"] = lock_hold(cluster.url.rsplit("/", 1)[0] + "/lock_hold", rounds)
         out["memory"] = memory_per_key(str(Path(d) / "mem.db"), 10000 if quick else 50000)
     return out
 

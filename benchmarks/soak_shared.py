@@ -162,6 +162,10 @@ def store_state(target: str) -> tuple[dict[str, int], int, int, int, int]:
     if target.startswith("postgresql://"):
         import psycopg
 
+        queries[3] = ("SELECT (SELECT coalesce(sum(calls), 0) FROM sv_usage) + "  # and the increments not folded yet
+                      "(SELECT coalesce(sum(calls), 0) FROM sv_usage_delta)")
+        queries[1] = ("SELECT (SELECT coalesce(sum(call_count), 0) FROM sv_health) + "
+                      "(SELECT coalesce(sum(calls), 0) FROM sv_health_delta)")
         with psycopg.connect(target) as conn:
             results = [conn.execute(q).fetchall() for q in queries]
     else:

@@ -1,7 +1,9 @@
-"""`veltrane-health` run as an operator runs it, against three example servers on one SQLite file and on one
-PostgreSQL, driven by the SDK's client: a disable reaches every server with its reason within 2 s at a 1 s period,
-survives a restart, ends on time; an enable brings the tool back and clears a disable by errors everywhere; status
-(text and JSON) and watch read the fleet; a plain tracker's file is read and never written."""
+"""Three example servers, each a process of its own driven by the SDK's client over stdio, on one SQLite file, on one
+PostgreSQL and on PostgreSQL through PgBouncer in transaction mode, steered by `veltrane-health` as an operator runs it:
+a disable by errors reaches the others; an operator's disable reaches every server with its reason within 2 s at a 1 s
+period, survives a restart, ends on time; an enable brings the tool back and clears a disable by errors everywhere;
+status (text and JSON) and watch read the fleet; a PostgreSQL stopped and started again while they serve loses no
+call; through the pooler no connection is held between syncs. A plain tracker's file is read and never written."""
 
 import json
 import os
@@ -20,7 +22,7 @@ pytest.importorskip("mcp")
 import anyio  # noqa: E402
 from conftest import child_env  # noqa: E402
 from mcp import ClientSession, StdioServerParameters, stdio_client  # noqa: E402
-from pgcluster import pg_cluster, pg_url  # noqa: E402, F401 - fixtures
+from pgcluster import pg_bouncer, pg_bouncer_url, pg_cluster, pg_url  # noqa: E402, F401 - fixtures
 
 from ordanis_veltrane.repository import Repository  # noqa: E402
 from ordanis_veltrane.tool_handlers import health  # noqa: E402
@@ -41,9 +43,20 @@ def answer(result: Any) -> tuple[bool, str]:
     return bool(result.is_error), str(result.content[0].text)
 
 
-@pytest.mark.parametrize("store", ["sqlite", "postgres"])
+def bouncer_clients(port: int) -> int:
+    """Established connections to PgBouncer's port (its side of each), from the kernel's table."""
+    with open("/proc/net/tcp") as f:
+        return sum(1 for line in f.readlines()[1:]
+                   if int(line.split()[1].split(":")[1], 16) == port and line.split()[3] == "01")
+
+
+@pytest.mark.parametrize("store", ["sqlite", "postgres", "pgbouncer"])
 def test_operators_steer_three_servers(store: str, tmp_path: Path, request: pytest.FixtureRequest) -> None:
-    target = str(tmp_path / "shared.db") if store == "sqlite" else request.getfixturevalue("pg_url")
+    if store == "pgbouncer":  # connecting for each sync only: the URL says so
+        target = request.getfixturevalue("pg_bouncer_url") + "?connect_timeout=5&hold_connection=false"
+    else:
+        target = str(tmp_path / "shared.db") if store == "sqlite" else request.getfixturevalue("pg_url")
+    made: dict[str, int] = {}  # calls made by tool
     args = ["-m", "ordanis_veltrane.mcp_server", "--db", target, "--flush-interval", "1", "--disable-after", "2",
             "--cooldown", "600"]
     reason = "index rebuild until 14:00 (OPS-412) 'quoted' ; DROP TABLE x"
@@ -68,6 +81,13 @@ def test_operators_steer_three_servers(store: str, tmp_path: Path, request: pyte
                 read, write = await stack.enter_async_context(stdio_client(params, errlog=log))
                 session = await stack.enter_async_context(ClientSession(read, write))
                 await session.initialize()
+                call = session.call_tool
+
+                async def counted(tool: str, arguments: Any) -> Any:
+                    made[tool] = made.get(tool, 0) + 1
+                    return await call(tool, arguments)
+
+                session.call_tool = counted  # type: ignore[method-assign, assignment]
                 return session
 
             sessions = [await server(stack) for _ in range(3)]
@@ -119,7 +139,29 @@ def test_operators_steer_three_servers(store: str, tmp_path: Path, request: pyte
             text_status = await anyio.to_thread.run_sync(lambda: command("status", "search", "--db", target))
             assert "ACTION" in text_status.stdout and "enable search" in text_status.stdout
 
+            if store == "pgbouncer":  # between their syncs the servers hold no connection, syncs nor decisions
+                seen = []
+                for _ in range(40):
+                    seen.append(bouncer_clients(request.getfixturevalue("pg_bouncer").port))
+                    await anyio.sleep(0.05)
+                assert min(seen) == 0, seen
+            if store == "postgres":  # the store goes away while the servers serve, and comes back
+                cluster = request.getfixturevalue("pg_cluster")
+                await anyio.to_thread.run_sync(cluster.stop)
+                for session in sessions:
+                    for _ in range(5):
+                        assert not (await session.call_tool("search", {"query": "q"})).is_error
+                await anyio.sleep(1.5)  # syncs fail meanwhile
+                await anyio.to_thread.run_sync(cluster.start)
+                await anyio.sleep(2.5)
+        # The clients closed stdin: each server synced once more and exited.
+
     anyio.run(scenario)
+    for tool in ("search", "always_fails"):  # every call made is counted once, by outcome
+        rows = json.loads(command("status", "--json", tool, db=target).stdout)["tools"][0]["usage"]
+        assert sum(u["calls"] for u in rows) == made[tool], (tool, rows)
+    if store == "postgres":
+        assert "reachable again" in (tmp_path / "servers.log").read_text()
 
 
 def test_plain_tracker_file_is_read_only_and_bad_input_is_refused(tmp_path: Path,

@@ -87,13 +87,29 @@ Ref take_usage(PyObject* key, PyObject* rec, bool* failed) noexcept {
     return out;
 }
 
+// Up to `limit` members popped from a set (every member when limit is 0), as a list.
+Ref pop_members(PyObject* set, Py_ssize_t limit) noexcept {
+    if (limit <= 0 || PySet_GET_SIZE(set) <= limit) {
+        Ref list = members(set);
+        if (!list || PySet_Clear(set) < 0) return Ref();
+        return list;
+    }
+    Ref list(PyList_New(0));
+    if (!list) return Ref();
+    for (Py_ssize_t i = 0; i < limit && PySet_GET_SIZE(set) > 0; ++i) {
+        Ref key(PySet_Pop(set));
+        if (!key || PyList_Append(list.get(), key.get()) < 0) return Ref();
+    }
+    return list;
+}
+
 // For each of `keys` (or every key of `map` when keys is null) with a native
 // record, take(key, record) appended to `out` when it gives something.
 template <class Take>
 int take_from(TrackerObject* self, PyObject* TrackerObject::*field, PyObject* keys, PyObject* out,
               bool (*native)(ModuleState*, PyObject*), Take&& take) noexcept {
     Ref map = load_field(self, field);
-    Ref list = keys != nullptr ? members(keys) : Ref(PyDict_Keys(map.get()));
+    Ref list = keys != nullptr ? Ref::borrow(keys) : Ref(PyDict_Keys(map.get()));
     if (!list) return -1;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list.get()); ++i) {
         PyObject* key = PyList_GET_ITEM(list.get(), i);
@@ -109,7 +125,7 @@ int take_from(TrackerObject* self, PyObject* TrackerObject::*field, PyObject* ke
     return 0;
 }
 
-PyObject* take_changes_locked(TrackerObject* self) {
+PyObject* take_changes_locked(TrackerObject* self, Py_ssize_t limit) {
     const bool first = !load_field(self, &TrackerObject::changed);
     if (first) {
         Ref fresh(PySet_New(nullptr));
@@ -121,15 +137,24 @@ PyObject* take_changes_locked(TrackerObject* self) {
     if (!tools || !usage) return nullptr;
     Ref dirty = load_field(self, &TrackerObject::dirty);
     Ref changed = load_field(self, &TrackerObject::changed);
-    if (take_from(self, &TrackerObject::state, first ? nullptr : dirty.get(), tools.get(),
+    // The marks are taken off before the records are read: a record marked again meanwhile (host
+    // code run by a lookup) is taken by the next call.
+    Ref dirty_keys = first ? Ref::borrow(Py_None) : pop_members(dirty.get(), limit);
+    Ref changed_keys = first ? Ref::borrow(Py_None) : pop_members(changed.get(), limit);
+    if (!dirty_keys || !changed_keys) return nullptr;
+    if (first && (PySet_Clear(dirty.get()) < 0 || PySet_Clear(changed.get()) < 0)) return nullptr;
+    if (take_from(self, &TrackerObject::state, first ? nullptr : dirty_keys.get(), tools.get(),
                   is_native_state, take_tool) < 0 ||
-        take_from(self, &TrackerObject::usage, first ? nullptr : changed.get(), usage.get(),
+        take_from(self, &TrackerObject::usage, first ? nullptr : changed_keys.get(), usage.get(),
                   is_native_usage, take_usage) < 0) {
         return nullptr;
     }
-    if (PySet_Clear(dirty.get()) < 0 || PySet_Clear(changed.get()) < 0) return nullptr;
-    self->usage_dirty.set(false);
-    return PyTuple_Pack(2, tools.get(), usage.get());
+    const Py_ssize_t left = PySet_GET_SIZE(dirty.get()) + PySet_GET_SIZE(changed.get());
+    if (left == 0) self->usage_dirty.set(false);
+    if (limit <= 0) return PyTuple_Pack(2, tools.get(), usage.get());
+    Ref remaining(PyLong_FromSsize_t(left));
+    if (!remaining) return nullptr;
+    return PyTuple_Pack(3, tools.get(), usage.get(), remaining.get());
 }
 
 // Whether a tool (and action) missing here is one to insert: the registry knows it. Looked up
@@ -263,10 +288,23 @@ int apply_usage(TrackerObject* self, PyObject* row) noexcept {
 
 }  // namespace
 
-PyObject* tracker_take_changes(PyObject* op, PyObject*) {
+PyObject* tracker_take_changes(PyObject* op, PyObject* const* args, Py_ssize_t nargs) {
     TrackerObject* self = as_tracker(op);
     if (check_ready(self) < 0) return nullptr;
-    return with_lock(self, [&] { return take_changes_locked(self); });
+    Py_ssize_t limit = 0;
+    if (nargs > 1) {
+        PyErr_SetString(PyExc_TypeError, "_take_changes(limit: int = 0)");
+        return nullptr;
+    }
+    if (nargs == 1) {
+        limit = PyLong_AsSsize_t(args[0]);
+        if (limit == -1 && PyErr_Occurred()) return nullptr;
+        if (limit < 0) {
+            PyErr_SetString(PyExc_ValueError, "_take_changes: the limit is 0 (every change) or more");
+            return nullptr;
+        }
+    }
+    return with_lock(self, [&] { return take_changes_locked(self, limit); });
 }
 
 PyObject* tracker_apply_changes(PyObject* op, PyObject* const* args, Py_ssize_t nargs) {

@@ -675,10 +675,13 @@ static PyMethodDef tracker_methods[] = {
     {"get_health_summary", tracker_get_health_summary, METH_NOARGS,
      "get_health_summary($self, /)\n--\n\n"
      "Every known tool's health, most errors first, each with its usage rows."},
-    {"_take_changes", tracker_take_changes, METH_NOARGS,
-     "_take_changes($self, /)\n--\n\n"
+    {"_take_changes", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_take_changes)),
+     METH_FASTCALL,
+     "_take_changes($self, limit=0, /)\n--\n\n"
      "What changed since the last call, as increments, with the marks cleared:\n"
-     "(tools, usage). The first call turns per-key change marks on."},
+     "(tools, usage). The first call turns per-key change marks on. With a limit,\n"
+     "at most that many marked tools and usage keys each, and a third item: how\n"
+     "many marks are left for the next call."},
     {"_apply_changes", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(tracker_apply_changes)),
      METH_FASTCALL,
      "_apply_changes($self, tools, usage, now, /)\n--\n\n"

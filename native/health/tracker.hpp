@@ -51,7 +51,7 @@ PyObject* tracker_flush_health(PyObject* self, PyObject* unused);
 PyObject* tracker_flush_usage(PyObject* self, PyObject* unused);
 PyObject* tracker_has_unsaved_changes(PyObject* self, void* unused);
 PyObject* tracker_get_health_summary(PyObject* self, PyObject* unused);
-PyObject* tracker_take_changes(PyObject* self, PyObject* unused);
+PyObject* tracker_take_changes(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* tracker_apply_changes(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* tracker_usage_rows(PyObject* self, PyObject* const* args, Py_ssize_t nargs,
                              PyObject* kwnames);

@@ -42,7 +42,7 @@ import threading
 import time
 import uuid
 import weakref
-from typing import Callable, Protocol, Union
+from typing import Any, Callable, Protocol, Union
 
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
@@ -61,6 +61,9 @@ logger: logging.Logger = logging.getLogger(__name__)
 Target = Union[Repository, str, "os.PathLike[str]"]
 # Up to this many usage keys, the usage document is rewritten at every sync that sent something.
 SMALL_STORE_KEYS = 1000
+# Merged rows taken in, and changed records taken, per hold of the tracker's lock.
+APPLY_SLICE = 64
+TAKE_SLICE = 64
 
 
 class HealthHandle(Protocol):
@@ -74,12 +77,13 @@ class HealthHandle(Protocol):
 # ---------------------------------------------------------------- targets
 
 
-def open_health(target: Target, limits: ToolsConfig | None, *, hold_connection: bool = True) -> HealthHandle:
+def open_health(target: Target, limits: ToolsConfig | None, *, hold_connection: bool | None = None) -> HealthHandle:
     """A plain tracker over a ``Repository``, or a shared one over a SQLite path or a PostgreSQL URL.
 
     Blocking; the registry must already be installed as ``health.TOOLS``. In shared mode the first
     sync runs here: a store that cannot be reached is logged and the tracker starts from local state.
-    ``hold_connection=False`` connects to PostgreSQL for each sync instead of holding a connection.
+    ``hold_connection=False``, or ``hold_connection=false`` in the URL's query (which ``--db`` takes),
+    connects to PostgreSQL for each sync instead of holding a connection; the argument wins over the URL.
     """
     if isinstance(target, Repository):
         return PlainHealth(health.ToolHealthTracker(target, limits))
@@ -169,8 +173,21 @@ class SharedHealth:
                 self.store.close()
                 self._private.close()
 
+    def _take_changes(self) -> tuple[list[Any], list[Any]]:
+        """The tracker's change-set, ``TAKE_SLICE`` marks per hold of its lock (each record is taken
+        whole in one hold; the calls recorded between two holds wait for one slice at most). The
+        marks that keep coming while it takes are left for the next sync, so it ends."""
+        tools, usage, left = self.tracker._take_changes(TAKE_SLICE)
+        for _ in range(left // TAKE_SLICE + 1):
+            if not left:
+                break
+            more_tools, more_usage, left = self.tracker._take_changes(TAKE_SLICE)
+            tools += more_tools
+            usage += more_usage
+        return tools, usage
+
     def _sync(self) -> int:
-        tools, usage = changes_from(self.tracker._take_changes())
+        tools, usage = changes_from(self._take_changes())
         if tools or usage:
             last = self.pending[-1] if self.pending else None
             if last is None or last.maybe_applied:
@@ -218,8 +235,16 @@ class SharedHealth:
 
     def _take_in(self, pulled: Pulled) -> None:
         """Moves each record to the merged totals, under the tracker's lock; a tool or usage key this
-        process has not seen is inserted when the registry knows it."""
-        self.tracker._apply_changes(pulled.tools, pulled.usage, health.time.time())  # the tracker's own clock
+        process has not seen is inserted when the registry knows it. In slices of ``APPLY_SLICE`` rows,
+        each one hold of the lock: the calls recorded meanwhile wait for one slice at most, and so does
+        every other thread for the GIL. Each row moves its record on its own, so a slice at a time
+        takes in the same totals."""
+        now = health.time.time()  # the tracker's own clock
+        tools, usage = pulled.tools, pulled.usage
+        for i in range(0, len(tools), APPLY_SLICE):
+            self.tracker._apply_changes(tools[i:i + APPLY_SLICE], [], now)
+        for i in range(0, len(usage), APPLY_SLICE):
+            self.tracker._apply_changes([], usage[i:i + APPLY_SLICE], now)
 
 
 # Handles not closed yet: a host that ends with a last sync instead of close() still leaves the

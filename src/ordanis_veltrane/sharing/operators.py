@@ -126,13 +126,20 @@ class DecisionStore:
     file a plain tracker keeps)."""
 
     def __init__(self, target: str | os.PathLike[str], *, read_only: bool = False) -> None:
-        from ordanis_veltrane.sharing.targets import is_postgres_url, redact_url
+        from ordanis_veltrane.sharing.targets import is_postgres_url, redact_url, store_options
 
         self.target = target
         self.is_postgres = is_postgres_url(target)
         self.read_only = read_only
         self.description = redact_url(target) if self.is_postgres else os.fspath(target)
         self._conn: Any = None
+        # A URL's hold_connection=false: the connection is let go after each reading of the decisions.
+        self.hold_connection = True
+        if self.is_postgres:
+            try:
+                self.hold_connection = store_options(str(target))[1].get("hold_connection", True)
+            except ValueError:
+                pass  # refused with its reason when it connects
 
     # -- the connection
 
@@ -142,8 +149,14 @@ class DecisionStore:
                 import psycopg
             except ImportError:
                 raise StoreError("a postgresql:// store needs psycopg: pip install 'ordanis-veltrane-health[postgres]'")
+            from ordanis_veltrane.sharing.targets import store_options
+
+            try:  # without the parameters this package reads itself (hold_connection), which libpq refuses
+                url = store_options(str(self.target))[0]
+            except ValueError as exc:
+                raise StoreError(str(exc)) from None
             try:
-                return psycopg.connect(str(self.target), autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
+                return psycopg.connect(url, autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
                                        application_name="ordanis_veltrane.operators")
             except psycopg.Error as exc:
                 raise StoreError(f"cannot connect to {self.description}: {_first_line(exc)}") from None
@@ -221,6 +234,9 @@ class DecisionStore:
             if _missing_table(exc):
                 return {}
             raise
+        finally:
+            if not self.hold_connection:
+                self.close()
         decisions = {row[1]: _decision(row) for row in rows}
         if local_clock and self.is_postgres and rows:
             offset = float(rows[0][7]) - now  # the store's clock minus this machine's
@@ -283,8 +299,13 @@ class DecisionStore:
     def read_tools(self, kind: str) -> list[ToolTotals]:
         """Every tool's totals: the shared totals of every process, or the rows of a plain tracker's file."""
         if kind == "shared":
-            rows = self._query("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
-                               "FROM sv_health ORDER BY tool")
+            if self.is_postgres and self._has_table("sv_health_delta"):  # with the increments not folded yet
+                from ordanis_veltrane.sharing.stores import PG_PULL_HEALTH
+
+                rows = self._query(f"SELECT * FROM ({PG_PULL_HEALTH.replace('%s', '0')}) t ORDER BY 1")
+            else:
+                rows = self._query("SELECT tool, call_count, error_count, last_error, disabled_at, updated_at "
+                                   "FROM sv_health ORDER BY tool")
             return [ToolTotals(str(r[0]), int(r[1]), int(r[2]), r[3], None if r[4] is None else float(r[4]),
                                None if r[5] is None else float(r[5])) for r in rows]
         if kind == "plain":
@@ -297,8 +318,16 @@ class DecisionStore:
     def read_usage(self, kind: str, tool: str) -> list[UsageRow]:
         """One tool's usage counts by (action, outcome, synonym used)."""
         if kind == "shared":
-            rows = self._query("SELECT action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
-                               "WHERE tool = ? ORDER BY calls DESC", (tool,))
+            if self.is_postgres and self._has_table("sv_usage_delta"):  # with the increments not folded yet
+                rows = self._query(
+                    "SELECT action, outcome, alias_hit, sum(calls) AS calls, sum(timed_calls), sum(total_ms) FROM "
+                    "(SELECT ukey, action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                    "WHERE tool = ? UNION ALL SELECT ukey, action, outcome, alias_hit, calls, timed_calls, total_ms "
+                    "FROM sv_usage_delta WHERE tool = ?) r GROUP BY ukey, action, outcome, alias_hit "
+                    "ORDER BY calls DESC", (tool, tool))
+            else:
+                rows = self._query("SELECT action, outcome, alias_hit, calls, timed_calls, total_ms FROM sv_usage "
+                                   "WHERE tool = ? ORDER BY calls DESC", (tool,))
             return [UsageRow(r[0], str(r[1]), bool(r[2]), int(r[3]), int(r[4]), float(r[5])) for r in rows]
         if kind != "plain":
             return []

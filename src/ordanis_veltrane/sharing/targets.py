@@ -10,7 +10,11 @@ import re
 from pathlib import Path
 from urllib.parse import unquote
 
-__all__ = ["check_target", "is_postgres_url", "redact_message", "redact_url"]
+__all__ = ["check_target", "is_postgres_url", "redact_message", "redact_url", "store_options"]
+
+# URL parameters this package reads and removes before it hands the URL to libpq.
+HOLD_CONNECTION = "hold_connection"
+_BOOLEANS = {"1": True, "true": True, "yes": True, "on": True, "0": False, "false": False, "no": False, "off": False}
 
 # The authority of a URL: from "scheme://" to the first "/" or white space. Its user information
 # ends at its last "@", so that a password holding an "@" is masked whole.
@@ -63,6 +67,26 @@ def redact_message(message: object, url: str) -> str:
     return redact_url(text)
 
 
+def store_options(url: str) -> tuple[str, dict[str, bool]]:
+    """The URL without this package's own parameters, and their values: ``hold_connection=false``
+    (or 0, no, off) connects for each sync only. Raises ``ValueError`` for a value that is not a boolean."""
+    base, sep, query = url.partition("?")
+    if not sep:
+        return url, {}
+    kept, options = [], {}
+    for item in query.split("&"):
+        name, _, value = item.partition("=")
+        if unquote(name) != HOLD_CONNECTION:
+            kept.append(item)
+            continue
+        flag = _BOOLEANS.get(unquote(value).strip().lower())
+        if flag is None:
+            raise ValueError(f"malformed PostgreSQL URL {redact_url(url)!r}: {HOLD_CONNECTION} must be true or "
+                             f"false, not {redact_message(unquote(value), url)!r}")
+        options[HOLD_CONNECTION] = flag
+    return base + ("?" + "&".join(kept) if kept else ""), options
+
+
 def is_postgres_url(target: object) -> bool:
     return isinstance(target, str) and target.lower().startswith(("postgresql://", "postgres://"))
 
@@ -105,6 +129,7 @@ def _check_postgres_url(url: str) -> None:
     takes from its environment (PGHOST, PGPORT, PGUSER, PGDATABASE, PGPASSWORD), a service file
     (``service=``, PGSERVICEFILE) and ``.pgpass`` when it connects, exactly as psql does."""
     shown = redact_url(url)
+    url = store_options(url)[0]
     try:
         from psycopg.conninfo import conninfo_to_dict
     except ImportError as exc:

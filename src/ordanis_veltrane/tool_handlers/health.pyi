@@ -174,10 +174,16 @@ class ToolHealthTracker:
     def _load_usage(self) -> None: ...
     def get_health_summary(self) -> list[dict[str, Any]]: ...
     def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]: ...
+    @overload
     def _take_changes(
         self,
     ) -> tuple[list[tuple[str, int, int, bool, Any, int, float | None, float]],
                list[tuple[_UsageKey, int, int, float]]]: ...
+    @overload
+    def _take_changes(
+        self, limit: int, /,
+    ) -> tuple[list[tuple[str, int, int, bool, Any, int, float | None, float]],
+               list[tuple[_UsageKey, int, int, float]], int]: ...
     def _apply_changes(
         self,
         tools: list[tuple[str, int, int, Any, float | None, float]],
