@@ -145,7 +145,14 @@ def test_operators_steer_three_servers(store: str, tmp_path: Path, request: pyte
                     seen.append(bouncer_clients(request.getfixturevalue("pg_bouncer").port))
                     await anyio.sleep(0.05)
                 assert min(seen) == 0, seen
-            if store == "postgres":  # the store goes away while the servers serve, and comes back
+            if store == "postgres":  # one connection a server: the decisions are read on the sync's
+                import psycopg
+
+                with psycopg.connect(target) as conn:
+                    apps = dict(conn.execute("SELECT application_name, count(*) FROM pg_stat_activity "
+                                             "WHERE application_name LIKE 'ordanis%' GROUP BY 1").fetchall())
+                assert apps == {"ordanis_veltrane.sharing": 3}, apps
+                # The store goes away while the servers serve, and comes back.
                 cluster = request.getfixturevalue("pg_cluster")
                 await anyio.to_thread.run_sync(cluster.stop)
                 for session in sessions:

@@ -728,9 +728,16 @@ class ToolPipeline:
         self.operator_decisions: dict[str, Decision] = {}
         self.operator_disabled: dict[str, Decision] = {}
         # A host's own Repository is nobody else's: no operator can reach it.
-        self._decisions = None if isinstance(target, Repository) else DecisionStore(target)
+        self._decisions = None if isinstance(target, Repository) else DecisionStore(target, borrow=self._on_store)
         self._decisions_failing = False
         self.runtime.closed.append(self._close_operators)
+
+    def _on_store(self, work: Callable[[Any], Any]) -> Any:
+        """The decisions are read on the sync's own connection where the store is PostgreSQL."""
+        run = getattr(self.runtime.handle, "run_on_store", None)
+        if run is None:
+            raise LookupError("no shared handle open")
+        return run(work)
 
     def _poll_operators(self) -> None:
         store = self._decisions

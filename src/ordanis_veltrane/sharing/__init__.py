@@ -157,6 +157,15 @@ class SharedHealth:
                 return 0
             return self._sync()
 
+    def run_on_store(self, work: Callable[[Any], Any]) -> Any:
+        """``work(connection)`` on the PostgreSQL store's own connection, between two syncs, so that a
+        process reads anything else it needs from the store without a second connection. Raises
+        ``LookupError`` where there is none to share (SQLite, or the handle closed)."""
+        with self._sync_lock:
+            if self._closed or not isinstance(self.store, PostgresStore):
+                raise LookupError("no PostgreSQL connection to share")
+            return self.store.run(work)
+
     def close(self) -> None:
         with self._sync_lock:
             if self._closed:

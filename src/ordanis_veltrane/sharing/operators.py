@@ -21,7 +21,7 @@ import time
 from dataclasses import asdict, dataclass, replace
 from datetime import datetime, timezone
 from pathlib import Path
-from typing import Any, Sequence
+from typing import Any, Callable, Sequence
 
 __all__ = ["DECISIONS_TABLE", "Decision", "DecisionStore", "StoreError", "ToolTotals", "UsageRow", "format_time"]
 
@@ -123,9 +123,12 @@ class DecisionStore:
     opened again after a failure. Not for use from two threads at once.
 
     ``read_only`` opens a SQLite file without ever writing it (the command line's ``status`` on a
-    file a plain tracker keeps)."""
+    file a plain tracker keeps). ``borrow``, for a PostgreSQL store, runs a function on a connection
+    someone else holds (a server's sync connection, so that the process holds one connection for
+    both); where it raises ``LookupError`` (no such connection now) the store's own is used."""
 
-    def __init__(self, target: str | os.PathLike[str], *, read_only: bool = False) -> None:
+    def __init__(self, target: str | os.PathLike[str], *, read_only: bool = False,
+                 borrow: Callable[[Callable[[Any], Any]], Any] | None = None) -> None:
         from ordanis_veltrane.sharing.targets import is_postgres_url, redact_url, store_options
 
         self.target = target
@@ -133,6 +136,7 @@ class DecisionStore:
         self.read_only = read_only
         self.description = redact_url(target) if self.is_postgres else os.fspath(target)
         self._conn: Any = None
+        self._borrow = borrow if self.is_postgres else None
         # A URL's hold_connection=false: the connection is let go after each reading of the decisions.
         self.hold_connection = True
         if self.is_postgres:
@@ -176,10 +180,19 @@ class DecisionStore:
         return conn
 
     def _query(self, sql: str, params: Sequence[Any] = (), fetch: bool = True) -> list[tuple[Any, ...]]:
-        if self._conn is None:
-            self._conn = self._connect()
         if self.is_postgres:
             sql = sql.replace("?", "%s")
+        if self._borrow is not None and self._conn is None:
+            try:
+                found, missing = self._borrow(lambda conn: _borrowed_query(conn, sql, params, fetch))
+            except LookupError:
+                pass
+            else:
+                if missing is not None:
+                    raise _MissingTable(missing)
+                return list(found)
+        if self._conn is None:
+            self._conn = self._connect()
         try:
             cursor = self._conn.execute(sql, params)
             return list(cursor.fetchall()) if fetch else []
@@ -339,6 +352,23 @@ class DecisionStore:
         except (ValueError, TypeError, KeyError, AttributeError) as exc:
             raise StoreError(f"the usage counts in {self.description} cannot be read: {exc}") from None
         return sorted(usage, key=lambda u: -u.calls)
+
+
+class _MissingTable(Exception):
+    """A table not there, read on a borrowed connection."""
+
+
+def _borrowed_query(conn: Any, sql: str, params: Sequence[Any],
+                    fetch: bool) -> tuple[list[tuple[Any, ...]], str | None]:
+    """The rows, or the text of a missing table's error: answered, not raised, so that the connection's
+    owner neither takes it for its own tables gone missing nor lets the connection go for it."""
+    import psycopg
+
+    try:
+        cursor = conn.execute(sql, params)  # an autocommit connection: one statement, one transaction
+        return (list(cursor.fetchall()) if fetch else []), None
+    except psycopg.errors.UndefinedTable as exc:
+        return [], str(exc)
 
 
 def _missing_table(exc: BaseException) -> bool:

@@ -677,6 +677,11 @@ class PostgresStore:
             return result
         raise AssertionError("unreachable")
 
+    def run(self, work: Callable[[psycopg.Connection[tuple[Any, ...]]], _T]) -> _T:
+        """``work`` on this store's connection (autocommit), as a sync's work is run: connected if
+        needed, cut if the server stops answering, let go afterwards unless the connection is held."""
+        return self._run(work)
+
     def exchange(self, pid: str, batches: Sequence[Batch]) -> Pulled:
         def work(conn: psycopg.Connection[tuple[Any, ...]]) -> Pulled:
             pulled = self._exchange(conn, pid, batches)
