@@ -1,7 +1,7 @@
 """A downstream that speaks newline-delimited JSON-RPC by hand, for faults the SDK never makes: `silent` reads and
 never answers; otherwise `hang` is never answered, `flood` sends 100,000 log messages before its answer, `big`
 answers 50 MB, `invalid` is answered with JSON-RPC "invalid params", `garbage` with a line that is not
-JSON before its answer, and any other tool echoes its arguments."""
+JSON before its answer, and any other tool echoes its arguments. A cancellation is acknowledged with a log message."""
 import json
 import sys
 from typing import Any
@@ -9,6 +9,9 @@ from typing import Any
 silent = sys.argv[1:] == ["silent"]
 for line in sys.stdin:
     message = json.loads(line)
+    if message.get("method") == "notifications/cancelled":  # acknowledged with a log message
+        note = {"level": "info", "data": f"cancelled {message['params']['requestId']}"}
+        print(json.dumps({"jsonrpc": "2.0", "method": "notifications/message", "params": note}), flush=True)
     if silent or "id" not in message or (message.get("params") or {}).get("name") == "hang":
         continue
     answer: dict[str, Any] = {"jsonrpc": "2.0", "id": message["id"]}

@@ -126,10 +126,13 @@ class LineReader:
         try:
             self.handle(line)
         except Exception:  # a fault of the relay's own must not end the session
-            logger.exception("Could not relay a message of the %s's: %r", self.what, line[:200])
+            self._failed(line)
+
+    def _failed(self, line: bytes) -> None:
+        logger.exception("Could not relay a message of the %s's: %r", self.what, line[:200])
 
     def _run(self) -> None:
-        why, fd, handle, buffer = "", self.fd, self._hand_on, bytearray()
+        why, fd, handle, buffer = "", self.fd, self.handle, bytearray()
         try:
             while True:
                 data = os.read(fd, self.CHUNK)
@@ -147,12 +150,15 @@ class LineReader:
                 end = data.find(b"\n")
                 if end == len(data) - 1:  # the usual case: one whole message
                     if end:
-                        handle(data)
+                        try:
+                            handle(data)
+                        except Exception:  # a fault of the relay's own must not end the session
+                            self._failed(data)
                     continue
                 start = 0
                 while end >= 0:
                     if end > start:
-                        handle(data[start:end + 1])
+                        self._hand_on(data[start:end + 1])
                     start = end + 1
                     end = data.find(b"\n", start)
                 buffer += data[start:]
@@ -163,7 +169,7 @@ class LineReader:
             why = f"could not be read ({exc})"
         finally:
             if not why and buffer.strip():
-                handle(bytes(buffer))
+                self._hand_on(bytes(buffer))
             if self.owned:
                 with contextlib.suppress(OSError):
                     os.close(fd)
@@ -227,11 +233,18 @@ async def _awaited(waiting: Awaitable[None]) -> None:
     await waiting
 
 
+def _fileno(stream: Any, default: int) -> int:
+    try:
+        return int(stream.fileno())
+    except (AttributeError, OSError, ValueError):  # replaced by an object without a descriptor
+        return default
+
+
 class ClientOut(ByteSink):
     """The proxy's stdout."""
 
     def __init__(self) -> None:
-        super().__init__(sys.stdout.fileno())
+        super().__init__(_fileno(sys.stdout, 1))
 
 
 def read_client(door: LoopDoor, handle: LineHandler) -> Awaitable[str]:
@@ -243,7 +256,7 @@ def read_client(door: LoopDoor, handle: LineHandler) -> Awaitable[str]:
         if not ended.done():
             ended.set_result(why)
 
-    LineReader(sys.stdin.fileno(), handle, "client", lambda why: door.soon(end, why)).start()
+    LineReader(_fileno(sys.stdin, 0), handle, "client", lambda why: door.soon(end, why)).start()
 
     async def until_end() -> str:
         why = await ended
