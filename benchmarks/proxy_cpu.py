@@ -31,12 +31,13 @@ def cpu_seconds(pid: int) -> float:
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def one_round(calls: int, profile: str | None, warmup: int = 200, wrapper: Sequence[str] = ()) -> tuple[float, float]:
+def one_round(calls: int, profile: str | None, warmup: int = 200, wrapper: Sequence[str] = (),
+              flags: Sequence[str] = ()) -> tuple[float, float]:
     db = Path(tempfile.mkdtemp(prefix="proxy-cpu-")) / "health.db"
     profiling = ["-m", "cProfile", "-o", profile] if profile else []
     proc = subprocess.Popen(
-        [*wrapper, sys.executable, *profiling, "-m", "ordanis_veltrane.mcp_proxy", "--db", str(db), "--init-timeout", "60", "--",
-         sys.executable, str(ROOT / "tests" / "raw_downstream.py")],
+        [*wrapper, sys.executable, *profiling, "-m", "ordanis_veltrane.mcp_proxy", "--db", str(db),
+         "--init-timeout", "60", *flags, "--", sys.executable, str(ROOT / "tests" / "raw_downstream.py")],
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
     assert proc.stdin is not None and proc.stdout is not None
     out = proc.stdout
@@ -76,8 +77,9 @@ def one_round(calls: int, profile: str | None, warmup: int = 200, wrapper: Seque
 def instructions(calls: int) -> float:
     """Instructions the proxy's process executes for ``calls`` calls (callgrind's total, every thread)."""
     out = Path(tempfile.mkdtemp(prefix="proxy-callgrind-"))
-    one_round(calls, None, warmup=0, wrapper=["valgrind", "--tool=callgrind", "--separate-threads=no",
-                                              f"--callgrind-out-file={out}/callgrind.out", "-q"])
+    # Health written at the end only: a periodic write would count once per so many seconds, not per call.
+    one_round(calls, None, warmup=0, flags=["--flush-interval", "0"], wrapper=[
+        "valgrind", "--tool=callgrind", f"--callgrind-out-file={out}/callgrind.out", "-q"])
     for line in (out / "callgrind.out").read_text().splitlines():
         if line.startswith("totals:") or line.startswith("summary:"):
             return float(line.split()[1])

@@ -20,13 +20,13 @@ for line in sys.stdin:
         answer["result"] = {"protocolVersion": params["protocolVersion"], "capabilities": {"tools": {}},
                             "serverInfo": {"name": "raw", "version": "1"}}
     elif method == "tools/list":
-        answer["result"] = {"tools": [{"name": n, "inputSchema": {"type": "object"}} for n in ("echo", "invalid",
-                                                                                               "garbage", "hang", "flood", "big")]}
+        names = ("echo", "invalid", "garbage", "hang", "flood", "big")
+        answer["result"] = {"tools": [{"name": n, "inputSchema": {"type": "object"}} for n in names]}
     elif method == "tools/call" and params["name"] == "invalid":
         answer["error"] = {"code": -32602, "message": "invalid params: x must be a number"}
     elif method == "tools/call" and params["name"] == "flood":  # 100,000 log messages, then the answer
-        log = json.dumps({"jsonrpc": "2.0", "method": "notifications/message", "params": {"level": "info", "data": "x"}})
-        sys.stdout.write((log + "\n") * 100_000)
+        log = {"jsonrpc": "2.0", "method": "notifications/message", "params": {"level": "info", "data": "x"}}
+        sys.stdout.write((json.dumps(log) + "\n") * 100_000)
         answer["result"] = {"content": [{"type": "text", "text": "flooded"}]}
     elif method == "tools/call" and params["name"] == "big":  # a 50 MB result
         answer["result"] = {"content": [{"type": "text", "text": "x" * (50 * 1024 * 1024)}]}

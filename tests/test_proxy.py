@@ -85,7 +85,8 @@ async def features(call: Any, tools: Any, resource: Any, prompt: Any, got: Simpl
         while not got.changed:
             await anyio.sleep(0.05)
     observed["changed"], observed["added tools"] = bool(got.changed), await tools()
-    observed["resource"], observed["prompt"] = await resource("test://greeting"), await prompt("ask", {"topic": "tides"})
+    observed["resource"] = await resource("test://greeting")
+    observed["prompt"] = await prompt("ask", {"topic": "tides"})
     return observed
 
 
