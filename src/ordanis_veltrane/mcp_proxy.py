@@ -40,7 +40,7 @@ from ordanis_veltrane.cli import (
 )
 from ordanis_veltrane.mcp_proxy_transports import (
     DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
-    LoopDoor, dump, read_client, rpc_error,
+    LoopDoor, dump, parse, read_client, rpc_error,
 )
 from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
@@ -250,7 +250,7 @@ class Relay:
         if not (self.ready and self.downstream.alive and self.tracker_ready.is_set()):
             return self._slow_client(line)
         try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError:
             return self._slow_client(line)
         if not isinstance(message, dict):
@@ -326,7 +326,7 @@ class Relay:
 
     async def _from_client_unguarded(self, line: bytes) -> None:
         try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError as exc:
             self.out.write(rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
             return
@@ -707,7 +707,7 @@ class Relay:
         awaits (``initialize``, its own requests, a ``tools/list`` to rewrite) are handled on the event loop,
         which this thread waits for."""
         try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError as exc:
             logger.error("The downstream server sent a line that is not JSON (%s): %r", exc, line[:200])
             return

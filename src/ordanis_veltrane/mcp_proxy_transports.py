@@ -21,7 +21,7 @@ import anyio
 import anyio.to_thread
 
 __all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "ByteSink", "ClientOut", "DownstreamUnavailable",
-           "HttpDownstream", "LineReader", "LoopDoor", "StdioDownstream", "dump", "read_client", "rpc_error"]
+           "HttpDownstream", "LineReader", "LoopDoor", "StdioDownstream", "dump", "parse", "read_client", "rpc_error"]
 
 logger: logging.Logger = logging.getLogger("ordanis_veltrane.mcp_proxy")
 
@@ -31,6 +31,23 @@ MAX_MESSAGE_BYTES = 512 * 1024 * 1024
 DOWNSTREAM_ERROR = -32001
 # Takes one whole message (on the thread that read it, or on the loop for an HTTP downstream).
 LineHandler = Callable[[bytes], None]
+
+
+# The C scanner that json.loads runs after its Python preliminaries.
+_scan: Callable[[str, int], tuple[Any, int]] = json.JSONDecoder().scan_once  # type: ignore[attr-defined]
+
+
+def parse(line: bytes) -> Any:
+    """``json.loads`` of one message, without its preliminaries (guessing the encoding, matching whitespace) in the
+    usual case of a line that is UTF-8 and starts with its value; anything else, and every error, is json.loads's."""
+    try:
+        text = line.decode()
+        value, end = _scan(text, 0)
+    except (StopIteration, ValueError):
+        return json.loads(line)
+    if end != len(text) and text[end:].strip(" \t\n\r"):
+        return json.loads(line)  # raises: extra data after the value
+    return value
 
 
 def dump(message: Any) -> bytes:
