@@ -1,7 +1,7 @@
 """The proxy as a relay, driven over stdio by the official SDK's client and by FastMCP's: every feature of a test
 downstream passes as it does direct (over stdio and over streamable HTTP with a bearer token), mcp-server-time and
-mcp-server-git from PyPI behind it, and the faults: a downstream killed mid-call, one that never starts or never
-answers, a flood of log messages, a 50 MB result, malformed JSON, SIGTERM."""
+mcp-server-git from PyPI behind it, and the faults: a downstream killed mid-call or gone, one that never starts or
+never answers, a call past its time limit, a flood of log messages, a 50 MB result, malformed JSON, SIGTERM."""
 
 import json
 import os
@@ -177,16 +177,27 @@ def http_server(tmp_path: Path) -> Any:
     server.stop()
 
 
-def routes(db: Path, server: HttpServer) -> dict[str, list[str]]:
-    return {"stdio": proxy(db, FEATURES, *PATIENT), "http": proxy(db, [server.url], *PATIENT, "--header", TOKEN)}
+async def goes_away(session: ClientSession, server: HttpServer | None) -> list[str]:
+    """The stdio downstream killed mid-call, or the HTTP one unreachable and then restarted without the session:
+    the call that meets it is answered with the reason, and the next starts it again (initialize replayed)."""
+    if server is None:
+        failed = [await session.call_tool("die", {})]
+    else:
+        server.stop()
+        failed = [await session.call_tool("progress", {})]
+        server.start()
+        failed.append(await session.call_tool("progress", {}))
+    assert all(r.is_error for r in failed)
+    return [text(r) for r in failed] + [text(await session.call_tool("progress", {}))]
 
 
 @pytest.mark.parametrize("client", ["sdk", "fastmcp", "fastmcp-legacy"])
-def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
+def test_every_feature_passes_as_it_does_direct_then_the_downstream_goes_away(
         tmp_path: Path, client: str, http_server: HttpServer) -> None:
     if client != "sdk":
         pytest.importorskip("fastmcp")
     db, log = tmp_path / "health.db", tmp_path / "proxy.log"
+    routes = {"stdio": proxy(db, FEATURES, *PATIENT), "http": proxy(db, [http_server.url], *PATIENT, "--header", TOKEN)}
 
     async def run(command: list[str]) -> dict[str, Any]:
         if client != "sdk":
@@ -195,19 +206,25 @@ def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
         async with sdk(command, log, got) as session:
             observed = await sdk_features(session, got)
             if command is not FEATURES:
-                usage = health_of(await session.call_tool("health_health_status", {}))["sleep"]["usage"]
-                observed["sleep outcomes"] = sorted(u["outcome"] for u in usage)
+                observed["gone"] = await goes_away(session, http_server if command is routes["http"] else None)
+                status = health_of(await session.call_tool("health_health_status", {}))
+                observed["sleep outcomes"] = sorted(u["outcome"] for u in status["sleep"]["usage"])
+                observed["errors"] = status["progress"]["error_count"], status["die"]["error_count"]
         return observed
 
     direct = anyio.run(run, FEATURES)
     status_tools = {"health_health_status", "get_tool_performance_stats"}  # the downstream keeps its own
-    for route, command in routes(db, http_server).items():
+    for route, command in routes.items():
         proxied = anyio.run(run, command)
         for key in ("tools", "added tools"):
             assert status_tools <= set(proxied[key]), route
             proxied[key] = sorted(set(proxied[key]) - status_tools)
         if client == "sdk":
             assert proxied.pop("sleep outcomes") == ["cancelled", "ok"], route
+            gone = proxied.pop("gone")
+            assert proxied.pop("errors") == ((route == "http") * 2, 1), route  # the store is shared: die's stays
+            assert gone[-1] == "done" and ("exited (exit code 3) before answering" in gone[0] if route == "stdio" else
+                                           "could not be reached" in gone[0] and "(HTTP 404)" in gone[1]), gone
         assert proxied == direct, route
     if client != "fastmcp":  # FastMCP's client negotiates the stateless protocol: the server asks nothing of it
         assert direct["calls"][:3] == ["accept True", "sampled hi", "pinged"] and len(direct["log"][1]) == 2
@@ -220,34 +237,6 @@ def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
             assert failed.is_error and "HTTP 401" in text(failed), text(failed)
 
     anyio.run(refused)
-
-
-@pytest.mark.parametrize("route", ["stdio", "http"])
-def test_a_downstream_that_dies_or_goes_away_fails_the_call_then_starts_again(
-        tmp_path: Path, route: str, http_server: HttpServer) -> None:
-    """Over stdio, killed mid-call: the call is answered, the next starts it again (initialize replayed). Over
-    HTTP, unreachable, then restarted without the session: the request that meets it fails, the next starts one."""
-    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
-
-    async def scenario() -> None:
-        async with sdk(routes(db, http_server)[route], log) as session:
-            assert text(await session.call_tool("progress", {})) == "done"
-            if route == "stdio":
-                died = await session.call_tool("die", {})
-                assert died.is_error and "exited (exit code 3) before answering" in text(died), text(died)
-            else:
-                http_server.stop()
-                down = await session.call_tool("progress", {})
-                assert down.is_error and "could not be reached" in text(down), text(down)
-                http_server.start()
-                forgot = await session.call_tool("progress", {})
-                assert forgot.is_error and "ended the session (HTTP 404)" in text(forgot), text(forgot)
-            assert text(await session.call_tool("progress", {})) == "done"
-            status = health_of(await session.call_tool("health_health_status", {}))
-        assert status["progress"]["error_count"] == (route == "http") * 2
-        assert route == "http" or status["die"]["error_count"] == 1
-
-    anyio.run(scenario)
 
 
 def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: Path) -> None:
