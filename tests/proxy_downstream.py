@@ -1,5 +1,5 @@
 """A downstream MCP server built with the official SDK for the proxy tests, over stdio or streamable HTTP: one tool
-per feature that must pass through the proxy, and one per fault.
+per feature that must pass through the proxy, `die` for a fault, and tools named like the proxy's status tools.
 
     python tests/proxy_downstream.py [--http PORT --token T]
 """
@@ -69,28 +69,12 @@ async def sleep(seconds: float) -> str:
 
 
 @server.tool()
-def big(megabytes: int) -> str:
-    return "x" * (megabytes * 1024 * 1024)
-
-
-@server.tool()
 def die() -> str:
     os._exit(3)
 
 
-@server.tool()
-def fail(action: str = "a") -> str:
-    raise ValueError(f"bad {action}")
-
-
-@server.tool()
-def status() -> str:
-    return "the downstream's own status"
-
-
-@server.tool()
-def health_status() -> str:
-    return "the downstream's own health_status"
+for name in ("status", "health_status"):
+    server.add_tool(lambda name=name: f"the downstream's own {name}", name=name)
 
 
 @server.resource("test://greeting")
@@ -109,8 +93,7 @@ if __name__ == "__main__":
     parser.add_argument("--token")
     args = parser.parse_args()
     if args.http is None:
-        server.run()
-        sys.exit(0)
+        sys.exit(server.run())
     import uvicorn
     from starlette.middleware.base import BaseHTTPMiddleware
     from starlette.responses import Response

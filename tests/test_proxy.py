@@ -1,7 +1,7 @@
 """The proxy as a relay, driven over stdio by the official SDK's client and by FastMCP's: every feature of a test
 downstream passes as it does direct (over stdio and over streamable HTTP with a bearer token), mcp-server-time and
-mcp-server-git from PyPI behind it, and the faults: a downstream killed mid-call, one that never starts or never
-answers, a flood of log messages, a 50 MB result, malformed JSON, SIGTERM."""
+mcp-server-git from PyPI behind it, and the faults: a downstream killed mid-call or gone, one that never starts or
+never answers, a call past its time limit, a flood of log messages, a 50 MB result, malformed JSON, SIGTERM."""
 
 import json
 import os
@@ -12,6 +12,7 @@ import sys
 import time
 from contextlib import asynccontextmanager
 from pathlib import Path
+from types import SimpleNamespace
 from typing import Any, AsyncIterator
 
 import pytest
@@ -34,6 +35,7 @@ RAW = [*CLEAN_ENV, sys.executable, str(HERE / "raw_downstream.py")]
 TIME = [*CLEAN_ENV, sys.executable, "-m", "mcp_server_time"]
 # Slow starts on a loaded machine: the feature tests wait for the downstream rather than answer without it.
 PATIENT = ("--init-timeout", "60")
+TOKEN = "Authorization: Bearer s3cret"
 
 
 def proxy(db: Path, downstream: list[str], *flags: str) -> list[str]:
@@ -41,17 +43,15 @@ def proxy(db: Path, downstream: list[str], *flags: str) -> list[str]:
             "--", *downstream]
 
 
-class Seen:
+def seen() -> SimpleNamespace:
     """What a client was sent besides answers: progress, log lines, list_changed notices."""
-
-    def __init__(self) -> None:
-        self.progress: list[Any] = []
-        self.logs: list[Any] = []
-        self.changed = 0
+    return SimpleNamespace(progress=[], logs=[], changed=0)
 
 
 @asynccontextmanager
-async def sdk(command: list[str], log: Path, seen: Seen) -> AsyncIterator[ClientSession]:
+async def sdk(command: list[str], log: Path, got: SimpleNamespace | None = None) -> AsyncIterator[ClientSession]:
+    got = got or seen()
+
     async def sampling(context: Any, params: mt.CreateMessageRequestParams) -> mt.CreateMessageResult:
         return mt.CreateMessageResult(role="assistant", content=mt.TextContent(type="text", text="hi"), model="m")
 
@@ -59,10 +59,10 @@ async def sdk(command: list[str], log: Path, seen: Seen) -> AsyncIterator[Client
         return mt.ElicitResult(action="accept", content={"ok": True})
 
     async def logging(params: mt.LoggingMessageNotificationParams) -> None:
-        seen.logs.append(params.data)
+        got.logs.append(params.data)
 
     async def messages(message: Any) -> None:
-        seen.changed += isinstance(message, mt.ToolListChangedNotification)
+        got.changed += isinstance(message, mt.ToolListChangedNotification)
 
     params = StdioServerParameters(command=command[0], args=command[1:], env=child_env())
     with open(log, "a") as errlog:
@@ -73,53 +73,63 @@ async def sdk(command: list[str], log: Path, seen: Seen) -> AsyncIterator[Client
             yield session
 
 
-async def sdk_features(session: ClientSession, seen: Seen) -> dict[str, Any]:
+async def features(call: Any, tools: Any, resource: Any, prompt: Any, got: SimpleNamespace, asked: list[str],
+                   notice_within: float) -> dict[str, Any]:
+    """What a client observes of every feature of the test downstream, whichever client it is."""
+    observed: dict[str, Any] = {"tools": await tools()}
+    observed["progress"] = await call("progress"), got.progress
+    observed["log"] = await call("log", {"count": 2}), got.logs
+    observed["calls"] = [await call(name) for name in asked]
+    observed["added"] = await call("add_tool")
+    with anyio.move_on_after(notice_within):
+        while not got.changed:
+            await anyio.sleep(0.05)
+    observed["changed"], observed["added tools"] = bool(got.changed), await tools()
+    observed["resource"] = await resource("test://greeting")
+    observed["prompt"] = await prompt("ask", {"topic": "tides"})
+    return observed
+
+
+async def sdk_features(session: ClientSession, got: SimpleNamespace) -> dict[str, Any]:
     async def progress(value: float, total: float | None, message: str | None) -> None:
-        seen.progress.append((value, total, message))
+        got.progress.append((value, total, message))
 
-    async def call(name: str, arguments: dict[str, Any] | None = None, **options: Any) -> str:
-        return text(await session.call_tool(name, arguments or {}, **options))
+    async def call(name: str, arguments: dict[str, Any] | None = None) -> str:
+        return text(await session.call_tool(name, arguments or {}, progress_callback=progress))
 
-    observed: dict[str, Any] = {"tools": sorted(t.name for t in (await session.list_tools()).tools)}
-    observed["progress"] = await call("progress", progress_callback=progress), seen.progress
-    observed["log"] = await call("log", {"count": 2}), seen.logs
-    observed["calls"] = [await call(name) for name in ("elicit", "sample", "ping_client", "status", "health_status")]
+    async def tools() -> list[str]:
+        return sorted(t.name for t in (await session.list_tools()).tools)
+
     with anyio.move_on_after(1):
         await call("sleep", {"seconds": 30})  # cancelled: the session goes on
-    observed["after cancel"] = await call("sleep", {"seconds": 0})
-    observed["added"] = await call("add_tool")
-    with anyio.fail_after(10):
-        while not seen.changed:
-            await anyio.sleep(0.05)
-    observed["added tools"] = sorted(t.name for t in (await session.list_tools()).tools)
-    observed["resource"] = (await session.read_resource("test://greeting")).contents[0].text  # type: ignore[union-attr]
-    prompt = await session.get_prompt("ask", {"topic": "tides"})
-    observed["prompt"] = prompt.messages[0].content.text  # type: ignore[union-attr]
-    return observed
+    after_cancel = await call("sleep", {"seconds": 0})
+    observed = await features(call, tools, session.read_resource, session.get_prompt, got,
+                              ["elicit", "sample", "ping_client", "status", "health_status"], 10)
+    return {**observed, "after cancel": after_cancel, "resource": observed["resource"].contents[0].text,
+            "prompt": observed["prompt"].messages[0].content.text}
 
 
 async def fastmcp_features(command: list[str], log: Path, mode: str) -> dict[str, Any]:
     from fastmcp import Client
     from fastmcp.client.transports import StdioTransport
 
-    seen = Seen()
+    got = seen()
 
     async def on_log(message: Any) -> None:
-        seen.logs.append(message.data)
+        got.logs.append(message.data)
 
     async def on_progress(value: float, total: float | None, message: str | None) -> None:
-        seen.progress.append((value, total, message))
+        got.progress.append((value, total, message))
 
     async def on_message(message: Any) -> None:
-        seen.changed += isinstance(message, mt.ToolListChangedNotification)
+        got.changed += isinstance(message, mt.ToolListChangedNotification)
 
     async def elicit(message: str, kind: Any, params: Any, context: Any) -> Any:
         return kind(ok=True)
 
     client = Client(StdioTransport(command[0], command[1:], env=child_env(), keep_alive=False, log_file=log),
                     sampling_handler=lambda messages, params, context: "hi", log_handler=on_log,
-                    elicitation_handler=elicit,
-                    progress_handler=on_progress, message_handler=on_message, mode=mode)
+                    elicitation_handler=elicit, progress_handler=on_progress, message_handler=on_message, mode=mode)
     async with client:
         async def call(name: str, arguments: dict[str, Any] | None = None) -> str:
             try:  # FastMCP's client negotiates the stateless protocol: no requests from the server, direct or not
@@ -127,33 +137,23 @@ async def fastmcp_features(command: list[str], log: Path, mode: str) -> dict[str
             except Exception as exc:
                 return f"raised {exc}"
 
-        observed: dict[str, Any] = {"tools": sorted(t.name for t in await client.list_tools())}
-        observed["progress"] = await call("progress"), seen.progress
-        observed["log"] = await call("log", {"count": 2}), seen.logs
-        observed["calls"] = [await call(name) for name in ("elicit", "sample", "ping_client", "health_status")]
-        observed["added"] = await call("add_tool")
-        with anyio.move_on_after(10 if mode == "legacy" else 1):  # the stateless protocol has no such notice
-            while not seen.changed:
-                await anyio.sleep(0.05)
-        observed["changed"] = bool(seen.changed)
-        observed["added tools"] = sorted(t.name for t in await client.list_tools())
-        observed["resource"] = (await client.read_resource("test://greeting"))[0].text  # type: ignore[union-attr]
-        observed["prompt"] = (await client.get_prompt("ask", {"topic": "tides"})).messages[0].content.text  # type: ignore[union-attr]
-    return observed
+        async def tools() -> list[str]:
+            return sorted(t.name for t in await client.list_tools())
 
-
-def free_port() -> int:
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return int(s.getsockname()[1])
+        # The stateless protocol has no list_changed notice.
+        observed = await features(call, tools, client.read_resource, client.get_prompt, got,
+                                  ["elicit", "sample", "ping_client", "health_status"], 10 if mode == "legacy" else 1)
+    return {**observed, "resource": observed["resource"][0].text, "prompt": observed["prompt"].messages[0].content.text}
 
 
 class HttpServer:
-    """The test downstream over streamable HTTP, refusing requests without its bearer token; `restart` loses
-    every session it had."""
+    """The test downstream over streamable HTTP, refusing requests without its bearer token; stopped and started
+    again, it has lost every session it had."""
 
     def __init__(self, log: Path) -> None:
-        self.port, self.log = free_port(), log
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            self.port, self.log = int(s.getsockname()[1]), log
         self.url = f"http://127.0.0.1:{self.port}/mcp"
         self.start()
 
@@ -173,73 +173,70 @@ class HttpServer:
 @pytest.fixture
 def http_server(tmp_path: Path) -> Any:
     server = HttpServer(tmp_path / "server.log")
-    try:
-        yield server
-    finally:
+    yield server
+    server.stop()
+
+
+async def goes_away(session: ClientSession, server: HttpServer | None) -> list[str]:
+    """The stdio downstream killed mid-call, or the HTTP one unreachable and then restarted without the session:
+    the call that meets it is answered with the reason, and the next starts it again (initialize replayed)."""
+    if server is None:
+        failed = [await session.call_tool("die", {})]
+    else:
         server.stop()
-
-
-def without_status(names: list[str]) -> list[str]:
-    assert {"health_health_status", "get_tool_performance_stats"} <= set(names), names  # the downstream keeps both
-    return sorted(set(names) - {"health_health_status", "get_tool_performance_stats"})
+        failed = [await session.call_tool("progress", {})]
+        server.start()
+        failed.append(await session.call_tool("progress", {}))
+    assert all(r.is_error for r in failed)
+    return [text(r) for r in failed] + [text(await session.call_tool("progress", {}))]
 
 
 @pytest.mark.parametrize("client", ["sdk", "fastmcp", "fastmcp-legacy"])
-def test_every_feature_passes_as_it_does_direct_over_stdio_and_http(
+def test_every_feature_passes_as_it_does_direct_then_the_downstream_goes_away(
         tmp_path: Path, client: str, http_server: HttpServer) -> None:
     if client != "sdk":
         pytest.importorskip("fastmcp")
     db, log = tmp_path / "health.db", tmp_path / "proxy.log"
-    routes = {"direct": FEATURES, "stdio": proxy(db, FEATURES, *PATIENT),
-              "http": proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")}
+    routes = {"stdio": proxy(db, FEATURES, *PATIENT), "http": proxy(db, [http_server.url], *PATIENT, "--header", TOKEN)}
 
     async def run(command: list[str]) -> dict[str, Any]:
         if client != "sdk":
             return await fastmcp_features(command, log, "legacy" if client.endswith("legacy") else "auto")
-        seen = Seen()
-        async with sdk(command, log, seen) as session:
-            observed = await sdk_features(session, seen)
+        got = seen()
+        async with sdk(command, log, got) as session:
+            observed = await sdk_features(session, got)
             if command is not FEATURES:
-                usage = health_of(await session.call_tool("health_health_status", {}))["sleep"]["usage"]
-                observed["sleep outcomes"] = sorted(u["outcome"] for u in usage)
+                observed["gone"] = await goes_away(session, http_server if command is routes["http"] else None)
+                status = health_of(await session.call_tool("health_health_status", {}))
+                observed["sleep outcomes"] = sorted(u["outcome"] for u in status["sleep"]["usage"])
+                observed["errors"] = status["progress"]["error_count"], status["die"]["error_count"]
         return observed
 
-    observed = {route: anyio.run(run, command) for route, command in routes.items()}
-    for route in ("stdio", "http"):
-        proxied = observed[route]
-        proxied["tools"], proxied["added tools"] = map(without_status, (proxied["tools"], proxied["added tools"]))
+    direct = anyio.run(run, FEATURES)
+    status_tools = {"health_health_status", "get_tool_performance_stats"}  # the downstream keeps its own
+    for route, command in routes.items():
+        proxied = anyio.run(run, command)
+        for key in ("tools", "added tools"):
+            assert status_tools <= set(proxied[key]), route
+            proxied[key] = sorted(set(proxied[key]) - status_tools)
         if client == "sdk":
             assert proxied.pop("sleep outcomes") == ["cancelled", "ok"], route
-        assert proxied == observed["direct"], route
-    direct = observed["direct"]
+            gone = proxied.pop("gone")
+            assert proxied.pop("errors") == ((route == "http") * 2, 1), route  # the store is shared: die's stays
+            assert gone[-1] == "done" and ("exited (exit code 3) before answering" in gone[0] if route == "stdio" else
+                                           "could not be reached" in gone[0] and "(HTTP 404)" in gone[1]), gone
+        assert proxied == direct, route
     if client != "fastmcp":  # FastMCP's client negotiates the stateless protocol: the server asks nothing of it
         assert direct["calls"][:3] == ["accept True", "sampled hi", "pinged"] and len(direct["log"][1]) == 2
+        assert direct["changed"]
     assert "added" in direct["added tools"] and direct["resource"] == "hello resource"
-    # Without the token the HTTP downstream refuses the session: the proxy answers for itself, and says why.
-    async def refused() -> None:
-        async with sdk(proxy(db, [http_server.url]), log, Seen()) as session:
+
+    async def refused() -> None:  # without the token: the proxy answers for itself, and says why
+        async with sdk(proxy(db, [http_server.url]), log) as session:
             failed = await session.call_tool("progress", {})
             assert failed.is_error and "HTTP 401" in text(failed), text(failed)
 
     anyio.run(refused)
-
-
-def test_an_http_downstream_that_goes_away_or_forgets_the_session(tmp_path: Path, http_server: HttpServer) -> None:
-    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
-
-    async def scenario() -> None:
-        command = proxy(db, [http_server.url], *PATIENT, "--header", "Authorization: Bearer s3cret")
-        async with sdk(command, log, Seen()) as session:
-            assert text(await session.call_tool("progress", {})) == "done"
-            http_server.stop()
-            down = await session.call_tool("progress", {})
-            assert down.is_error and "could not be reached" in text(down), text(down)
-            http_server.start()  # knows no session: the request that meets it fails, the next starts one
-            forgot = await session.call_tool("progress", {})
-            assert forgot.is_error and "ended the session (HTTP 404)" in text(forgot), text(forgot)
-            assert text(await session.call_tool("progress", {})) == "done"
-
-    anyio.run(scenario)
 
 
 def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: Path) -> None:
@@ -258,8 +255,8 @@ def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: 
     flags = (*PATIENT, "--disable-after", "2", "--cooldown", "60")
 
     async def scenario() -> None:
-        async with sdk(proxy(db, TIME, *flags, "--client-error", "Invalid timezone", "--hide-disabled"), log,
-                       Seen()) as session:
+        async with sdk(proxy(db, TIME, *flags, "--client-error", "Invalid timezone", "--hide-disabled"),
+                       log) as session:
             names = {t.name for t in (await session.list_tools()).tools}
             assert names == {"get_current_time", "convert_time", "status", "get_tool_performance_stats"}
             bad_zone = [await session.call_tool("get_current_time", {"timezone": "Bad/X"}) for _ in range(3)]
@@ -286,21 +283,6 @@ def test_time_and_git_servers_errors_client_errors_refusal_and_status(tmp_path: 
     assert stored(db)[0]["convert_time"][:2] == (2, 2)
 
 
-def test_a_downstream_killed_mid_call_is_restarted_and_the_call_answered(tmp_path: Path) -> None:
-    db, log = tmp_path / "health.db", tmp_path / "proxy.log"
-
-    async def scenario() -> None:
-        async with sdk(proxy(db, FEATURES, *PATIENT), log, Seen()) as session:
-            died = await session.call_tool("die", {})
-            assert died.is_error and "exited (exit code 3) before answering" in text(died), text(died)
-            # Restarted at the next request, initialize and initialized replayed: the session goes on.
-            assert text(await session.call_tool("progress", {})) == "done"
-            status = health_of(await session.call_tool("health_health_status", {}))
-        assert (status["die"]["error_count"], status["progress"]["error_count"]) == (1, 0)
-
-    anyio.run(scenario)
-
-
 @pytest.mark.parametrize("downstream", [["/no/such/mcp-server"], [*RAW, "silent"]], ids=["never starts", "silent"])
 def test_a_downstream_that_never_starts_or_never_answers(tmp_path: Path, downstream: list[str]) -> None:
     """initialize and the status tools answer within seconds; a tool call fails with a clear error."""
@@ -308,7 +290,7 @@ def test_a_downstream_that_never_starts_or_never_answers(tmp_path: Path, downstr
 
     async def scenario() -> None:
         start = time.monotonic()
-        async with sdk(proxy(db, downstream, "--init-timeout", "1"), log, Seen()) as session:
+        async with sdk(proxy(db, downstream, "--init-timeout", "1"), log) as session:
             names = {t.name for t in (await session.list_tools()).tools}
             failed = await session.call_tool("echo", {})
             status = health_of(await session.call_tool("status", {}))
@@ -319,6 +301,23 @@ def test_a_downstream_that_never_starts_or_never_answers(tmp_path: Path, downstr
         assert time.monotonic() - start < 20
 
     anyio.run(scenario)
+
+
+def test_a_call_past_the_call_timeout_is_answered_and_cancelled_downstream(tmp_path: Path) -> None:
+    got = seen()
+
+    async def scenario() -> None:
+        command = proxy(tmp_path / "health.db", RAW, *PATIENT, "--call-timeout", "1")
+        async with sdk(command, tmp_path / "proxy.log", got) as session:
+            late = await session.call_tool("hang", {})
+            assert late.is_error and text(late) == "Tool 'hang' did not answer within 1 s", text(late)
+            with anyio.fail_after(10):
+                while not got.logs:
+                    await anyio.sleep(0.05)
+            assert text(await session.call_tool("echo", {})) == "{}"  # the session goes on
+
+    anyio.run(scenario)
+    assert len(got.logs) == 1 and got.logs[0].startswith("cancelled "), got.logs
 
 
 def test_floods_big_results_malformed_json_invalid_params_then_sigterm(tmp_path: Path) -> None:

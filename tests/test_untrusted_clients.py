@@ -23,25 +23,19 @@ from ordanis_veltrane.utils.process import ThreadCensus
 from ordanis_veltrane.utils.timing import TimingCollector
 
 
-def exact_stats(calls: list[tuple[str, float, bool]]) -> list[dict[str, Any]]:
-    """What a collector that keeps every duration answers, by tool in the order they first came."""
-    out = []
-    for name in dict.fromkeys(name for name, _, _ in calls):
-        values = sorted(value for tool, value, _ in calls if tool == name)
-        out.append({"name": name, "count": len(values), "avg_ms": round(sum(values) / len(values), 3),
-                    "p95_ms": round(values[math.ceil(0.95 * len(values)) - 1], 3), "min_ms": round(values[0], 3),
-                    "max_ms": round(values[-1], 3), "errors": sum(failed for tool, _, failed in calls if tool == name)})
-    return out
-
-
 class TestTimingCollector:
     @pytest.mark.parametrize("count", [1, 2, 40, 41, 511, 512])  # per tool: up to 20 and 21, up to the full 256
     def test_exact_while_the_reservoir_holds_every_duration(self, count: int) -> None:
-        collector, rng = TimingCollector(256, seed=1), random.Random(count)
+        collector, rng, exact = TimingCollector(256, seed=1), random.Random(count), []
         calls = [("ab"[i % 2], rng.expovariate(0.1), rng.random() < 0.2) for i in range(count)]
         for name, value, failed in calls:
             collector.record(name, value, error=failed)
-        assert collector.get_all_stats() == exact_stats(calls)
+        for name in dict.fromkeys(name for name, _, _ in calls):  # every duration kept, by tool as they came
+            v = sorted(value for tool, value, _ in calls if tool == name)
+            exact.append({"name": name, "count": len(v), "avg_ms": round(sum(v) / len(v), 3),
+                          "p95_ms": round(v[math.ceil(0.95 * len(v)) - 1], 3), "min_ms": round(v[0], 3),
+                          "max_ms": round(v[-1], 3), "errors": sum(f for tool, _, f in calls if tool == name)})
+        assert collector.get_all_stats() == exact
 
     def test_a_million_durations_in_bounded_memory_and_a_uniform_sample(self) -> None:
         # Rising durations: a reservoir that kept the first (or the last) values would answer far from 950000.
@@ -131,18 +125,15 @@ class TestStatusAnswer:
         assert "x" * 1024 + "... [9998976 more characters]" in [r["action"] for r in kept[:3]]  # 3 calls: the top
 
 
-def test_thread_budget_counts_what_the_process_starts() -> None:
+def test_thread_budget_counts_the_running_loops_workers_as_the_host_set_them() -> None:
     anyio = pytest.importorskip("anyio")
     import anyio.to_thread
 
-    assert thread_budget(metrics=False, max_connections=8) == 48  # anyio's 40 workers: the budget of old
-    assert thread_budget(metrics=True, max_connections=8, extra=2) == 48 + 1 + 8 + 2
-
     async def resized() -> int:
         anyio.to_thread.current_default_thread_limiter().total_tokens = 10
-        return thread_budget(metrics=False, max_connections=0)
+        return thread_budget(metrics=True, max_connections=3, extra=2)
 
-    assert anyio.run(resized) == 18  # the running loop's limiter, as the host set it
+    assert thread_budget(metrics=False, max_connections=8) == 48 and anyio.run(resized) == 18 + 1 + 3 + 2
 
 
 class TestMetricsEndpoint:

@@ -30,7 +30,8 @@ import json
 import logging
 import re
 import sys
-from typing import TYPE_CHECKING, Any, Awaitable, Sequence
+import time
+from typing import TYPE_CHECKING, Any, Sequence
 
 import anyio
 
@@ -39,7 +40,7 @@ from ordanis_veltrane.cli import (
 )
 from ordanis_veltrane.mcp_proxy_transports import (
     DOWNSTREAM_ERROR, PROTOCOL_VERSION_META, ClientOut, DownstreamUnavailable, HttpDownstream, StdioDownstream,
-    dump, feed_client, rpc_error,
+    LoopDoor, dump, parse, read_client, rpc_error,
 )
 from ordanis_veltrane.sharing.targets import redact_url
 from ordanis_veltrane.tool_pipeline import ToolCall, ToolPipeline, ToolRefused
@@ -108,14 +109,14 @@ def _tool_result(request_id: Any, text: str, error: bool, stateless: bool) -> by
 class _Pending:
     """A request of the client's that the downstream has not answered yet."""
 
-    __slots__ = ("method", "call", "tool", "timer", "list_page")
+    __slots__ = ("method", "call", "tool", "deadline", "list_page")
 
     def __init__(self, method: str, call: ToolCall | None = None, tool: str | None = None,
                  list_page: bool = False) -> None:
         self.method = method
         self.call = call
         self.tool = tool
-        self.timer: asyncio.TimerHandle | None = None
+        self.deadline: float | None = None  # time.monotonic() past which it is answered with an error
         self.list_page = list_page  # a tools/list answer to rewrite; True for the first page
 
 
@@ -152,7 +153,7 @@ class Relay:
         self.status_tools = status_tools
         self.hide_disabled = hide_disabled
         self.metrics = metrics
-        self.out = ClientOut()
+        self.out: ClientOut  # opened by run()
         if len(downstream) == 1 and downstream[0].startswith(("http://", "https://")):
             self.downstream: StdioDownstream | HttpDownstream = HttpDownstream(
                 downstream[0], dict(headers or {}), self._from_downstream, self._downstream_gone, self._fail_pending,
@@ -183,6 +184,7 @@ class Relay:
         self.finished = anyio.Event()  # the session is over: answered, downstream stopped, health written
         self._tg: Any = None
         self._loop: asyncio.AbstractEventLoop | None = None
+        self._door: LoopDoor | None = None
 
     # ------------------------------------------------------------ running
 
@@ -190,17 +192,20 @@ class Relay:
         """Relays until the client closes stdin (or the task is cancelled: SIGTERM)."""
         self.running = True
         self._loop = asyncio.get_running_loop()
+        self._door = LoopDoor()
         self._ready_event = asyncio.Event()
         self._start_lock = asyncio.Lock()
-        await self.out.open()
+        self.out = ClientOut()
         if self.hide_disabled:
             self.pipeline.add_tools_changed_listener(self._hidden_changed)
         try:
             async with anyio.create_task_group() as tg:
                 self._tg = tg
                 tg.start_soon(self._hold_health)
+                if self.call_timeout is not None:
+                    tg.start_soon(self._expire)
                 try:
-                    await (await feed_client(self._client_line))
+                    await read_client(self._door, self._client_line)
                 finally:
                     with anyio.CancelScope(shield=True):
                         await self._shutdown("the proxy is shutting down")
@@ -235,33 +240,33 @@ class Relay:
                 waiter.set_exception(DownstreamUnavailable(why))
                 waiter.exception()
         await self.downstream.close()
-        await self.out.flush()
 
     # ------------------------------------------------------------ from the client
 
-    def _client_line(self, line: bytes) -> Awaitable[None] | None:
-        """Relays a message of the client's at once when the session is under way (the downstream ready, health
-        running); anything else takes the slower path that may wait."""
+    def _client_line(self, line: bytes) -> None:
+        """On the thread that reads the client: relays a message at once when the session is under way (the
+        downstream ready, health running); anything else takes the slower path on the event loop, which this
+        thread waits for (the client's next message waits behind it)."""
         if not (self.ready and self.downstream.alive and self.tracker_ready.is_set()):
-            return self._from_client(line)
+            return self._slow_client(line)
         try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError:
-            return self._from_client(line)
+            return self._slow_client(line)
         if not isinstance(message, dict):
-            return self._from_client(line)
+            return self._slow_client(line)
         method = message.get("method")
         if method is None:  # the client's answer to a request of the downstream
             return self.downstream.send(line)
         request_id = message.get("id")
         if request_id is None:
             if method == "notifications/initialized":
-                return self._from_client(line)
+                return self._slow_client(line)
             if method == "notifications/cancelled":
                 self._cancelled(message)
             return self.downstream.send(line)
         if method == "initialize":
-            return self._from_client(line)
+            return self._slow_client(line)
         params = message.get("params")
         if isinstance(params, dict) and "_meta" in params:
             self._meta = params["_meta"]
@@ -269,23 +274,24 @@ class Relay:
         if method == "tools/call":
             if not isinstance(params, dict) or not isinstance(params.get("name"), str) \
                     or params["name"] in self._by_served:
-                return self._call_tool(request_id, message, line)
+                return self._slow_client(line)
             return self._call_tool_now(request_id, message, line, params)
         self._track(request_id, _pending_request(method, params))
         return self.downstream.send(line)
+
+    def _slow_client(self, line: bytes) -> None:
+        assert self._door is not None
+        self._door.run(lambda: self._from_client(line))
 
     def _cancelled(self, message: dict[str, Any]) -> None:
         params = message.get("params")
         key = params.get("requestId") if isinstance(params, dict) else None
         entry = self.pending.pop(key, None) if key is not None else None
-        if entry is not None:
-            if entry.timer is not None:
-                entry.timer.cancel()
-            if entry.call is not None:
-                entry.call.cancelled()
+        if entry is not None and entry.call is not None:
+            entry.call.cancelled()
 
     def _call_tool_now(self, request_id: Any, message: dict[str, Any], line: bytes,
-                       params: dict[str, Any]) -> Awaitable[None] | None:
+                       params: dict[str, Any]) -> None:
         """A call of a downstream tool, health running and the downstream ready: begun and sent at once."""
         tool: str = params["name"]
         begun = self._begin_call(request_id, message, line, params, tool)
@@ -320,7 +326,7 @@ class Relay:
 
     async def _from_client_unguarded(self, line: bytes) -> None:
         try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError as exc:
             self.out.write(rpc_error(None, PARSE_ERROR, f"Parse error: {exc}"))
             return
@@ -435,13 +441,26 @@ class Relay:
         return _tool_result(request_id, text, True, self.stateless)
 
     def _track(self, request_id: Any, entry: _Pending) -> None:
+        if self.call_timeout is not None:
+            entry.deadline = time.monotonic() + self.call_timeout
         self.pending[request_id] = entry
-        if self.call_timeout is not None and self._loop is not None:
-            entry.timer = self._loop.call_later(self.call_timeout, self._timed_out, request_id)
+
+    async def _expire(self) -> None:
+        """Answers the requests that have waited longer than ``call_timeout`` (to within a tenth of it, half a
+        second at most). A timer per request would cost the event loop a wake-up per message."""
+        assert self.call_timeout is not None
+        period = min(0.5, self.call_timeout / 10)
+        while not self._stop.is_set():
+            with anyio.move_on_after(period):
+                await self._stop.wait()
+            now = time.monotonic()
+            for key, entry in list(self.pending.items()):
+                if entry.deadline is not None and entry.deadline <= now:
+                    self._timed_out(key)
 
     def _timed_out(self, request_id: Any) -> None:
         entry = self.pending.pop(request_id, None)
-        if entry is None:
+        if entry is None:  # answered meanwhile
             return
         seconds = f"{self.call_timeout:g}"
         if entry.call is not None:
@@ -451,17 +470,13 @@ class Relay:
         else:
             self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR,
                                       f"the downstream server did not answer {entry.method} within {seconds} s"))
-        waiting = self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled", "params": {
+        self.downstream.send(dump({"jsonrpc": "2.0", "method": "notifications/cancelled", "params": {
             "requestId": request_id, "reason": f"no answer within {seconds} s"}}))
-        if waiting is not None:
-            asyncio.ensure_future(waiting)
 
     def _fail_pending(self, key: Any, why: str) -> None:
         entry = self.pending.pop(key, None)
         if entry is None:
             return
-        if entry.timer is not None:
-            entry.timer.cancel()
         if entry.method == "initialize":
             return  # answered by the proxy itself
         if entry.call is not None:
@@ -514,9 +529,7 @@ class Relay:
     # ------------------------------------------------------------ the downstream's life
 
     async def _send(self, data: bytes) -> None:
-        waiting = self.downstream.send(data)
-        if waiting is not None:
-            await waiting
+        self.downstream.send(data)
 
     async def _ensure_quietly(self) -> bool:
         try:
@@ -617,9 +630,10 @@ class Relay:
             self.downstream.listen()
 
     def _list_own_soon(self) -> None:
-        """Lists the downstream's tools for the proxy itself: the registry, and the status tools' names."""
-        if self._tg is not None:
-            self._tg.start_soon(self._list_own)
+        """Lists the downstream's tools for the proxy itself: the registry, and the status tools' names. Any
+        thread."""
+        if self._tg is not None and self._door is not None:
+            self._door.soon(self._tg.start_soon, self._list_own)
 
     async def _list_own(self) -> None:
         assert self._loop is not None
@@ -687,27 +701,38 @@ class Relay:
 
     # ------------------------------------------------------------ from the downstream
 
-    def _from_downstream(self, line: bytes) -> Awaitable[None] | None:
+    def _from_downstream(self, line: bytes) -> None:
+        """On the thread that reads the downstream (on the event loop for an HTTP one): its notifications and
+        requests, and the answers to the client's requests, are written on at once; the answers the proxy itself
+        awaits (``initialize``, its own requests, a ``tools/list`` to rewrite) are handled on the event loop,
+        which this thread waits for."""
         try:
-            self._from_downstream_unguarded(line)
-        except Exception:  # a fault of the relay's own must not end the session
-            logger.exception("Could not relay a message of the downstream's: %r", line[:200])
-        return self.out.drain()
-
-    def _from_downstream_unguarded(self, line: bytes) -> None:
-        try:
-            message = json.loads(line)
+            message = parse(line)
         except ValueError as exc:
             logger.error("The downstream server sent a line that is not JSON (%s): %r", exc, line[:200])
             return
-        if not isinstance(message, dict):
-            self.out.write(line if line.endswith(b"\n") else line + b"\n")
-            return
-        if "method" in message:  # the downstream's own request or notification
-            if message["method"] == "notifications/tools/list_changed" and self.ready:
-                self._list_own_soon()
-            self.out.write(line if line.endswith(b"\n") else line + b"\n")
-            return
+        try:
+            if isinstance(message, dict):
+                if "method" in message:  # the downstream's own request or notification
+                    if message["method"] == "notifications/tools/list_changed" and self.ready:
+                        self._list_own_soon()
+                else:
+                    key = message.get("id")
+                    entry = self.pending.get(key)
+                    if key == self._handshake_id or isinstance(key, str) and key.startswith(OWN_ID_PREFIX) \
+                            or entry is not None and (entry.list_page or entry.method == "initialize"):
+                        assert self._door is not None
+                        self._door.run(lambda: self._from_downstream_slow(line, message))
+                        return
+                    if entry is None or self.pending.pop(key, None) is not entry:
+                        return  # answered already (timed out, cancelled) or never asked
+                    if entry.call is not None:
+                        self._finish_call(entry.call, message)
+        except Exception:  # a fault of the relay's own must not end the session
+            logger.exception("Could not relay a message of the downstream's: %r", line[:200])
+        self.out.write(line if line.endswith(b"\n") else line + b"\n")
+
+    def _from_downstream_slow(self, line: bytes, message: dict[str, Any]) -> None:
         key = message.get("id")
         if key is not None and key == self._handshake_id and self._handshake is not None:
             if "result" in message:
@@ -722,8 +747,6 @@ class Relay:
         entry = self.pending.pop(key, None)
         if entry is None:
             return  # answered already (timed out, cancelled) or never asked
-        if entry.timer is not None:
-            entry.timer.cancel()
         if entry.call is not None:
             self._finish_call(entry.call, message)
         elif entry.list_page:
@@ -769,11 +792,7 @@ class Relay:
 
     def _hidden_changed(self, *_: Any) -> None:
         """From any thread: the client is told to list the tools again."""
-        loop = self._loop
-        if loop is not None and not loop.is_closed():
-            notice = dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"})
-            with contextlib.suppress(RuntimeError):
-                loop.call_soon_threadsafe(self.out.write, notice)
+        self.out.write(dump({"jsonrpc": "2.0", "method": "notifications/tools/list_changed"}))
 
 
 # ---------------------------------------------------------------- the command

@@ -4,31 +4,50 @@ from __future__ import annotations
 
 import asyncio
 import base64
-import collections
+import concurrent.futures
 import contextlib
+import contextvars
 import json
 import logging
 import os
 import re
+import select
+import subprocess
 import sys
+import threading
 from typing import Any, Awaitable, Callable, Sequence
 
 import anyio
 import anyio.to_thread
 
-__all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "ClientOut", "DownstreamUnavailable", "HttpDownstream",
-           "LineFeed", "StdioDownstream", "dump", "feed_client", "rpc_error"]
+__all__ = ["DOWNSTREAM_ERROR", "PROTOCOL_VERSION_META", "ByteSink", "ClientOut", "DownstreamUnavailable",
+           "HttpDownstream", "LineReader", "LoopDoor", "StdioDownstream", "dump", "parse", "read_client", "rpc_error"]
 
 logger: logging.Logger = logging.getLogger("ordanis_veltrane.mcp_proxy")
 
 # A message may be this long (one line of JSON); a longer one from the downstream ends it.
 MAX_MESSAGE_BYTES = 512 * 1024 * 1024
-# Writes wait for the reader once this much is queued.
-HIGH_WATER = 16 * 1024 * 1024
 # The downstream is unreachable, did not answer in time, or left the request unanswered.
 DOWNSTREAM_ERROR = -32001
-# Takes one whole message; returns None when done with it, or what to await before the next one.
-LineHandler = Callable[[bytes], "Awaitable[None] | None"]
+# Takes one whole message (on the thread that read it, or on the loop for an HTTP downstream).
+LineHandler = Callable[[bytes], None]
+
+
+# The C scanner that json.loads runs after its Python preliminaries.
+_scan: Callable[[str, int], tuple[Any, int]] = json.JSONDecoder().scan_once  # type: ignore[attr-defined]
+
+
+def parse(line: bytes) -> Any:
+    """``json.loads`` of one message, without its preliminaries (guessing the encoding, matching whitespace) in the
+    usual case of a line that is UTF-8 and starts with its value; anything else, and every error, is json.loads's."""
+    try:
+        text = line.decode()
+        value, end = _scan(text, 0)
+    except (StopIteration, ValueError):
+        return json.loads(line)
+    if end != len(text) and text[end:].strip(" \t\n\r"):
+        return json.loads(line)  # raises: extra data after the value
+    return value
 
 
 def dump(message: Any) -> bytes:
@@ -44,192 +63,220 @@ class DownstreamUnavailable(Exception):
     """The downstream cannot take a request now; the text says why."""
 
 
-# ---------------------------------------------------------------- the client's side
+# ---------------------------------------------------------------- pipes, on threads of their own
+#
+# Over stdio the relay's messages never touch the event loop: a thread per side reads its pipe with plain blocking
+# reads and hands each line to the relay on that thread, which writes it on at once with a plain blocking write.
+# A message then costs one read and one write, and no wake-up of the loop or hand-off between threads. A blocking
+# write is the backpressure: while the far side does not read, the thread that writes to it stops reading its own
+# side, so a flood cannot pile up in memory and the order of messages holds.
 
 
-class ClientOut:
-    """The proxy's stdout: lines written in the order they are given, never interleaved."""
+class ByteSink:
+    """A pipe (or file) that any thread writes whole messages to: in the order given, never interleaved."""
+
+    def __init__(self, fd: int, owned: bool = False) -> None:
+        self.fd, self.owned = fd, owned
+        self.closed = False
+        self._lock = threading.Lock()
+        self._close_after = False
+
+    def write(self, data: bytes) -> bool:
+        """Writes all of ``data`` (waiting while the reader is behind); False once the pipe is closed or broken."""
+        with self._lock:
+            if self.closed:
+                return False
+            try:
+                written = os.write(self.fd, data)
+                if written < len(data):
+                    self._write_rest(memoryview(data)[written:])
+            except BlockingIOError:  # a descriptor someone made non-blocking
+                self._write_rest(memoryview(data))
+            except (OSError, ValueError):
+                self._shut()
+                return False
+            if self._close_after:
+                self._shut()
+        return True
+
+    def _write_rest(self, view: memoryview) -> None:
+        while view:
+            try:
+                view = view[os.write(self.fd, view):]
+            except BlockingIOError:
+                select.select([], [self.fd], [])
+
+    def _shut(self) -> None:
+        self.closed = True
+        if self.owned:
+            self.owned = False
+            with contextlib.suppress(OSError):
+                os.close(self.fd)
+
+    def close(self, wait: float = 2.0) -> None:
+        """No more writes; an owned descriptor is closed (after a write under way, at most ``wait`` s later)."""
+        if self._lock.acquire(timeout=wait):
+            try:
+                self._shut()
+            finally:
+                self._lock.release()
+        else:  # a write to a reader that does not read: closed once it ends
+            self._close_after = True
+
+
+class LineReader:
+    """Reads a pipe on a thread of its own and hands each line (a whole message) to ``handle``, in order, on that
+    thread; then ``on_end`` with why it ended ("" at the end of the pipe)."""
+
+    CHUNK = 64 * 1024  # below the size from which malloc maps (and unmaps) memory for every read
+
+    def __init__(self, fd: int, handle: LineHandler, what: str, on_end: Callable[[str], None],
+                 owned: bool = False) -> None:
+        self.fd, self.handle, self.what, self.on_end, self.owned = fd, handle, what, on_end, owned
+        self.finished = threading.Event()
+        self.thread = threading.Thread(target=self._run, name=f"ordanis-veltrane-proxy {what}", daemon=True)
+
+    def start(self) -> None:
+        self.thread.start()
+
+    def _hand_on(self, line: bytes) -> None:
+        try:
+            self.handle(line)
+        except Exception:  # a fault of the relay's own must not end the session
+            self._failed(line)
+
+    def _failed(self, line: bytes) -> None:
+        logger.exception("Could not relay a message of the %s's: %r", self.what, line[:200])
+
+    def _run(self) -> None:
+        why, fd, handle, buffer = "", self.fd, self.handle, bytearray()
+        try:
+            while True:
+                data = os.read(fd, self.CHUNK)
+                if not data:
+                    break
+                if buffer:  # the rest of a message begun in an earlier read
+                    buffer += data
+                    if b"\n" not in data:
+                        if len(buffer) > MAX_MESSAGE_BYTES:
+                            why = f"sent a message longer than {MAX_MESSAGE_BYTES} bytes"
+                            break
+                        continue
+                    data = bytes(buffer)
+                    buffer.clear()
+                end = data.find(b"\n")
+                if end == len(data) - 1:  # the usual case: one whole message
+                    if end:
+                        try:
+                            handle(data)
+                        except Exception:  # a fault of the relay's own must not end the session
+                            self._failed(data)
+                    continue
+                start = 0
+                while end >= 0:
+                    if end > start:
+                        self._hand_on(data[start:end + 1])
+                    start = end + 1
+                    end = data.find(b"\n", start)
+                buffer += data[start:]
+                if len(buffer) > MAX_MESSAGE_BYTES:
+                    why = f"sent a message longer than {MAX_MESSAGE_BYTES} bytes"
+                    break
+        except OSError as exc:
+            why = f"could not be read ({exc})"
+        finally:
+            if not why and buffer.strip():
+                self._hand_on(bytes(buffer))
+            if self.owned:
+                with contextlib.suppress(OSError):
+                    os.close(fd)
+            try:
+                self.on_end(why)
+            finally:
+                self.finished.set()
+
+
+class LoopDoor:
+    """The running event loop, as other threads reach it. What they hand it runs in the loop's own context (the
+    one it was opened in), where anyio and the libraries on it know which loop they run on."""
 
     def __init__(self) -> None:
-        self._transport: asyncio.WriteTransport | None = None
-        self._protocol: Any = None
-        self._closed = False
+        self.loop = asyncio.get_running_loop()
+        self.context = contextvars.copy_context()
 
-    async def open(self) -> None:
-        loop = asyncio.get_running_loop()
+    def here(self) -> bool:
         try:
-            pipe = os.fdopen(os.dup(sys.stdout.fileno()), "wb", buffering=0)
-            self._transport, self._protocol = await loop.connect_write_pipe(asyncio.streams.FlowControlMixin, pipe)
-        except (OSError, ValueError, AttributeError):  # a regular file: plain blocking writes
-            self._transport = None
+            return asyncio.get_running_loop() is self.loop
+        except RuntimeError:
+            return False
 
-    def write(self, data: bytes) -> None:
-        if self._closed:
-            return
-        if self._transport is None:
-            try:
-                sys.stdout.buffer.write(data)
-                sys.stdout.buffer.flush()
-            except (OSError, ValueError):
-                self._closed = True
-            return
-        if self._transport.is_closing():
-            self._closed = True
-            return
-        self._transport.write(data)
+    def soon(self, callback: Callable[..., object], *args: Any) -> None:
+        """Runs ``callback(*args)`` on the loop soon; nothing once the loop is closed (the proxy is ending)."""
+        with contextlib.suppress(RuntimeError):
+            self.loop.call_soon_threadsafe(callback, *args, context=self.context)
 
-    async def flush(self, seconds: float = 5.0) -> None:
-        """Waits until what was written has left (the process may exit right after)."""
-        transport = self._transport
-        with anyio.move_on_after(seconds):
-            while transport is not None and not transport.is_closing() and transport.get_write_buffer_size():
-                await anyio.sleep(0.01)
-
-    def drain(self) -> Awaitable[None] | None:
-        """What to await before writing more, when the client reads slower than the proxy writes; else None."""
-        transport = self._transport
-        if transport is not None and not transport.is_closing() and transport.get_write_buffer_size() > HIGH_WATER:
-            return self._drain()
-        return None
-
-    async def _drain(self) -> None:
-        with contextlib.suppress(ConnectionError):
-            await self._protocol._drain_helper()
-
-
-class LineFeed(asyncio.Protocol):
-    """Splits what arrives on a pipe into lines and hands each to ``handle``, in order, from the event loop's
-    own callback: no task and no wake-up per message. ``handle`` deals with a line at once and returns None, or
-    returns an awaitable to finish it (a slow path, or waiting for the far side to drain); reading then pauses
-    and the lines behind it wait until that is done, so the order holds and a flood cannot pile up in memory."""
-
-    def __init__(self, handle: LineHandler, what: str) -> None:
-        self.handle, self.what = handle, what
-        self.transport: Any = None
-        self.done: asyncio.Future[str] = asyncio.get_running_loop().create_future()  # why it ended ("" at EOF)
-        self._buffer = bytearray()
-        self._lines: collections.deque[bytes] = collections.deque()
-        self._busy: asyncio.Task[None] | None = None
-        self._paused = False
-        self._ended: str | None = None
-
-    def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        self.transport = transport
-
-    def data_received(self, data: bytes) -> None:
-        if self._ended is not None:
-            return
-        buffer = self._buffer
-        buffer += data
-        if b"\n" in data:
-            start, lines = 0, self._lines
-            while True:
-                end = buffer.find(b"\n", start)
-                if end < 0:
-                    break
-                if end > start:
-                    lines.append(bytes(buffer[start:end + 1]))
-                start = end + 1
-            del buffer[:start]
-        if len(buffer) > MAX_MESSAGE_BYTES:
-            self._buffer = bytearray()
-            self._lines.clear()
-            self._end(f"sent a message longer than {MAX_MESSAGE_BYTES} bytes")
-            return
-        self._pump()
-
-    def eof_received(self) -> bool:
-        self._at_end()
-        return False
-
-    def connection_lost(self, exc: Exception | None) -> None:
-        self._at_end()
-
-    def _at_end(self) -> None:
-        if self._ended is None and not self.done.done():
-            if self._buffer.strip():
-                self._lines.append(bytes(self._buffer))
-            self._buffer = bytearray()
-            self._ended = ""
-            self._pump()
-
-    def _end(self, why: str) -> None:
-        self._ended = why
-        if not self.done.done():
-            self.done.set_result(why)
-
-    def _pump(self) -> None:
-        lines = self._lines
-        while lines and self._busy is None:
-            line = lines.popleft()
-            try:
-                waiting = self.handle(line)
-            except Exception:  # a fault of the relay's own must not end the session
-                logger.exception("Could not relay a message of the %s's: %r", self.what, line[:200])
-                continue
+    def run(self, work: Callable[[], Awaitable[None] | None]) -> None:
+        """Runs ``work`` on the loop, and then what it returns to await, and waits until that is done: the calling
+        thread's next message waits for it, which keeps the order. On the loop's own thread: runs it there, and
+        what it returns to await in a task."""
+        if self.here():
+            waiting = work()
             if waiting is not None:
-                self._busy = asyncio.get_running_loop().create_task(self._finish(waiting))
-        if self._busy is not None:
-            self._pause()
-        elif self._paused:
-            self._paused = False
-            with contextlib.suppress(Exception):
-                self.transport.resume_reading()
-        if self._busy is None and not lines and self._ended == "" and not self.done.done():
-            self.done.set_result("")
+                self.loop.create_task(_awaited(waiting))
+            return
+        done: concurrent.futures.Future[None] = concurrent.futures.Future()
 
-    def _pause(self) -> None:
-        if not self._paused and self._ended is None and self.transport is not None:
-            self._paused = True
-            with contextlib.suppress(Exception):
-                self.transport.pause_reading()
+        def start() -> None:
+            try:
+                waiting = work()
+            except BaseException as exc:
+                done.set_exception(exc)
+                return
+            if waiting is None:
+                done.set_result(None)
+                return
+            task = self.loop.create_task(_awaited(waiting))
+            task.add_done_callback(lambda t: done.cancel() if t.cancelled() else done.set_result(None))
 
-    async def _finish(self, waiting: Awaitable[None]) -> None:
         try:
-            await waiting
-        except Exception:
-            logger.exception("Could not relay a message of the %s's", self.what)
-        finally:
-            self._busy = None
-            if not self.done.done():
-                self._pump()
-
-    def cancel(self) -> None:
-        if self._busy is not None:
-            self._busy.cancel()
+            self.loop.call_soon_threadsafe(start, context=self.context)
+        except RuntimeError:  # the loop is closed: the proxy is ending
+            return
+        with contextlib.suppress(concurrent.futures.CancelledError):
+            done.result()
 
 
-async def feed_client(handle: LineHandler) -> Awaitable[str]:
-    """Hands each line of the proxy's stdin to ``handle``; returns what to await for its end."""
-    loop = asyncio.get_running_loop()
-    feed = LineFeed(handle, "client")
+async def _awaited(waiting: Awaitable[None]) -> None:
+    await waiting
+
+
+def _fileno(stream: Any, default: int) -> int:
     try:
-        pipe = os.fdopen(os.dup(sys.stdin.fileno()), "rb", buffering=0)
-        await loop.connect_read_pipe(lambda: feed, pipe)
-    except (OSError, ValueError, AttributeError):  # a regular file: read on a worker thread
-        stdin = sys.stdin.buffer
+        return int(stream.fileno())
+    except (AttributeError, OSError, ValueError):  # replaced by an object without a descriptor
+        return default
 
-        async def from_thread() -> str:
-            while True:
-                line = await anyio.to_thread.run_sync(stdin.readline)
-                if not line:
-                    return ""
-                if line.strip():
-                    try:
-                        waiting = handle(line)
-                        if waiting is not None:
-                            await waiting
-                    except Exception:
-                        logger.exception("Could not relay a message of the client's: %r", line[:200])
 
-        return from_thread()
+class ClientOut(ByteSink):
+    """The proxy's stdout."""
+
+    def __init__(self) -> None:
+        super().__init__(_fileno(sys.stdout, 1))
+
+
+def read_client(door: LoopDoor, handle: LineHandler) -> Awaitable[str]:
+    """Hands each line of the proxy's stdin to ``handle`` on a thread of its own; returns what to await for its
+    end (why it ended: "" at the end of stdin)."""
+    ended: asyncio.Future[str] = door.loop.create_future()
+
+    def end(why: str) -> None:
+        if not ended.done():
+            ended.set_result(why)
+
+    LineReader(_fileno(sys.stdin, 0), handle, "client", lambda why: door.soon(end, why)).start()
 
     async def until_end() -> str:
-        try:
-            why = await asyncio.shield(feed.done)
-        except asyncio.CancelledError:
-            feed.cancel()
-            raise
+        why = await ended
         if why:
             logger.error("The client %s: the proxy stops", why)
         return why
@@ -240,111 +287,96 @@ async def feed_client(handle: LineHandler) -> Awaitable[str]:
 # ---------------------------------------------------------------- downstreams
 
 
-
-class _ChildProtocol(asyncio.subprocess.SubprocessStreamProtocol):
-    """The child's stdout goes to a ``LineFeed`` rather than a stream reader; its stdin stays a stream writer."""
-
-    def __init__(self, feed: LineFeed, loop: asyncio.AbstractEventLoop) -> None:
-        super().__init__(limit=2 ** 16, loop=loop)
-        self.feed = feed
-
-    def pipe_data_received(self, fd: int, data: bytes | str) -> None:
-        if fd == 1:
-            self.feed.data_received(data if isinstance(data, bytes) else data.encode())
-        else:
-            super().pipe_data_received(fd, data)
-
-    def pipe_connection_lost(self, fd: int, exc: Exception | None) -> None:
-        if fd == 1:
-            self.feed.connection_lost(exc)
-        super().pipe_connection_lost(fd, exc)
-
-
 class StdioDownstream:
-    """The downstream as a child process: JSON-RPC lines on its stdin and stdout, its stderr is the proxy's."""
+    """The downstream as a child process: JSON-RPC lines on its stdin and stdout, its stderr is the proxy's. Its
+    stdout is read on a thread of its own; any thread may send."""
 
     def __init__(self, command: Sequence[str], on_line: LineHandler, on_exit: Callable[[str], None]) -> None:
         self.command = list(command)
         self.on_line, self.on_exit = on_line, on_exit
-        self.proc: asyncio.subprocess.Process | None = None
-        self._reader: asyncio.Task[None] | None = None
-        self._feed: LineFeed | None = None
+        self.proc: subprocess.Popen[bytes] | None = None
+        self._sink: ByteSink | None = None
+        self._reader: LineReader | None = None
 
     @property
     def alive(self) -> bool:
         return self.proc is not None
 
     async def start(self) -> None:
-        loop = asyncio.get_running_loop()
-        feed = LineFeed(self.on_line, "downstream server")
+        door = LoopDoor()
+        to_child, from_child = os.pipe(), os.pipe()  # not inherited: the child gets its ends as stdin and stdout
         try:
-            transport, protocol = await loop.subprocess_exec(
-                lambda: _ChildProtocol(feed, loop), *self.command, stdin=asyncio.subprocess.PIPE,
-                stdout=asyncio.subprocess.PIPE, stderr=None)
-        except (OSError, ValueError) as exc:
+            proc = subprocess.Popen(self.command, stdin=to_child[0], stdout=from_child[1], stderr=None)
+        except (OSError, ValueError, subprocess.SubprocessError) as exc:
+            for fd in (*to_child, *from_child):
+                os.close(fd)
             raise DownstreamUnavailable(f"the downstream server {self.command[0]!r} could not be started: {exc}") \
                 from None
-        feed.transport = transport.get_pipe_transport(1)
-        self.proc = asyncio.subprocess.Process(transport, protocol, loop)
-        self._feed = feed
-        self._reader = loop.create_task(self._read(self.proc, feed))
+        os.close(to_child[0])
+        os.close(from_child[1])
+        self.proc, self._sink = proc, ByteSink(to_child[1], owned=True)
+        sink = self._sink
+        self._reader = LineReader(from_child[0], self.on_line, "downstream server",
+                                  lambda why: self._ended(door, proc, sink, why), owned=True)
+        self._reader.start()
 
-    async def _read(self, proc: asyncio.subprocess.Process, feed: LineFeed) -> None:
-        why = ""
-        try:
-            why = await asyncio.shield(feed.done)
-        except asyncio.CancelledError:
-            feed.cancel()
-            raise
-        current = self.proc is proc
-        if current:
-            self.proc = None
-        if proc.returncode is None:
-            if why:
-                with contextlib.suppress(ProcessLookupError):
-                    proc.kill()
-            with contextlib.suppress(asyncio.TimeoutError):
-                await asyncio.wait_for(proc.wait(), 5)
-        if current:  # one stopped on purpose (kill, close) is not reported
-            self.on_exit(f"the downstream server {why or 'exited'} (exit code {proc.returncode})")
-
-    def send(self, data: bytes) -> Awaitable[None] | None:
-        proc = self.proc
-        if proc is None or proc.stdin is None or proc.stdin.is_closing():
-            return None
-        proc.stdin.write(data)
-        if proc.stdin.transport.get_write_buffer_size() > HIGH_WATER:
-            return self._drain(proc.stdin)
-        return None
-
-    @staticmethod
-    async def _drain(stdin: asyncio.StreamWriter) -> None:
-        with contextlib.suppress(ConnectionError):
-            await stdin.drain()
-
-    def kill(self) -> None:
-        proc, self.proc = self.proc, None
-        if proc is not None and proc.returncode is None:
+    def _ended(self, door: LoopDoor, proc: subprocess.Popen[bytes], sink: ByteSink, why: str) -> None:
+        """On the reader's thread, at the end of the child's stdout: the child is waited for (killed if it broke
+        the protocol), then reported gone on the loop, unless it was stopped on purpose."""
+        if why and proc.poll() is None:
             with contextlib.suppress(ProcessLookupError):
                 proc.kill()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            proc.wait(5)
+        sink.close(wait=0.5)
+
+        def report() -> None:
+            if self.proc is proc:
+                self.proc = self._sink = None
+                self.on_exit(f"the downstream server {why or 'exited'} (exit code {proc.returncode})")
+
+        door.soon(report)
+
+    def send(self, data: bytes) -> None:
+        sink = self._sink
+        if sink is not None:
+            sink.write(data)
+
+    def kill(self) -> None:
+        proc, sink, self.proc, self._sink = self.proc, self._sink, None, None
+        if proc is not None and proc.poll() is None:
+            with contextlib.suppress(ProcessLookupError):
+                proc.kill()
+        if sink is not None:
+            sink.close(wait=0.5)
 
     async def close(self) -> None:
         """Closes its stdin, then SIGTERM after 2 s, SIGKILL after 2 more."""
-        proc, self.proc = self.proc, None
+        proc, sink, self.proc, self._sink = self.proc, self._sink, None, None
         if proc is None:
             return
-        if proc.stdin is not None:
-            proc.stdin.close()
+        if sink is not None:
+            await anyio.to_thread.run_sync(sink.close)
         for stop in (None, proc.terminate, proc.kill):
             if stop is not None:
                 with contextlib.suppress(ProcessLookupError):
                     stop()
-            with contextlib.suppress(asyncio.TimeoutError):
-                await asyncio.wait_for(asyncio.shield(proc.wait()), 2)
+            if await self._exited(proc, 2):
                 break
-        if self._reader is not None:
-            with contextlib.suppress(asyncio.TimeoutError, asyncio.CancelledError):
-                await asyncio.wait_for(asyncio.shield(self._reader), 2)
+        reader = self._reader
+        if reader is not None:  # the lines it still had are handed on before the proxy writes its last
+            for _ in range(200):
+                if reader.finished.is_set():
+                    break
+                await asyncio.sleep(0.01)
+
+    @staticmethod
+    async def _exited(proc: subprocess.Popen[bytes], seconds: float) -> bool:
+        for _ in range(int(seconds / 0.01)):
+            if proc.poll() is not None:
+                return True
+            await asyncio.sleep(0.01)
+        return proc.poll() is not None
 
 
 # The params member that a request of the stateless protocol repeats in the Mcp-Name header.
@@ -400,12 +432,14 @@ class HttpDownstream:
         self.alive = False
         self._tasks: set[asyncio.Task[None]] = set()
         self._listening = False
+        self._door: LoopDoor | None = None
 
     async def start(self) -> None:
         try:
             import httpx2 as httpx
         except ImportError:  # pragma: no cover - the SDK brings it
             raise DownstreamUnavailable("a URL downstream needs the 'mcp' extra (its HTTP client)") from None
+        self._door = LoopDoor()
         if self.client is None:
             self.client = httpx.AsyncClient(timeout=httpx.Timeout(30.0, read=None), follow_redirects=True)
         for task in list(self._tasks):
@@ -415,9 +449,7 @@ class HttpDownstream:
         self.alive = True
 
     async def _hand_on(self, data: bytes) -> None:
-        waiting = self.on_line(data)
-        if waiting is not None:
-            await waiting
+        self.on_line(data)
 
     def _headers(self) -> dict[str, str]:
         headers = {"content-type": "application/json", "accept": "application/json, text/event-stream",
@@ -429,8 +461,16 @@ class HttpDownstream:
         return headers
 
     def send(self, data: bytes) -> None:
-        if not self.alive:
+        """From any thread: the message is POSTed by a task of the event loop."""
+        door = self._door
+        if not self.alive or door is None:
             return
+        if door.here():
+            self._post_soon(data)
+        else:
+            door.soon(self._post_soon, data)
+
+    def _post_soon(self, data: bytes) -> None:
         task = asyncio.get_running_loop().create_task(self._post(data))
         self._tasks.add(task)
         task.add_done_callback(self._tasks.discard)
