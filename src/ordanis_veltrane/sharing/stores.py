@@ -446,8 +446,16 @@ END $$""",
     """CREATE INDEX IF NOT EXISTS sv_health_delta_tool ON sv_health_delta (tool)""",
     """DROP INDEX IF EXISTS sv_health_version""",  # the version column is no longer read: not worth indexing
     """DROP INDEX IF EXISTS sv_usage_version""",
+    # A process that could not write the usage document at once leaves a row here for the writer
+    # that holds it (see PostgresStore._write_mirrors).
+    """CREATE TABLE IF NOT EXISTS sv_doc_wanted (wanted_at DOUBLE PRECISION NOT NULL)""",
     """INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING""",
 )
+# The document writers' lock: a transaction-level advisory lock, tried and never waited for
+# (released at commit or rollback, so nothing stays on a connection a pooler hands on).
+PG_DOC_LOCK = 7412093412
+# How many times in a row one call writes the document while others keep asking for it.
+MIRROR_ROUNDS = 3
 
 _PG_NOW = "extract(epoch FROM clock_timestamp())::float8"
 _PG_TIME = "to_char(to_timestamp({0}) AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS')"
@@ -612,7 +620,8 @@ class PostgresStore:
                     "to_regclass('sv_health') IS NOT NULL AND to_regclass('sv_process') IS NOT NULL AND "
                     "EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_usage') AND attname = 'txid') "
                     "AND EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_health') AND attname = 'rtxid') "
-                    "AND to_regclass('sv_usage_delta') IS NOT NULL AND to_regclass('sv_health_delta') IS NOT NULL"
+                    "AND to_regclass('sv_usage_delta') IS NOT NULL AND to_regclass('sv_health_delta') IS NOT NULL "
+                    "AND to_regclass('sv_doc_wanted') IS NOT NULL"
                 ).fetchone()
                 if present and present[0]:
                     present = conn.execute("SELECT EXISTS (SELECT FROM sv_meta)").fetchone()
@@ -770,30 +779,71 @@ class PostgresStore:
     def write_mirror(self, force: bool = False) -> bool:
         """The usage document of ``schema_info`` and the ``tool_health`` rows, for a reader that reads
         the tables a plain tracker keeps: when something changed since they were last written, at
-        most every ``mirror_every_s`` seconds (``force``: whenever). A process that finds another
-        writing them leaves it to that one."""
+        most every ``mirror_every_s`` seconds (``force``: whenever, as a process closes). Never waits
+        for another process writing them: see ``_write_mirrors``."""
         if not force and not self._mirror.due():
             return False
-        return self._run(lambda conn: self._write_mirror(conn, force))
+        return self._run(lambda conn: self._write_mirrors(conn, force))
 
-    def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
+    def _write_mirrors(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
+        """Writes the document unless another process is writing it; a forced write that finds one
+        leaves a row in ``sv_doc_wanted`` and tries once more, and every writer, once it has
+        committed, writes again while such rows are left (``MIRROR_ROUNDS`` times at most).
+
+        Why no committed batch is left out once the last process has closed: a closing process P
+        commits its last batch B first. If P takes the lock, its reads come after B's commit. If not,
+        P commits a wanted row F and tries again; if that fails, a writer W holds the lock at that
+        moment, after F's commit. W checks for wanted rows after its own commit, so later than F: F
+        is there, or a writer deleted it, and a writer deletes only the rows its statement sees, so
+        it deleted F after F's commit, before its reads (each statement of a read-committed
+        transaction reads a snapshot of its own, taken after the lock is held), and its reads
+        include B; a delete not committed yet leaves F visible. W finding F writes again or, if the
+        lock is held again, leaves it to that holder, which is in W's place. The lock is tried,
+        never waited for, so no process queues behind another's write; only after MIRROR_ROUNDS
+        writes in a row that each found new wanted rows does a writer leave them to the next one
+        (the next periodic or closing write, which deletes and honours them)."""
+        wrote = asked = False
+        for _ in range(MIRROR_ROUNDS):
+            held, written = self._write_mirror(conn, force)
+            if not held and force and not asked:
+                conn.execute(f"INSERT INTO sv_doc_wanted VALUES ({_PG_NOW})")  # committed: autocommit
+                asked = True
+                held, written = self._write_mirror(conn, force)
+            if not held:
+                return wrote
+            wrote = wrote or written
+            left = conn.execute("SELECT EXISTS (SELECT FROM sv_doc_wanted)").fetchone()
+            if not (left and left[0]):
+                return wrote
+            force = asked = True  # the row is there already: a holder will see it
+        return wrote
+
+    def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> tuple[bool, bool]:
+        """One try: (whether it held the writers' lock, whether it wrote)."""
         with conn.transaction():
+            # Read committed whatever the server's default: each read below sees what committed before it.
+            conn.execute("SET TRANSACTION ISOLATION LEVEL READ COMMITTED")
             conn.execute(PG_TX_SETTINGS)
             conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING")  # emptied?
+            got = conn.execute("SELECT pg_try_advisory_xact_lock(%s)", (PG_DOC_LOCK,)).fetchone()
+            if not (got and got[0]):
+                return False, False
+            wanted = conn.execute("DELETE FROM sv_doc_wanted").rowcount > 0
+            # The meta row serializes with a fold (short, and it never writes the document).
             row = conn.execute(
                 f"SELECT doc_xmin, doc_at, {_PG_NOW}, txid_snapshot_xmin(txid_current_snapshot()) FROM sv_meta "
-                f"WHERE id = 1 FOR UPDATE {'' if force else 'SKIP LOCKED'}").fetchone()
+                f"WHERE id = 1 FOR UPDATE").fetchone()
             if row is None:
-                return False
+                return True, False
             conn.execute(PG_FOLD_USAGE)  # the tables hold every increment committed so far
             conn.execute(PG_FOLD_HEALTH)
             doc_xmin, doc_at, now, xmin = int(row[0]), float(row[1]), float(row[2]), int(row[3])
-            if not force and 0 <= now - doc_at < self.mirror_every_s:
-                return False
+            if not (force or wanted) and 0 <= now - doc_at < self.mirror_every_s:
+                return True, False
             changed = conn.execute("SELECT EXISTS (SELECT FROM sv_usage WHERE txid >= %s::bigint) OR "
                                    "EXISTS (SELECT FROM sv_health WHERE txid >= %s::bigint)", (doc_xmin, doc_xmin)).fetchone()
             if not (changed and changed[0]):
-                return False
+                return True, False
             conn.execute(PG_MIRROR_HEALTH.format(where="txid >= %s::bigint"), (doc_xmin,))
             with conn.cursor() as cur:
                 cur.execute(_USAGE_ROWS.format(order="ord"))
@@ -802,7 +852,7 @@ class PostgresStore:
                          "ON CONFLICT (key) DO UPDATE SET value = excluded.value", (health.TOOL_USAGE_KEY, document))
             conn.execute("UPDATE sv_meta SET doc_xmin = %s, doc_at = %s WHERE id = 1", (xmin, now))
         self.round_trips += 1
-        return True
+        return True, True
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
