@@ -780,43 +780,41 @@ class PostgresStore:
         """The usage document of ``schema_info`` and the ``tool_health`` rows, for a reader that reads
         the tables a plain tracker keeps: when something changed since they were last written, at
         most every ``mirror_every_s`` seconds (``force``: whenever, as a process closes). Never waits
-        for another process writing them: see ``_write_mirrors``."""
-        if not force and not self._mirror.due():
-            return False
-        return self._run(lambda conn: self._write_mirrors(conn, force))
+        for another process writing them.
 
-    def _write_mirrors(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
-        """Writes the document unless another process is writing it; a forced write that finds one
-        leaves a row in ``sv_doc_wanted`` and tries once more, and every writer, once it has
-        committed, writes again while such rows are left (``MIRROR_ROUNDS`` times at most).
-
-        Why no committed batch is left out once the last process has closed: a closing process P
-        commits its last batch B first. If P takes the lock, its reads come after B's commit. If not,
-        P commits a wanted row F and tries again; if that fails, a writer W holds the lock at that
-        moment, after F's commit. W checks for wanted rows after its own commit, so later than F: F
-        is there, or a writer deleted it, and a writer deletes only the rows its statement sees, so
-        it deleted F after F's commit, before its reads (each statement of a read-committed
-        transaction reads a snapshot of its own, taken after the lock is held), and its reads
-        include B; a delete not committed yet leaves F visible. W finding F writes again or, if the
-        lock is held again, leaves it to that holder, which is in W's place. The lock is tried,
-        never waited for, so no process queues behind another's write; only after MIRROR_ROUNDS
-        writes in a row that each found new wanted rows does a writer leave them to the next one
-        (the next periodic or closing write, which deletes and honours them)."""
+        A forced write that finds the writers' lock held commits a row in ``sv_doc_wanted`` and tries
+        once more; a forced write that held the lock looks, once committed, for such rows and writes
+        again while some are left (``MIRROR_ROUNDS`` writes at most). Why no batch is left out once
+        the last process has closed: a closing process P commits its last batch B first. If P takes
+        the lock, its reads come after B's commit. If not, P commits a wanted row F and tries again;
+        if that fails, a writer W holds the lock at that moment, after F's commit. W forced: W looks
+        after its own commit, so later than F, and finds F, or finds it deleted by a writer that
+        saw it: a writer deletes the rows its statement sees, before its reads (each statement of a
+        read-committed transaction reads a snapshot of its own, taken after the lock is held), so
+        that writer's reads include B; a delete not committed yet leaves F visible. W finding F
+        writes again or, should the lock be held again, leaves it to that holder, in its own place.
+        W periodic (not forced, as a live process syncs: it never writes twice, so that no sync
+        pays for the closes): W's process is alive, and its own close, later than W, commits and
+        writes as P did. A writer that has written MIRROR_ROUNDS times in a row, each time finding
+        new wanted rows, leaves them to the next writer."""
+        if not force:
+            return self._mirror.due() and self._run(lambda conn: self._write_mirror(conn, False))[1]
         wrote = asked = False
         for _ in range(MIRROR_ROUNDS):
-            held, written = self._write_mirror(conn, force)
-            if not held and force and not asked:
-                conn.execute(f"INSERT INTO sv_doc_wanted VALUES ({_PG_NOW})")  # committed: autocommit
-                asked = True
-                held, written = self._write_mirror(conn, force)
-            if not held:
-                return wrote
+            held, written, left = self._run(lambda conn: self._forced_round(conn, asked))
             wrote = wrote or written
-            left = conn.execute("SELECT EXISTS (SELECT FROM sv_doc_wanted)").fetchone()
-            if not (left and left[0]):
+            if not (held and left):
                 return wrote
-            force = asked = True  # the row is there already: a holder will see it
+            asked = True  # a wanted row is there already: a holder will see it
         return wrote
+
+    def _forced_round(self, conn: psycopg.Connection[tuple[Any, ...]], asked: bool) -> tuple[bool, bool, bool]:
+        """(whether it held the lock, whether it wrote, whether wanted rows were left after its commit)."""
+        held, written = self._write_mirror(conn, True)
+        if not held and not asked:
+            conn.execute(f"INSERT INTO sv_doc_wanted VALUES ({_PG_NOW})")  # committed: the connection autocommits
+            held, written = self._write_mirror(conn, True)
+        return held, written, held and bool(_one(conn, "SELECT EXISTS (SELECT FROM sv_doc_wanted)"))
 
     def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> tuple[bool, bool]:
         """One try: (whether it held the writers' lock, whether it wrote)."""
@@ -825,21 +823,26 @@ class PostgresStore:
             conn.execute("SET TRANSACTION ISOLATION LEVEL READ COMMITTED")
             conn.execute(PG_TX_SETTINGS)
             conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING")  # emptied?
-            got = conn.execute("SELECT pg_try_advisory_xact_lock(%s)", (PG_DOC_LOCK,)).fetchone()
-            if not (got and got[0]):
+            # Not due (written less than mirror_every_s ago, by anyone): the lock is left alone.
+            if not (force or _one(conn, f"SELECT NOT {_PG_NOW} - doc_at BETWEEN 0 AND %s FROM sv_meta WHERE id = 1",
+                                  (self.mirror_every_s,))):
                 return False, False
-            wanted = conn.execute("DELETE FROM sv_doc_wanted").rowcount > 0
+            if not _one(conn, "SELECT pg_try_advisory_xact_lock(%s)", (PG_DOC_LOCK,)):
+                return False, False
             # The meta row serializes with a fold (short, and it never writes the document).
             row = conn.execute(
                 f"SELECT doc_xmin, doc_at, {_PG_NOW}, txid_snapshot_xmin(txid_current_snapshot()) FROM sv_meta "
                 f"WHERE id = 1 FOR UPDATE").fetchone()
             if row is None:
                 return True, False
+            doc_xmin, doc_at, now, xmin = int(row[0]), float(row[1]), float(row[2]), int(row[3])
+            if not force and 0 <= now - doc_at < self.mirror_every_s:
+                return True, False
+            # From here on it writes (or finds nothing changed): the statements after this delete,
+            # the fold first, read what the deleted rows' processes had committed.
+            conn.execute("DELETE FROM sv_doc_wanted")
             conn.execute(PG_FOLD_USAGE)  # the tables hold every increment committed so far
             conn.execute(PG_FOLD_HEALTH)
-            doc_xmin, doc_at, now, xmin = int(row[0]), float(row[1]), float(row[2]), int(row[3])
-            if not (force or wanted) and 0 <= now - doc_at < self.mirror_every_s:
-                return True, False
             changed = conn.execute("SELECT EXISTS (SELECT FROM sv_usage WHERE txid >= %s::bigint) OR "
                                    "EXISTS (SELECT FROM sv_health WHERE txid >= %s::bigint)", (doc_xmin, doc_xmin)).fetchone()
             if not (changed and changed[0]):
@@ -864,6 +867,12 @@ class PostgresStore:
 
     def close(self) -> None:
         self._abandon()
+
+
+def _one(conn: psycopg.Connection[tuple[Any, ...]], sql: str, params: Sequence[Any] = ()) -> Any:
+    """The first column of the first row a query answers (None for no row)."""
+    row = conn.execute(sql, params).fetchone()
+    return row[0] if row else None
 
 
 def _cut(conn: psycopg.Connection[tuple[Any, ...]]) -> None:
