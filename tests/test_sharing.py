@@ -19,6 +19,7 @@ from conftest import FakeClock, child_env, make_registry
 from pgcluster import pg_bouncer, pg_bouncer_url, pg_cluster, pg_url  # noqa: F401 - fixtures
 
 from ordanis_veltrane import sharing
+from ordanis_veltrane.sharing import stores
 from ordanis_veltrane.config import ToolsConfig
 from ordanis_veltrane.repository import Repository
 from ordanis_veltrane.tool_handlers import health
@@ -442,3 +443,40 @@ def test_a_frozen_server_costs_a_sync_seconds_and_one_log_line(pg_cluster: Any, 
     noise = [r.getMessage() for r in caplog.records if r.levelname == "WARNING"]
     assert len(noise) == 2 and "Could not reach" in noise[0] and "reachable again" in noise[1], noise
 
+
+
+@pytest.mark.parametrize("url", ["pg_url", "pg_bouncer_url"])
+def test_closing_processes_never_queue_behind_a_document_write_and_leave_it_exact(
+        url: str, request: pytest.FixtureRequest, registry: Any, monkeypatch: pytest.MonkeyPatch) -> None:
+    target = str(request.getfixturevalue(url))
+    monkeypatch.setattr(sharing, "SMALL_STORE_KEYS", 0)  # the document is written by the writer and the closes alone
+    handles = [sharing.SharedHealth(sharing.PostgresStore(target, mirror_every_s=3600, hold_connection=url == "pg_url"),
+                                    LIMITS) for _ in range(6)]
+    for handle in handles:
+        handle.sync()
+        for _ in range(5):
+            call(handle.tracker)
+    handles[0].sync()
+    writing, release = threading.Event(), threading.Event()
+    document = stores.usage_document
+
+    def paused(rows: Any) -> str:  # the writer holds the writers' lock until the others have closed
+        if threading.current_thread().name == "writer" and not release.is_set():
+            writing.set()
+            release.wait(30)
+        return document(rows)
+
+    monkeypatch.setattr(stores, "usage_document", paused)
+    writer = threading.Thread(target=handles[0].store.write_mirror, args=(True,), name="writer")
+    writer.start()
+    assert writing.wait(30)
+    closers = [threading.Thread(target=h.close) for h in handles[1:]]
+    for t in closers:
+        t.start()
+    for t in closers:
+        t.join(20)
+    assert not any(t.is_alive() for t in closers)  # none waited for the writer
+    release.set()
+    writer.join(30)
+    assert totals(target, "a") == (30, 30)  # the writer wrote again for the closes that asked
+    handles[0].close()

@@ -446,8 +446,16 @@ END $$""",
     """CREATE INDEX IF NOT EXISTS sv_health_delta_tool ON sv_health_delta (tool)""",
     """DROP INDEX IF EXISTS sv_health_version""",  # the version column is no longer read: not worth indexing
     """DROP INDEX IF EXISTS sv_usage_version""",
+    # A process that could not write the usage document at once leaves a row here for the writer
+    # that holds it (see PostgresStore._write_mirrors).
+    """CREATE TABLE IF NOT EXISTS sv_doc_wanted (wanted_at DOUBLE PRECISION NOT NULL)""",
     """INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING""",
 )
+# The document writers' lock: a transaction-level advisory lock, tried and never waited for
+# (released at commit or rollback, so nothing stays on a connection a pooler hands on).
+PG_DOC_LOCK = 7412093412
+# How many times in a row one call writes the document while others keep asking for it.
+MIRROR_ROUNDS = 3
 
 _PG_NOW = "extract(epoch FROM clock_timestamp())::float8"
 _PG_TIME = "to_char(to_timestamp({0}) AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS')"
@@ -612,7 +620,8 @@ class PostgresStore:
                     "to_regclass('sv_health') IS NOT NULL AND to_regclass('sv_process') IS NOT NULL AND "
                     "EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_usage') AND attname = 'txid') "
                     "AND EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('sv_health') AND attname = 'rtxid') "
-                    "AND to_regclass('sv_usage_delta') IS NOT NULL AND to_regclass('sv_health_delta') IS NOT NULL"
+                    "AND to_regclass('sv_usage_delta') IS NOT NULL AND to_regclass('sv_health_delta') IS NOT NULL "
+                    "AND to_regclass('sv_doc_wanted') IS NOT NULL"
                 ).fetchone()
                 if present and present[0]:
                     present = conn.execute("SELECT EXISTS (SELECT FROM sv_meta)").fetchone()
@@ -775,30 +784,74 @@ class PostgresStore:
     def write_mirror(self, force: bool = False) -> bool:
         """The usage document of ``schema_info`` and the ``tool_health`` rows, for a reader that reads
         the tables a plain tracker keeps: when something changed since they were last written, at
-        most every ``mirror_every_s`` seconds (``force``: whenever). A process that finds another
-        writing them leaves it to that one."""
-        if not force and not self._mirror.due():
-            return False
-        return self._run(lambda conn: self._write_mirror(conn, force))
+        most every ``mirror_every_s`` seconds (``force``: whenever, as a process closes). Never waits
+        for another process writing them.
 
-    def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> bool:
+        A forced write that finds the writers' lock held commits a row in ``sv_doc_wanted`` and tries
+        once more; a forced write that held the lock looks, once committed, for such rows and writes
+        again while some are left (``MIRROR_ROUNDS`` writes at most). Why no batch is left out once
+        the last process has closed: a closing process P commits its last batch B first. If P takes
+        the lock, its reads come after B's commit. If not, P commits a wanted row F and tries again;
+        if that fails, a writer W holds the lock at that moment, after F's commit. W forced: W looks
+        after its own commit, so later than F, and finds F, or finds it deleted by a writer that
+        saw it: a writer deletes the rows its statement sees, before its reads (each statement of a
+        read-committed transaction reads a snapshot of its own, taken after the lock is held), so
+        that writer's reads include B; a delete not committed yet leaves F visible. W finding F
+        writes again or, should the lock be held again, leaves it to that holder, in its own place.
+        W periodic (not forced, as a live process syncs: it never writes twice, so that no sync
+        pays for the closes): W's process is alive, and its own close, later than W, commits and
+        writes as P did. A writer that has written MIRROR_ROUNDS times in a row, each time finding
+        new wanted rows, leaves them to the next writer."""
+        if not force:
+            return self._mirror.due() and self._run(lambda conn: self._write_mirror(conn, False))[1]
+        wrote = asked = False
+        for _ in range(MIRROR_ROUNDS):
+            held, written, left = self._run(lambda conn: self._forced_round(conn, asked))
+            wrote = wrote or written
+            if not (held and left):
+                return wrote
+            asked = True  # a wanted row is there already: a holder will see it
+        return wrote
+
+    def _forced_round(self, conn: psycopg.Connection[tuple[Any, ...]], asked: bool) -> tuple[bool, bool, bool]:
+        """(whether it held the lock, whether it wrote, whether wanted rows were left after its commit)."""
+        held, written = self._write_mirror(conn, True)
+        if not held and not asked:
+            conn.execute(f"INSERT INTO sv_doc_wanted VALUES ({_PG_NOW})")  # committed: the connection autocommits
+            held, written = self._write_mirror(conn, True)
+        return held, written, held and bool(_one(conn, "SELECT EXISTS (SELECT FROM sv_doc_wanted)"))
+
+    def _write_mirror(self, conn: psycopg.Connection[tuple[Any, ...]], force: bool) -> tuple[bool, bool]:
+        """One try: (whether it held the writers' lock, whether it wrote)."""
         with conn.transaction():
+            # Read committed whatever the server's default: each read below sees what committed before it.
+            conn.execute("SET TRANSACTION ISOLATION LEVEL READ COMMITTED")
             conn.execute(PG_TX_SETTINGS)
             conn.execute("INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING")  # emptied?
+            # Not due (written less than mirror_every_s ago, by anyone): the lock is left alone.
+            if not (force or _one(conn, f"SELECT NOT {_PG_NOW} - doc_at BETWEEN 0 AND %s FROM sv_meta WHERE id = 1",
+                                  (self.mirror_every_s,))):
+                return False, False
+            if not _one(conn, "SELECT pg_try_advisory_xact_lock(%s)", (PG_DOC_LOCK,)):
+                return False, False
+            # The meta row serializes with a fold (short, and it never writes the document).
             row = conn.execute(
                 f"SELECT doc_xmin, doc_at, {_PG_NOW}, txid_snapshot_xmin(txid_current_snapshot()) FROM sv_meta "
-                f"WHERE id = 1 FOR UPDATE {'' if force else 'SKIP LOCKED'}").fetchone()
+                f"WHERE id = 1 FOR UPDATE").fetchone()
             if row is None:
-                return False
-            conn.execute(PG_FOLD_USAGE)  # the tables hold every increment committed so far
-            conn.execute(PG_FOLD_HEALTH)
+                return True, False
             doc_xmin, doc_at, now, xmin = int(row[0]), float(row[1]), float(row[2]), int(row[3])
             if not force and 0 <= now - doc_at < self.mirror_every_s:
-                return False
+                return True, False
+            # From here on it writes (or finds nothing changed): the statements after this delete,
+            # the fold first, read what the deleted rows' processes had committed.
+            conn.execute("DELETE FROM sv_doc_wanted")
+            conn.execute(PG_FOLD_USAGE)  # the tables hold every increment committed so far
+            conn.execute(PG_FOLD_HEALTH)
             changed = conn.execute("SELECT EXISTS (SELECT FROM sv_usage WHERE txid >= %s::bigint) OR "
                                    "EXISTS (SELECT FROM sv_health WHERE txid >= %s::bigint)", (doc_xmin, doc_xmin)).fetchone()
             if not (changed and changed[0]):
-                return False
+                return True, False
             conn.execute(PG_MIRROR_HEALTH.format(where="txid >= %s::bigint"), (doc_xmin,))
             with conn.cursor() as cur:
                 cur.execute(_USAGE_ROWS.format(order="ord"))
@@ -807,7 +860,7 @@ class PostgresStore:
                          "ON CONFLICT (key) DO UPDATE SET value = excluded.value", (health.TOOL_USAGE_KEY, document))
             conn.execute("UPDATE sv_meta SET doc_xmin = %s, doc_at = %s WHERE id = 1", (xmin, now))
         self.round_trips += 1
-        return True
+        return True, True
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
@@ -819,6 +872,12 @@ class PostgresStore:
 
     def close(self) -> None:
         self._abandon()
+
+
+def _one(conn: psycopg.Connection[tuple[Any, ...]], sql: str, params: Sequence[Any] = ()) -> Any:
+    """The first column of the first row a query answers (None for no row)."""
+    row = conn.execute(sql, params).fetchone()
+    return row[0] if row else None
 
 
 def _cut(conn: psycopg.Connection[tuple[Any, ...]]) -> None:
