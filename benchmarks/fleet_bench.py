@@ -15,6 +15,8 @@ client's CPU per sync (process time), the rows the server read and wrote per syn
 seen waiting on a lock and the most connections (pg_stat_activity, sampled every 0.25 s), and the
 store's totals against every call the processes made and the store acknowledged (exact: 0 lost,
 0 double; a process whose last sync failed says how many calls it closed with unacknowledged).
+Every process closes at the end of the run, after every periodic sync: the longest close is
+reported apart, and the usage document must then hold the store's totals (document_exact).
 
 per-sync: in one process, against the same server and a SQLite file:
 - a one-key sync at 10,000 keys: WAL bytes (PostgreSQL's LSN; the SQLite -wal file's growth) and
@@ -120,8 +122,13 @@ def worker(url: str, period: float, duration: float, seed: int, hold: bool) -> N
             done += 1
             rows += sent
         next_at += period
+    # Every process closes at the end of the run, when no periodic sync is due anywhere: the closes
+    # (each a last sync and, where due, the usage document) are timed apart from the periodic syncs.
+    time.sleep(max(0.0, end - time.time()))
+    closing = time.perf_counter()
     handle.close()
-    print(json.dumps({"calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded, "cpu": cpu, "pulled": pulled[0],
+    closed = time.perf_counter() - closing
+    print(json.dumps({"close": closed, "calls": calls, "due": due, "done": done, "rows": rows, "times": times, "loaded": loaded, "cpu": cpu, "pulled": pulled[0],
                       "acknowledged": handle.synced_usage_calls, "acknowledged_health": handle.synced_calls}),
           flush=True)
 
@@ -215,6 +222,9 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
                                   "(SELECT coalesce(sum(calls), 0) FROM sv_usage_delta)").fetchone()[0]  # type: ignore[index]
         health_total = mon.execute("SELECT (SELECT sum(call_count) FROM sv_health) + (SELECT coalesce(sum(calls), "
                                    "0) FROM sv_health_delta)").fetchone()[0]  # type: ignore[index]
+        # The usage document a plain tracker reads, once the last process has closed.
+        document = mon.execute("SELECT value FROM schema_info WHERE key = 'tool_usage'").fetchone()
+    document_calls = sum(row["calls"] for row in json.loads(document[0])) if document else 0
     good = [r for r in results if r is not None]
     made = seeded + sum(r["calls"] for r in good)
     acked = seeded + sum(r["acknowledged"] for r in good)  # what the store told each process it holds
@@ -228,6 +238,7 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         "syncs_done": done, "syncs_due": sum(r["due"] for r in good),
         "sync_p50_ms": round(pct(times, 0.5) * 1000, 1), "sync_p99_ms": round(pct(times, 0.99) * 1000, 1),
         "sync_max_ms": round(max(times, default=0) * 1000, 1),
+        "close_max_ms": round(max((r["close"] for r in good), default=0) * 1000, 1),
         "wal_bytes_per_sync": round(int(wal) / max(done, 1)),
         "rows_sent_per_sync": round(sum(r["rows"] for r in good) / max(done, 1), 1),
         "rows_pulled_per_sync": round(sum(r["pulled"] for r in good) / max(done, 1), 1),
@@ -240,7 +251,7 @@ def run_fleet(cluster: Any, n: int, period: float, duration: float, bouncer: Any
         "calls_made": made, "calls_acknowledged": acked, "usage_calls_stored": int(usage_total),
         "health_calls_stored": int(health_total),
         "lost": max(acked - int(usage_total), 0), "double": max(int(usage_total) - acked, 0),
-        "health_exact": int(health_total) == acked_health, "unacknowledged_at_close": made - acked,
+        "health_exact": int(health_total) == acked_health, "document_exact": document_calls == int(usage_total), "unacknowledged_at_close": made - acked,
     }
 
 
@@ -503,7 +514,7 @@ def main() -> None:
         for n, period in runs:
             result = run_fleet(cluster, n, period, args.duration, bouncer)
             exact = exact and result["lost"] == result["double"] == result["workers_failed"] == 0 and \
-                result["health_exact"]
+                result["health_exact"] and result["document_exact"]
             print(json.dumps(result), flush=True)
         if args.per_sync:
             print(json.dumps(per_sync(cluster, args.quick)), flush=True)
