@@ -454,8 +454,11 @@ END $$""",
 # The document writers' lock: a transaction-level advisory lock, tried and never waited for
 # (released at commit or rollback, so nothing stays on a connection a pooler hands on).
 PG_DOC_LOCK = 7412093412
-# How many times in a row one call writes the document while others keep asking for it.
-MIRROR_ROUNDS = 3
+# How many times in a row one call writes the document while others keep asking for it. Closing
+# processes are finite, so the rounds end; the bound only keeps a fleet that never stops restarting
+# from holding one close forever. Fewer would leave the document short when a whole fleet closes at
+# once: the last closers' rows would find their writer gone.
+MIRROR_ROUNDS = 100
 
 _PG_NOW = "extract(epoch FROM clock_timestamp())::float8"
 _PG_TIME = "to_char(to_timestamp({0}) AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS')"
