@@ -202,12 +202,10 @@ class DecisionStore:
             raise
 
     def close(self) -> None:
+        from ordanis_veltrane.sharing.stores import close_quietly
+
         conn, self._conn = self._conn, None
-        if conn is not None:
-            try:
-                conn.close()
-            except Exception:
-                pass
+        close_quietly(conn)
 
     def _has_table(self, name: str) -> bool:
         if self.is_postgres:

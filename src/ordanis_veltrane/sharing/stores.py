@@ -867,11 +867,7 @@ class PostgresStore:
 
     def _abandon(self) -> None:
         conn, self._conn = self._conn, None
-        if conn is not None:
-            try:
-                conn.close()
-            except Exception:
-                pass
+        close_quietly(conn)
 
     def close(self) -> None:
         self._abandon()
@@ -881,6 +877,15 @@ def _one(conn: psycopg.Connection[tuple[Any, ...]], sql: str, params: Sequence[A
     """The first column of the first row a query answers (None for no row)."""
     row = conn.execute(sql, params).fetchone()
     return row[0] if row else None
+
+
+def close_quietly(conn: Any) -> None:
+    """Closes a connection that may be broken already; a failure to close it changes nothing."""
+    if conn is not None:
+        try:
+            conn.close()
+        except Exception:
+            pass
 
 
 def _cut(conn: psycopg.Connection[tuple[Any, ...]]) -> None:
