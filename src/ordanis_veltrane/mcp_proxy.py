@@ -332,12 +332,12 @@ class Relay:
             return
         if not isinstance(message, dict):  # a batch: passed on as it is
             if await self._ensure_quietly():
-                await self._send(line)
+                self.downstream.send(line)
             return
         method = message.get("method")
         if method is None:  # the client's answer to a request of the downstream
             if self.downstream.alive:
-                await self._send(line)
+                self.downstream.send(line)
             return
         request_id = message.get("id")
         if request_id is None:
@@ -360,11 +360,11 @@ class Relay:
         elif method == "notifications/initialized":
             self._initialized = line
             if self.downstream.alive:
-                await self._send(line)
+                self.downstream.send(line)
                 self._list_own_soon()
             return
         if self.downstream.alive:
-            await self._send(line)
+            self.downstream.send(line)
 
     async def _client_request(self, request_id: Any, method: str, message: dict[str, Any], line: bytes) -> None:
         try:
@@ -383,7 +383,7 @@ class Relay:
                 self.out.write(rpc_error(request_id, DOWNSTREAM_ERROR, str(down)))
             return
         self._track(request_id, _pending_request(method, message.get("params")))
-        await self._send(line)
+        self.downstream.send(line)
 
     async def _client_initialize(self, request_id: Any, message: dict[str, Any], line: bytes) -> None:
         params = message.get("params")
@@ -435,7 +435,7 @@ class Relay:
             self.out.write(self._tool_error(request_id, str(down)))
             return
         self._track(request_id, _Pending("tools/call", call, tool))
-        await self._send(line)
+        self.downstream.send(line)
 
     def _tool_error(self, request_id: Any, text: str) -> bytes:
         return _tool_result(request_id, text, True, self.stateless)
@@ -528,9 +528,6 @@ class Relay:
 
     # ------------------------------------------------------------ the downstream's life
 
-    async def _send(self, data: bytes) -> None:
-        self.downstream.send(data)
-
     async def _ensure_quietly(self) -> bool:
         try:
             await self._ensure()
@@ -558,7 +555,7 @@ class Relay:
                     await self._start(own, dump({"jsonrpc": "2.0", "id": own, "method": "initialize",
                                                   "params": self._initialize}))
                     if self.ready and self._initialized is not None:
-                        await self._send(self._initialized)
+                        self.downstream.send(self._initialized)
                         self._list_own_soon()
         if not self.ready:
             assert self._ready_event is not None
@@ -579,7 +576,7 @@ class Relay:
         if self.downstream.alive:
             self.downstream.kill()  # started for a request without a handshake, or still silent
         await self.downstream.start()
-        await self._send(initialize)
+        self.downstream.send(initialize)
         if self._watchdog is not None:
             self._watchdog.cancel()
         if self.call_timeout is not None:
@@ -647,7 +644,7 @@ class Relay:
                 params: dict[str, Any] = {} if cursor is None else {"cursor": cursor}
                 if self._initialize is None and self._meta is not None:
                     params["_meta"] = self._meta  # the client's stamp: version and capabilities
-                await self._send(dump({"jsonrpc": "2.0", "id": own, "method": "tools/list", "params": params}))
+                self.downstream.send(dump({"jsonrpc": "2.0", "id": own, "method": "tools/list", "params": params}))
                 with anyio.fail_after(self.call_timeout or None):
                     answer = await waiter
                 result = answer.get("result") if isinstance(answer, dict) else None
