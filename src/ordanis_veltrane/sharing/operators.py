@@ -137,13 +137,16 @@ class DecisionStore:
         self.description = redact_url(target) if self.is_postgres else os.fspath(target)
         self._conn: Any = None
         self._borrow = borrow if self.is_postgres else None
-        # A URL's hold_connection=false: the connection is let go after each reading of the decisions.
+        # The URL without the parameters this package reads itself, which libpq refuses; a URL's
+        # hold_connection=false lets the connection go after each reading of the decisions.
         self.hold_connection = True
+        self._url, self._bad_url = os.fspath(target), ""
         if self.is_postgres:
             try:
-                self.hold_connection = store_options(str(target))[1].get("hold_connection", True)
-            except ValueError:
-                pass  # refused with its reason when it connects
+                self._url, options = store_options(str(target))
+                self.hold_connection = options.get("hold_connection", True)
+            except ValueError as exc:
+                self._bad_url = str(exc)  # refused with its reason when it connects
 
     # -- the connection
 
@@ -153,14 +156,10 @@ class DecisionStore:
                 import psycopg
             except ImportError:
                 raise StoreError("a postgresql:// store needs psycopg: pip install 'ordanis-veltrane-health[postgres]'")
-            from ordanis_veltrane.sharing.targets import store_options
-
-            try:  # without the parameters this package reads itself (hold_connection), which libpq refuses
-                url = store_options(str(self.target))[0]
-            except ValueError as exc:
-                raise StoreError(str(exc)) from None
+            if self._bad_url:
+                raise StoreError(self._bad_url)
             try:
-                return psycopg.connect(url, autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
+                return psycopg.connect(self._url, autocommit=True, connect_timeout=CONNECT_TIMEOUT_S,
                                        application_name="ordanis_veltrane.operators")
             except psycopg.Error as exc:
                 raise StoreError(f"cannot connect to {self.description}: {_first_line(exc)}") from None
@@ -182,12 +181,13 @@ class DecisionStore:
     def _query(self, sql: str, params: Sequence[Any] = (), fetch: bool = True) -> list[tuple[Any, ...]]:
         if self.is_postgres:
             sql = sql.replace("?", "%s")
-        if self._borrow is not None and self._conn is None:
+        if self._borrow is not None:
             try:
                 found, missing = self._borrow(lambda conn: _borrowed_query(conn, sql, params, fetch))
             except LookupError:
                 pass
             else:
+                self.close()  # one opened while there was nothing to borrow is not needed any more
                 if missing is not None:
                     raise _MissingTable(missing)
                 return list(found)

@@ -447,7 +447,7 @@ END $$""",
     """DROP INDEX IF EXISTS sv_health_version""",  # the version column is no longer read: not worth indexing
     """DROP INDEX IF EXISTS sv_usage_version""",
     # A process that could not write the usage document at once leaves a row here for the writer
-    # that holds it (see PostgresStore._write_mirrors).
+    # that holds it (see PostgresStore.write_mirror).
     """CREATE TABLE IF NOT EXISTS sv_doc_wanted (wanted_at DOUBLE PRECISION NOT NULL)""",
     """INSERT INTO sv_meta (id, version) VALUES (1, 1) ON CONFLICT (id) DO NOTHING""",
 )
@@ -659,9 +659,10 @@ class PostgresStore:
             if usage:
                 cur.execute(PG_MERGE_USAGE, _columns(usage, 8))
 
-    def _run(self, work: Callable[[psycopg.Connection[tuple[Any, ...]]], _T]) -> _T:
-        """``work`` in a connection, cut from this side should the server stop answering; a store
-        whose tables went missing is made again and tried once more."""
+    def run(self, work: Callable[[psycopg.Connection[tuple[Any, ...]]], _T]) -> _T:
+        """``work`` on this store's connection (autocommit), as every exchange runs: connected if
+        needed, cut from this side should the server stop answering, let go afterwards unless the
+        connection is held; a store whose tables went missing is made again and tried once more."""
         import psycopg
 
         for attempt in (0, 1):
@@ -689,11 +690,6 @@ class PostgresStore:
             return result
         raise AssertionError("unreachable")
 
-    def run(self, work: Callable[[psycopg.Connection[tuple[Any, ...]]], _T]) -> _T:
-        """``work`` on this store's connection (autocommit), as a sync's work is run: connected if
-        needed, cut if the server stops answering, let go afterwards unless the connection is held."""
-        return self._run(work)
-
     def exchange(self, pid: str, batches: Sequence[Batch]) -> Pulled:
         def work(conn: psycopg.Connection[tuple[Any, ...]]) -> Pulled:
             pulled = self._exchange(conn, pid, batches)
@@ -705,7 +701,7 @@ class PostgresStore:
                     self._abandon()
             return pulled
 
-        return self._run(work)
+        return self.run(work)
 
     def _fold_increments(self, conn: psycopg.Connection[tuple[Any, ...]], every_s: float) -> bool:
         """Moves the appended increments into the totals when the last fold is ``every_s`` old (a time
@@ -806,10 +802,10 @@ class PostgresStore:
         writes as P did. A writer that has written MIRROR_ROUNDS times in a row, each time finding
         new wanted rows, leaves them to the next writer."""
         if not force:
-            return self._mirror.due() and self._run(lambda conn: self._write_mirror(conn, False))[1]
+            return self._mirror.due() and self.run(lambda conn: self._write_mirror(conn, False))[1]
         wrote = asked = False
         for _ in range(MIRROR_ROUNDS):
-            held, written, left = self._run(lambda conn: self._forced_round(conn, asked))
+            held, written, left = self.run(lambda conn: self._forced_round(conn, asked))
             wrote = wrote or written
             if not (held and left):
                 return wrote
